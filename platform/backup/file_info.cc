@@ -1,1 +1,14 @@
-// placeholder, filled in shortly
+#include "backup/file_info.h"
+
+namespace TAVO {
+namespace Backup {
+
+void FileInfo::clear() {
+    _type = TYPE_UNKNOWN;
+    _size = 0;
+    _mtime = 0;
+    _checksum.clear();
+}
+
+}  // namespace Backup
+}  // namespace TAVO

@@ -1,0 +1,137 @@
+// Temporary files, privileges, the error state and the JSON text helpers.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include "backup/error.h"
+#include "backup/json_text.h"
+#include "backup/process_privilege.h"
+#include "backup/repository.h"
+#include "backup/scoped_temp_file.h"
+
+using namespace TAVO::Backup;
+
+namespace {
+std::string makeTempDir() {
+    char tmpl[] = "/tmp/platform-test-XXXXXX";
+    char* dir = mkdtemp(tmpl);
+    return dir ? dir : "";
+}
+bool exists(std::string const& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+}
+}  // namespace
+
+TEST(ScopedTempFile, LivesBesideTargetAndVanishesUnlessRenamed) {
+    std::string dir = makeTempDir();
+    std::string target = dir + "/file";
+    std::string path;
+    {
+        ScopedTempFile tmp(target, true);
+        ASSERT_TRUE(tmp.isValid());
+        path = tmp.getPath();
+        EXPECT_EQ(0u, path.find(dir + "/.file.tmp."));
+        struct stat st;
+        ASSERT_EQ(0, ::stat(path.c_str(), &st));
+        EXPECT_EQ(0600u, st.st_mode & 0777);
+    }
+    EXPECT_FALSE(exists(path));
+    {
+        ScopedTempFile tmp(target, true);
+        std::ofstream(tmp.getPath()) << "new";
+        ASSERT_TRUE(tmp.rename(target));
+    }
+    std::string content;
+    std::ifstream(target) >> content;
+    EXPECT_EQ("new", content);
+    ScopedTempFile missing(dir + "/no/such/dir/file", true);
+    EXPECT_FALSE(missing.isValid());
+    EXPECT_EQ(ENOENT, errno);
+    unlink(target.c_str());
+    rmdir(dir.c_str());
+}
+
+TEST(ScopedTempFile, FailedRenameKeepsOwnership) {
+    std::string dir = makeTempDir();
+    std::string path;
+    {
+        ScopedTempFile tmp(dir + "/f", false);
+        path = tmp.getPath();
+        EXPECT_FALSE(tmp.rename(dir + "/missing/f"));
+        EXPECT_TRUE(exists(path));
+    }
+    EXPECT_FALSE(exists(path));
+    rmdir(dir.c_str());
+}
+
+TEST(ProcessPrivilege, CarriesOnUnlessForcedToFail) {
+    {
+        ProcessPrivilege p;
+        EXPECT_TRUE(p.BeRoot());
+    }
+    ProcessPrivilege::forceFailureForTesting(true);
+    {
+        ProcessPrivilege p;
+        EXPECT_FALSE(p.BeRoot());
+        EXPECT_EQ(EPERM, errno);
+    }
+    ProcessPrivilege::forceFailureForTesting(false);
+}
+
+TEST(ErrorState, IsPerThread) {
+    setError(2003);
+    int other = -1;
+    std::thread([&] { other = getError(); }).join();
+    EXPECT_EQ(0, other);
+    EXPECT_EQ(2003, getError());
+    EXPECT_EQ(ERR_LOCAL_NOT_FOUND, getErrorCodeByLibcStat(ENOENT, true));
+    EXPECT_EQ(ERR_LOCAL_NO_SPACE, getErrorCodeByLibcFileIo(ENOSPC, true));
+    EXPECT_EQ(ERR_GENERAL, getErrorCodeByLibcFileIo(EBADF, true));
+}
+
+TEST(TargetCache, MakesThePerTargetFolder) {
+    Repository repo;
+    EXPECT_EQ("", TargetCache::getCachePath(repo, "T"));
+    std::string dir = makeTempDir();
+    repo.setCacheRoot(dir + "/cache");
+    std::string got = TargetCache::getCachePath(repo, "T");
+    EXPECT_EQ(dir + "/cache/T", got);
+    EXPECT_TRUE(exists(got));
+    rmdir(got.c_str());
+    rmdir((dir + "/cache").c_str());
+    rmdir(dir.c_str());
+}
+
+TEST(JsonText, WritesOneSortedLine) {
+    Json::Value v;
+    v["n"] = "a\"b\\c\n\x01/\xc3\xa9";
+    v["d"] = true;
+    v["p"] = Json::Value(Json::arrayValue);
+    v["p"].append("x");
+    v["i"] = -5;
+    v["r"] = 0.5;
+    v["z"] = Json::Value();
+    EXPECT_EQ("{\"d\":true,\"i\":-5,\"n\":\"a\\\"b\\\\c\\n\\u0001/\xc3\xa9\",\"p\":[\"x\"],"
+              "\"r\":0.5,\"z\":null}",
+              TAVO::JsonText::toString(v));
+    Json::Value back;
+    ASSERT_TRUE(TAVO::JsonText::fromString(TAVO::JsonText::toString(v), back));
+    EXPECT_EQ(v, back);
+}
+
+TEST(JsonText, ParserIsStrict) {
+    Json::Value v;
+    EXPECT_TRUE(TAVO::JsonText::fromString("{\"a\":1}\n", v));
+    EXPECT_EQ(1, v["a"].asInt());
+    for (std::string bad : std::vector<std::string>{"", "{", "{\"a\":1} x", "{\"a\":1}{}", "{'a':1}", "{\"a\":1,\"a\":2}",
+                            "// c\n{}", std::string("{\"a\":\"x\0\"}", 10), "\x01\x02"}) {
+        SCOPED_TRACE(bad);
+        EXPECT_FALSE(TAVO::JsonText::fromString(bad, v));
+    }
+}
