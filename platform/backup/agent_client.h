@@ -7,8 +7,8 @@
 #include <sys/types.h>
 
 #include <boost/function.hpp>
-
 #include <string>
+#include <vector>
 
 #include "core/pipe_open.h"
 
@@ -16,7 +16,7 @@ namespace TAVO {
 namespace Backup {
 
 class AgentClient {
-public:
+  public:
     typedef boost::function<bool(Json::Value const&)> RetryPredicate;
 
     AgentClient();
@@ -33,53 +33,72 @@ public:
     // Writes into `response` the failure that stands for a canceled request.
     virtual bool fillCanceledResponse(Json::Value& response) const = 0;
 
-    // Retry policy of send():
+    // Retry policy of send() and readResponse():
     //  - `maxAttempts`: how many times one request is sent at most (the first
     //    attempt included); values below 1 count as 1.
     //  - `pauseUnits`: the pause before the first retry, in pause units (one
     //    second each in production); each further retry doubles it, up to 32
-    //    units, so 5 gives 5, 10, 20, 32, 32, ... seconds, the exponential
-    //    back-off Drive asks for on rate limits. readResponse() pauses
-    //    `pauseUnits` before returning a retryable failure.
-    //  - `needRetry`: true for a failed response worth sending again.
-    // The environment variable TAVO_AGENT_PAUSE_UNIT_MS overrides the length of
-    // one pause unit in milliseconds (tests set it to 0 or 1).
+    //    units (a larger `pauseUnits` stays as given), so 5 gives 5, 10, 20,
+    //    32, 32, ... seconds: the exponential back-off Drive asks for on rate
+    //    limits. 0 or less: no pause.
+    //  - `needRetry`: true for a failed response worth sending again; empty
+    //    means nothing is retried.
+    // The pause is taken inside readResponse(), before it returns a retryable
+    // failure, so that a caller running its own send/read loop backs off too.
+    // The k-th retryable failure in a row (counted since the last other
+    // answer) pauses for the k-th step; the failure that spends the budget
+    // (the `maxAttempts`-th in a row) returns at once and restarts the count.
+    // The environment variable TAVO_AGENT_PAUSE_UNIT_MS, read at each pause,
+    // overrides the length of one pause unit in milliseconds (tests set it to
+    // 0 or 1); a value that is not a whole number of 0 or more is ignored.
     void setRetryPolicy(int maxAttempts, int pauseUnits, RetryPredicate needRetry);
 
-    // Stores the channel's cancel predicate, polled before each attempt and
-    // during pauses. Always true.
+    // Stores the channel's cancel predicate, polled by send() before each
+    // attempt and by every pause (at least every 50 ms). Never polled while
+    // blocked reading or writing. Always true.
     bool setCancelHook(boost::function<bool()> hook);
 
     // True while a started helper is attached.
     bool isConnected() const { return _pipe != nullptr; }
 
-    // Ends the helper: closes its stdin, waits up to 2 s for it to exit, then
-    // kills it; always reaps it. Harmless when not connected.
+    // Ends the helper: closes both pipe ends (its stdin sees end of file),
+    // waits up to 2 s for it to exit, then kills it with SIGKILL; always reaps
+    // it, so no zombie is left. Bytes read but not consumed are dropped.
+    // Harmless when not connected. TAVO_AGENT_CLOSE_GRACE_MS overrides the
+    // grace time in milliseconds (tests shorten it).
     void close();
 
-    // Reads the next line of the helper's output, without its line feed.
-    // False when nothing could be read (helper gone, or not connected); the
+    // Reads the next line of the helper's output, without its line feed, as
+    // plain text. False when no complete line could be read (not connected,
+    // or the helper closed its output or died, possibly mid-line); the
     // channel is closed then.
     bool readString(std::string& line);
 
-    // Writes `request` as one line. False when not connected or the helper no
-    // longer reads (the channel is closed then).
+    // Writes `request` as one line of compact JSON. False when not connected
+    // or the helper no longer reads (the channel is closed then); a helper
+    // that has gone never raises SIGPIPE in the host. Blocks while the
+    // helper's input pipe is full.
     bool sendRequest(Json::Value const& request);
 
     // Reads the next message into `response`. True when it is a success by
     // isSuccessResponse. On false `response` is the failure: the helper's own
     // failure response, or one made up by the channel ({"success": false,
-    // "error_code": -1, "error_message": ...}) when the helper died, closed its
-    // output or wrote a line that is not JSON (the channel is then closed), or
-    // the canceled response when the cancel hook fired. `retry` is set to the
-    // retry predicate's verdict on a failure and to false otherwise.
+    // "error_code": -1, "error_message": ...}) when not connected, or when the
+    // helper died, closed its output or wrote a line that is not a JSON
+    // object (the channel is then closed and the helper reaped), or the
+    // canceled response when the cancel hook fired during the retry pause.
+    // `retry` is the retry predicate's verdict on the helper's own failure,
+    // and false on success, on a failure made by the channel and on cancel.
+    // A retryable failure pauses first (see setRetryPolicy).
     bool readResponse(Json::Value& response, bool& retry);
 
     // One complete exchange under the retry policy: sends `request`, reads the
     // answer, and while the answer is a retryable failure and attempts remain,
     // pauses and sends again (reconnecting is the caller's business: a closed
-    // channel ends the exchange). True when the final answer is a success; on
-    // false `response` holds the final failure.
+    // channel ends the exchange). The cancel hook is polled before each
+    // attempt: when it fires nothing more is sent and `response` is the
+    // canceled response. True when the final answer is a success; on false
+    // `response` holds the final failure.
     bool send(Json::Value const& request, Json::Value& response);
 
     // The engine's user-agent text, "TavoBackup/<version> (<system> <machine>)";
@@ -87,7 +106,7 @@ public:
     // (an empty value makes it empty) for tests.
     static std::string getTavoUserAgent();
 
-protected:
+  protected:
     // Filled by TAVOPipeOpen in a subclass's connect().
     pid_t _child_pid = -1;
     // The pipe handle of the attached helper; null when not connected.
@@ -95,17 +114,31 @@ protected:
 
     bool isCanceled() const { return _cancel_hook && _cancel_hook(); }
 
-private:
+  private:
+    // Finds the next complete line in [begin, end), without its line feed,
+    // reading from the helper as needed; valid until the next read. False
+    // with `why` set when no line can be had (the channel is left as it is).
+    bool nextLine(char const*& begin, char const*& end, char const*& why);
+    // Writes all of `text`; false with `why` set when the helper no longer reads.
+    bool writeAll(std::string const& text, char const*& why);
+    // Logs why the channel failed, then closes it.
+    void dropChannel(char const* why);
     void fillChannelFailure(Json::Value& response, char const* why) const;
-    // Sleeps `units` pause units, waking early when the cancel hook fires.
-    void pause(int units) const;
+    // Pause units before the `retry`-th retry in a row (1-based).
+    int backoffUnits(int retry) const;
+    // Sleeps `units` pause units; false (early) when the cancel hook fires.
+    bool pause(int units) const;
 
     int _max_attempts = 1;
     int _pause_units = 0;
     RetryPredicate _need_retry;
     boost::function<bool()> _cancel_hook;
-    std::string _read_buffer;  // bytes read but not yet consumed
+    int _retry_streak = 0;  // retryable failures in a row from readResponse()
+    // Bytes read from the helper: [_read_pos, _read_end) not yet consumed.
+    std::vector<char> _read_buffer;
     size_t _read_pos = 0;
+    size_t _read_end = 0;
+    char const* _send_failure = nullptr;  // why the last sendRequest() failed
 };
 
 }  // namespace Backup

@@ -1,0 +1,373 @@
+// The helper channel against a scripted fake helper (fake_agent.cc).
+#include "backup/agent_client.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <time.h>
+
+#include <chrono>
+#include <string>
+
+#include "support/syslog_capture.h"
+
+namespace TAVO {
+namespace Backup {
+namespace {
+
+// Starts fake_agent with one script, as a subclass's connect() starts its helper.
+class FakeAgentClient : public AgentClient {
+  public:
+    bool start(std::string const& script) {
+        _script = script;
+        return connect("", "", true);
+    }
+    bool connect(std::string const&, std::string const&, bool) override {
+        close();
+        _pipe = TAVOPipeOpen(&_child_pid, FAKE_AGENT_PATH, _script.c_str(), nullptr);
+        return _pipe != nullptr;
+    }
+    bool isSuccessResponse(Json::Value const& response) const override {
+        return response.get("success", false).asBool();
+    }
+    bool fillCanceledResponse(Json::Value& response) const override {
+        response.clear();
+        response["success"] = false;
+        response["error_code"] = -3;
+        response["error_message"] = "user canceled";
+        return true;
+    }
+    pid_t childPid() const { return _child_pid; }
+
+  private:
+    std::string _script;
+};
+
+bool retryServerErrors(Json::Value const& response) {
+    int code = response.get("error_code", -1).asInt();
+    return code >= 500 && code <= 599;
+}
+
+bool retryEverything(Json::Value const&) { return true; }
+
+// True once `pid` is neither running nor a zombie of ours.
+bool isReaped(pid_t pid) {
+    errno = 0;
+    return waitpid(pid, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+long elapsedMs(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 since)
+        .count();
+}
+
+Json::Value request(std::string const& fn) {
+    Json::Value value;
+    value["fn"] = fn;
+    return value;
+}
+
+class AgentClientTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        signal(SIGPIPE, SIG_DFL);
+        setenv("TAVO_AGENT_PAUSE_UNIT_MS", "0", 1);
+        unsetenv("TAVO_AGENT_CLOSE_GRACE_MS");
+        TestSupport::clearSyslog();
+        client.setRetryPolicy(10, 1, retryServerErrors);
+    }
+
+    FakeAgentClient client;
+    Json::Value response;
+};
+
+// --- retry policy -----------------------------------------------------------
+
+TEST_F(AgentClientTest, RetryableFailuresAreSentAgainUntilSuccess) {
+    ASSERT_TRUE(client.start("fail:503;fail:500;fail:503;echo"));
+    Json::Value const sent = request("getObjectMeta");
+    ASSERT_TRUE(client.send(sent, response));
+    EXPECT_EQ(4, response["n"].asInt()) << "the helper saw every attempt";
+    EXPECT_EQ(sent, response["request"]) << "each attempt carries the same request";
+}
+
+TEST_F(AgentClientTest, NonRetryableFailureIsFinalAtOnce) {
+    ASSERT_TRUE(client.start("fail:404;echo"));
+    EXPECT_FALSE(client.send(request("a"), response));
+    EXPECT_EQ(404, response["error_code"].asInt());
+    EXPECT_EQ("fake failure", response["error_message"].asString());
+    EXPECT_TRUE(client.isConnected());
+    ASSERT_TRUE(client.send(request("b"), response));
+    EXPECT_EQ(2, response["n"].asInt()) << "the failed request was sent once";
+}
+
+TEST_F(AgentClientTest, BudgetCountsEveryAttempt) {
+    struct Case {
+        int maxAttempts;
+        int sends;
+    } const cases[] = {{3, 3}, {1, 1}, {0, 1}, {-2, 1}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE("maxAttempts " + std::to_string(c.maxAttempts));
+        client.setRetryPolicy(c.maxAttempts, 1, retryServerErrors);
+        ASSERT_TRUE(client.start("fail:503;fail:503;fail:503;fail:503;echo"));
+        EXPECT_FALSE(client.send(request("a"), response));
+        EXPECT_EQ(503, response["error_code"].asInt());
+        EXPECT_EQ(c.sends, response["n"].asInt());
+        client.close();
+    }
+}
+
+TEST_F(AgentClientTest, PausesDoubleAndFollowTheUnitOverride) {
+    // Units 1 then 2 of 40 ms: 120 ms. Without doubling it would be 80 ms;
+    // with the default one-second unit, 3 s.
+    setenv("TAVO_AGENT_PAUSE_UNIT_MS", "40", 1);
+    ASSERT_TRUE(client.start("fail:503;fail:503;echo"));
+    auto const started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(client.send(request("a"), response));
+    long const took = elapsedMs(started);
+    EXPECT_GE(took, 120);
+    EXPECT_LT(took, 1000);
+}
+
+TEST_F(AgentClientTest, CancelHookCutsPauseShort) {
+    setenv("TAVO_AGENT_PAUSE_UNIT_MS", "10000", 1);
+    int polls = 0;
+    client.setCancelHook([&polls] { return ++polls > 1; });  // false before sending only
+    ASSERT_TRUE(client.start("fail:503;echo"));
+    auto const started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(client.send(request("a"), response));
+    EXPECT_LT(elapsedMs(started), 1000);
+    EXPECT_EQ(-3, response["error_code"].asInt());
+    EXPECT_EQ(3u, response.size()) << "only the canceled response's members";
+
+    client.setCancelHook(boost::function<bool()>());
+    ASSERT_TRUE(client.send(request("b"), response));
+    EXPECT_EQ(2, response["n"].asInt()) << "the canceled request was not sent again";
+}
+
+TEST_F(AgentClientTest, CancelBeforeSendingSendsNothing) {
+    client.setCancelHook([] { return true; });
+    ASSERT_TRUE(client.start(""));
+    EXPECT_FALSE(client.send(request("a"), response));
+    EXPECT_EQ(-3, response["error_code"].asInt());
+    EXPECT_EQ("user canceled", response["error_message"].asString());
+
+    client.setCancelHook([] { return false; });
+    ASSERT_TRUE(client.send(request("b"), response));
+    EXPECT_EQ(1, response["n"].asInt());
+    EXPECT_EQ("b", response["request"]["fn"].asString());
+}
+
+// What a caller running its own send/read loop sees.
+TEST_F(AgentClientTest, ReadResponseReportsTheRetryVerdict) {
+    ASSERT_TRUE(client.start("fail:503;fail:404;echo"));
+    bool retry = false;
+    ASSERT_TRUE(client.sendRequest(request("a")));
+    EXPECT_FALSE(client.readResponse(response, retry));
+    EXPECT_TRUE(retry);
+    ASSERT_TRUE(client.sendRequest(request("a")));
+    EXPECT_FALSE(client.readResponse(response, retry));
+    EXPECT_FALSE(retry);
+    EXPECT_EQ(404, response["error_code"].asInt());
+    ASSERT_TRUE(client.sendRequest(request("a")));
+    EXPECT_TRUE(client.readResponse(response, retry));
+    EXPECT_FALSE(retry);
+}
+
+// --- a helper that misbehaves ---------------------------------------------
+
+class MisbehavingHelperTest : public AgentClientTest,
+                              public ::testing::WithParamInterface<char const*> {};
+
+TEST_P(MisbehavingHelperTest, FailsTheExchangeClosesAndReaps) {
+    // Even a predicate that retries everything must not resend on a dead channel.
+    client.setRetryPolicy(5, 1, retryEverything);
+    ASSERT_TRUE(client.start(GetParam()));
+    pid_t const pid = client.childPid();
+    EXPECT_FALSE(client.send(request("a"), response));
+    EXPECT_FALSE(response["success"].asBool());
+    EXPECT_EQ(-1, response["error_code"].asInt());
+    EXPECT_FALSE(response["error_message"].asString().empty());
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_TRUE(isReaped(pid));
+    EXPECT_TRUE(TestSupport::syslogHas("helper channel closed", LOG_ERR));
+}
+
+INSTANTIATE_TEST_SUITE_P(Helpers, MisbehavingHelperTest,
+                         ::testing::Values("die",                        // killed mid-request
+                                           "closeout",                   // closes its output
+                                           "reply:this is not json",     // garbage
+                                           "reply:[true]",               // JSON, not an object
+                                           "reply:{\"success\":true",    // truncated JSON
+                                           "partial:{\"success\":true}"  // no line feed, then exit
+                                           ));
+
+TEST_F(AgentClientTest, RetryableFailureReadAfterHelperDiedIsNotRetried) {
+    bool retry = true;
+    ASSERT_TRUE(client.start("die"));
+    ASSERT_TRUE(client.sendRequest(request("a")));
+    EXPECT_FALSE(client.readResponse(response, retry));
+    EXPECT_FALSE(retry);
+    EXPECT_FALSE(client.sendRequest(request("a"))) << "the channel is closed";
+}
+
+TEST_F(AgentClientTest, WriteToVanishedHelperDoesNotRaiseSigpipe) {
+    ASSERT_TRUE(client.start("closein"));
+    pid_t const pid = client.childPid();
+    std::string line;
+    ASSERT_TRUE(client.readString(line));
+    ASSERT_EQ("stdin closed", line);
+    // With SIGPIPE at its default action, a stray one would end this test.
+    EXPECT_FALSE(client.sendRequest(request("a")));
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_TRUE(isReaped(pid));
+    sigset_t pending, mask;
+    sigpending(&pending);
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_FALSE(sigismember(&pending, SIGPIPE));
+    EXPECT_FALSE(sigismember(&mask, SIGPIPE)) << "the signal mask is put back";
+}
+
+TEST_F(AgentClientTest, HostsOwnPendingSigpipeIsLeftPending) {
+    sigset_t pipeOnly, old;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &old);
+    raise(SIGPIPE);
+
+    ASSERT_TRUE(client.start("closein"));
+    std::string line;
+    ASSERT_TRUE(client.readString(line));
+    EXPECT_FALSE(client.sendRequest(request("a")));
+
+    sigset_t pending, mask;
+    sigpending(&pending);
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_TRUE(sigismember(&pending, SIGPIPE));
+    EXPECT_TRUE(sigismember(&mask, SIGPIPE));
+    struct timespec now = {0, 0};
+    EXPECT_EQ(SIGPIPE, sigtimedwait(&pipeOnly, nullptr, &now));
+    EXPECT_EQ(-1, sigtimedwait(&pipeOnly, nullptr, &now)) << "only one was pending";
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+// --- reading ------------------------------------------------------------------
+
+TEST_F(AgentClientTest, ReadStringReturnsLinesAsWritten) {
+    // Both lines arrive in one write: the second must come from the buffer.
+    ASSERT_TRUE(client.start("say:start|second line;echo"));
+    std::string line;
+    ASSERT_TRUE(client.readString(line));
+    EXPECT_EQ("start", line);
+    ASSERT_TRUE(client.readString(line));
+    EXPECT_EQ("second line", line);
+    ASSERT_TRUE(client.send(request("a"), response));
+    EXPECT_EQ(1, response["n"].asInt());
+}
+
+TEST_F(AgentClientTest, ReadStringFailsAndClosesWhenHelperEnds) {
+    ASSERT_TRUE(client.start("say:ready;exit"));
+    pid_t const pid = client.childPid();
+    std::string line;
+    ASSERT_TRUE(client.readString(line));
+    EXPECT_EQ("ready", line);
+    EXPECT_FALSE(client.readString(line));
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_TRUE(isReaped(pid));
+}
+
+TEST_F(AgentClientTest, LongMessagesCrossTheBufferIntact) {
+    ASSERT_TRUE(client.start(""));
+    std::string payload(1024 * 1024 + 17, 'x');
+    for (size_t i = 0; i < payload.size(); i += 4099) payload[i] = static_cast<char>('a' + i % 26);
+    Json::Value sent = request("big");
+    sent["data"] = payload;
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(client.send(sent, response));
+        EXPECT_EQ(payload, response["request"]["data"].asString());
+    }
+    ASSERT_TRUE(client.send(request("small"), response));
+    EXPECT_EQ(3, response["n"].asInt());
+}
+
+TEST_F(AgentClientTest, NothingWorksWhenNotConnected) {
+    std::string line;
+    bool retry = true;
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_FALSE(client.sendRequest(request("a")));
+    EXPECT_FALSE(client.readString(line));
+    EXPECT_FALSE(client.readResponse(response, retry));
+    EXPECT_FALSE(retry);
+    EXPECT_EQ(-1, response["error_code"].asInt());
+    EXPECT_FALSE(client.send(request("a"), response));
+    EXPECT_EQ(-1, response["error_code"].asInt());
+    EXPECT_EQ("not connected", response["error_message"].asString());
+    client.close();  // harmless
+}
+
+// --- ending the helper ------------------------------------------------------
+
+TEST_F(AgentClientTest, CloseKillsHelperThatIgnoresEndOfInput) {
+    setenv("TAVO_AGENT_CLOSE_GRACE_MS", "50", 1);
+    ASSERT_TRUE(client.start("hang"));
+    pid_t const pid = client.childPid();
+    auto const started = std::chrono::steady_clock::now();
+    client.close();
+    long const took = elapsedMs(started);
+    EXPECT_GE(took, 50) << "the helper gets its grace time";
+    EXPECT_LT(took, 1000);
+    EXPECT_TRUE(isReaped(pid));
+    EXPECT_FALSE(client.isConnected());
+}
+
+TEST_F(AgentClientTest, CloseLetsWellBehavedHelperExit) {
+    ASSERT_TRUE(client.start(""));
+    pid_t const pid = client.childPid();
+    auto const started = std::chrono::steady_clock::now();
+    client.close();
+    EXPECT_LT(elapsedMs(started), 1000) << "no waiting out the two-second grace";
+    EXPECT_TRUE(isReaped(pid));
+}
+
+TEST_F(AgentClientTest, ReconnectAndDestructionReapEveryHelper) {
+    pid_t first, second;
+    {
+        FakeAgentClient local;
+        ASSERT_TRUE(local.start(""));
+        first = local.childPid();
+        ASSERT_TRUE(local.start(""));
+        second = local.childPid();
+        EXPECT_NE(first, second);
+        EXPECT_TRUE(isReaped(first));
+        EXPECT_EQ(0, kill(second, 0)) << "the new helper runs";
+    }
+    EXPECT_TRUE(isReaped(second));
+}
+
+// --- user agent -------------------------------------------------------------
+
+TEST(TavoUserAgentTest, BuiltFromTheSystemUnlessOverridden) {
+    unsetenv("TAVO_USER_AGENT_OVERRIDE");
+    struct utsname system;
+    ASSERT_EQ(0, uname(&system));
+    std::string const agent = AgentClient::getTavoUserAgent();
+    EXPECT_EQ(0u, agent.find("TavoBackup/")) << agent;
+    std::string const tail = std::string(" (") + system.sysname + " " + system.machine + ")";
+    ASSERT_GT(agent.size(), tail.size());
+    EXPECT_EQ(tail, agent.substr(agent.size() - tail.size())) << agent;
+
+    setenv("TAVO_USER_AGENT_OVERRIDE", "Probe/2", 1);
+    EXPECT_EQ("Probe/2", AgentClient::getTavoUserAgent());
+    setenv("TAVO_USER_AGENT_OVERRIDE", "", 1);
+    EXPECT_EQ("", AgentClient::getTavoUserAgent());
+    unsetenv("TAVO_USER_AGENT_OVERRIDE");
+}
+
+}  // namespace
+}  // namespace Backup
+}  // namespace TAVO
