@@ -1,0 +1,147 @@
+// Writing the node cache file, and the debugging dump.
+#include <syslog.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "backup/process_privilege.h"
+#include "backup/scoped_temp_file.h"
+#include "file_meta_store.h"
+#include "file_meta_store_format.h"
+
+namespace TAVO {
+namespace Backup {
+namespace GoogleDriveTA {
+
+using internal::PoolString;
+
+namespace {
+char const kLogSource[] = "file_meta_store";
+// Lines are gathered in memory and written in pieces of about this size.
+size_t const kWriteChunk = size_t(1) << 20;
+
+// Gathers text in a buffer and hands it to a stream in large pieces.
+class ChunkWriter {
+  public:
+    explicit ChunkWriter(FILE* stream) : _stream(stream), _buffer(kWriteChunk) {}
+    ChunkWriter(ChunkWriter const&) = delete;
+    ChunkWriter& operator=(ChunkWriter const&) = delete;
+    ~ChunkWriter() { flush(); }
+
+    // Room for `bytes` more bytes; commit() says how much was used.
+    char* reserve(size_t bytes) {
+        if (_used + bytes > _buffer.size()) {
+            flush();
+            if (bytes > _buffer.size()) _buffer.resize(bytes);
+        }
+        return _buffer.data() + _used;
+    }
+    void commit(char* end) { _used = static_cast<size_t>(end - _buffer.data()); }
+    void write(std::string_view text) {
+        char* out = reserve(text.size());
+        if (!text.empty()) memcpy(out, text.data(), text.size());
+        commit(out + text.size());
+    }
+    void flush() {
+        if (_used) fwrite(_buffer.data(), 1, _used, _stream);
+        _used = 0;
+    }
+
+  private:
+    FILE* _stream;
+    std::vector<char> _buffer;
+    size_t _used = 0;
+};
+
+}  // namespace
+
+bool FileMetaStore::save(std::string const& path) {
+    if (!_dirty) return true;
+    std::string const& target = path.empty() ? _path : path;
+    if (target.empty()) {
+        syslog(LOG_ERR, "%s:%d invalid path", kLogSource, __LINE__);
+        return false;
+    }
+    ProcessPrivilege privilege;
+    if (!privilege.BeRoot()) {
+        syslog(LOG_ERR, "%s:%d be root failed. %m", kLogSource, __LINE__);
+        return false;
+    }
+    ScopedTempFile temp(target, true);
+    if (!temp.isValid()) {
+        syslog(LOG_ERR, "%s:%d create temp file failed, %m", kLogSource, __LINE__);
+        return false;
+    }
+    FILE* file = fopen(temp.getPath().c_str(), "wb");
+    if (!file) {
+        syslog(LOG_ERR, "%s:%d open failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+        return false;
+    }
+    // Write errors are not examined: a short file only costs later lookups a
+    // request to the service.
+    {
+        ChunkWriter out(file);
+        for (auto const& entry : _records)
+            out.commit(writeLine(out.reserve(lineCapacity(entry)), entry));
+    }
+    fclose(file);
+    if (!temp.rename(target)) {
+        syslog(LOG_ERR, "%s:%d rename failed, %m, [%s]", kLogSource, __LINE__, path.c_str());
+        return false;
+    }
+    _dirty = false;
+    return true;
+}
+
+size_t FileMetaStore::lineCapacity(RecordMap::value_type const& entry) {
+    size_t bytes = 32 + internal::quotedCapacity(entry.first.view().size()) +
+                   internal::quotedCapacity(entry.second.name.view().size());
+    for (PoolString parent : entry.second.parents)
+        bytes += 1 + internal::quotedCapacity(parent.view().size());
+    return bytes;
+}
+
+char* FileMetaStore::writeLine(char* out, RecordMap::value_type const& entry) {
+    // The bytes _meta_to_str() gives: members in key order d, i, n, p.
+    auto put = [&out](std::string_view text) {
+        memcpy(out, text.data(), text.size());
+        out += text.size();
+    };
+    PooledRecord const& record = entry.second;
+    put(record.isDir ? "{\"d\":true,\"i\":" : "{\"d\":false,\"i\":");
+    out = internal::writeQuoted(out, entry.first.view());
+    put(",\"n\":");
+    out = internal::writeQuoted(out, record.name.view());
+    put(",\"p\":[");
+    bool first = true;
+    for (PoolString parent : record.parents) {
+        if (!first) *out++ = ',';
+        first = false;
+        out = internal::writeQuoted(out, parent.view());
+    }
+    put("]}\n");
+    return out;
+}
+
+bool FileMetaStore::dump(FILE* stream) const {
+    ChunkWriter out(stream);
+    out.write("[record]\n");
+    for (auto const& entry : _records)
+        out.commit(writeLine(out.reserve(lineCapacity(entry)), entry));
+    out.write("[index]\n");
+    for (auto const& entry : _index) {
+        out.write(entry.first.parent.view());
+        out.write(",");
+        out.write(entry.first.name.view());
+        out.write(" -> ");
+        out.write(entry.second.view());
+        out.write("\n");
+    }
+    return true;
+}
+
+}  // namespace GoogleDriveTA
+}  // namespace Backup
+}  // namespace TAVO
