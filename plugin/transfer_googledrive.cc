@@ -1,1 +1,101 @@
-// placeholder
+// The agent object: construction, settings, lazy connection, remote paths,
+// and the plug-in's exported entry points.
+#include "transfer_googledrive.h"
+
+#include "backup/error.h"
+#include "backup/path.h"
+#include "core/core_error.h"
+#include "plugin_log.h"
+
+namespace TAVO {
+namespace Backup {
+namespace {
+char const kLogSource[] = "transfer_googledrive";
+std::string const kRootPath = "/";
+}  // namespace
+
+TransferAgentGoogleDrive::TransferAgentGoogleDrive(Repository const& repository)
+    : TransferAgent(repository),
+      _is_cache_inited(false),
+      _update_node_cache(true),
+      _dump_node_cache(false) {}
+
+TransferAgentGoogleDrive::~TransferAgentGoogleDrive() {}
+
+bool getRemoteConnect(Repository const& repository, std::string& accessToken,
+                      std::string& refreshToken) {
+    OptionMap const& options = repository.getOptions();
+    accessToken = options.optSecret(Repository::SZK_REMOTE_ACCESS_TOKEN, "");
+    return options.optGet(Repository::SZK_REMOTE_REFRESH_TOKEN, refreshToken, true);
+}
+
+bool TransferAgentGoogleDrive::isValid() const {
+    if (getContainer().empty()) {
+        setError(ERR_BAD_ARGUMENT);
+        return false;
+    }
+    std::string accessToken, refreshToken;
+    if (!getRemoteConnect(getRepository(), accessToken, refreshToken)) {
+        setError(ERR_BAD_ARGUMENT);
+        GD_LOG(LOG_ERR, "getRemoteConnect failed");
+        return false;
+    }
+    return true;
+}
+
+bool TransferAgentGoogleDrive::setTransferOption(Task const& task) {
+    _target_id = task.getTargetId();
+    return true;
+}
+
+bool TransferAgentGoogleDrive::setCancelHook(CancelHook hook) {
+    if (!TransferAgent::setCancelHook(hook)) {
+        setError(ERR_GENERAL);
+        return false;
+    }
+    return _client.setCancelHook(hook);
+}
+
+bool TransferAgentGoogleDrive::checkAndCreateClient() {
+    if (_client.isConnected()) return true;
+    // Tokens are read anew for every start, so a token the engine renewed
+    // while this agent lives is used at the next reconnection.
+    std::string accessToken, refreshToken;
+    if (!getRemoteConnect(getRepository(), accessToken, refreshToken)) {
+        setError(ERR_BAD_ARGUMENT);
+        GD_LOG(LOG_ERR, "getRemoteConnect failed");
+        return false;
+    }
+    if (!_client.connect(accessToken, refreshToken, true)) {
+        GD_LOG(LOG_ERR, "connect failed");
+        setError(TLIBCErrGet() == kCoreErrInvalidToken ? ERR_CREDENTIALS : ERR_GENERAL);
+        return false;
+    }
+    return true;
+}
+
+std::string TransferAgentGoogleDrive::getContainer() const {
+    return getRepository().getOptions().optString(Repository::SZK_REMOTE_BUCKET, "");
+}
+
+std::string TransferAgentGoogleDrive::getRemotePath(std::string const& path,
+                                                    bool trimTrailingSlash) const {
+    std::string remote = Path::join(kRootPath, getContainer(), getTargetId(), path, "", "", "");
+    if (trimTrailingSlash && remote != "/") {
+        size_t last = remote.find_last_not_of('/');
+        remote.erase(last == std::string::npos ? 0 : last + 1);
+    }
+    return remote;
+}
+
+}  // namespace Backup
+}  // namespace TAVO
+
+extern "C" TAVO::Backup::TransferAgent* getTransferAgent(
+    TAVO::Backup::Repository const& repository) {
+    return new TAVO::Backup::TransferAgentGoogleDrive(repository);
+}
+
+extern "C" void* getTargetManager() { return nullptr; }
+
+extern "C" void* getVersionManager() { return nullptr; }

@@ -1,0 +1,174 @@
+// The transfer agent of the Google Drive plug-in: the engine stores, fetches,
+// lists, stats and deletes backup files through it. It resolves the engine's
+// slash paths to Drive ids folder by folder, remembering what it learns in the
+// node cache, and asks the drive agent process for everything else.
+#pragma once
+
+#include <json/value.h>
+
+#include <list>
+#include <string>
+
+#include "backup/transfer_agent.h"
+#include "file_meta_store.h"
+#include "googledrive_client.h"
+#include "googledrive_meta.h"
+
+namespace TAVO {
+namespace Backup {
+
+class TransferAgentGoogleDrive : public TransferAgent {
+public:
+    // Reads no option, starts no process and touches no file.
+    explicit TransferAgentGoogleDrive(Repository const& repository);
+    // Does not save the node cache: the engine calls flushCache() for that.
+    ~TransferAgentGoogleDrive() override;
+
+    // True when the container and the refresh token are configured; false
+    // with error 3 otherwise. Contacts nothing.
+    bool isValid() const override;
+    // Records the task's target id, which names the node cache folder. Always true.
+    bool setTransferOption(Task const& task) override;
+    // Installs `hook` in the base (polled between transfer messages) and in
+    // the channel. False with error 1 when the base refuses it.
+    bool setCancelHook(CancelHook hook) override;
+
+    // Stores the local regular file `local` at the relative path `remote`:
+    // overwrites an existing file in place (keeping its id) or uploads a new
+    // one into the existing parent folder. Fills `info` with the stored
+    // object's size, mtime and MD5. Errors: 3 bad argument, 1004 not a
+    // regular local file, 4 canceled, 2003 parent missing, 2004 a folder has
+    // that name, or the transfer's code. `flag` is ignored.
+    bool sendFile(std::string const& local, std::string const& remote) override;
+    bool sendFile(std::string const& local, std::string const& remote,
+                  ProgressHook progress) override;
+    bool sendFile(std::string const& local, std::string const& remote, ProgressHook progress,
+                  bool flag) override;
+    bool sendFile(std::string const& local, std::string const& remote, ProgressHook progress,
+                  bool flag, FileInfo& info) override;
+
+    // Fetches the file at the relative path `remote` to `local` through a
+    // temporary file beside it, checked for the reported size before it is
+    // renamed into place: `local` is either untouched or complete. Errors: 3,
+    // 1004 destination not a regular file, 2003 missing, 2004 a folder, 4
+    // canceled, 1 wrong size, a local I/O code, or the transfer's code.
+    bool recvFile(std::string const& remote, std::string const& local) override;
+    bool recvFile(std::string const& remote, std::string const& local,
+                  ProgressHook progress) override;
+    bool recvFile(std::string const& remote, std::string const& local, ProgressHook progress,
+                  FileInfo& info) override;
+
+    // Status queries on a relative path; false with 2003 when nothing is
+    // there. isFileExist is false with 2004 for a folder.
+    bool isExist(std::string const& path) override;
+    bool isFileExist(std::string const& path) override;
+    bool stat(std::string const& path, FileInfo& info) override;
+
+    // Folder changes; creating what exists as a folder and removing what is
+    // missing succeed (the latter leaving 2003 in the error state).
+    bool removeFile(std::string const& path) override;
+    bool createDir(std::string const& path) override;
+    bool removeDirRecursive(std::string const& path) override;
+    bool createContainer(std::string const& name) override;
+
+    // Listings: the children of a folder of the target, every regular file
+    // below one (paths relative to it), and the top of the Drive.
+    bool listDir(std::string const& path, std::list<FileInfo>& list) override;
+    bool listDirRecursive(std::string const& path, ListHook hook, void* arg) override;
+    bool listContainer(std::list<FileInfo>& list) override;
+
+    // The account's e-mail, user name and quota.
+    bool getAccountInfo(AccountInfo& info) override;
+
+    // Verifies the cached backup layout against the service and drops the
+    // whole cache on the first mismatch. Always true.
+    bool checkCache() override;
+    // Writes the node cache file when the cache changed. True when there is
+    // nothing to write or the write succeeded.
+    bool flushCache() override;
+
+    // The container folder's name from the options; empty when unset.
+    std::string getContainer() const;
+    // "/" + container + "/" + target id + "/" + path, trailing slashes removed
+    // when `trimTrailingSlash` (a lone "/" stays).
+    std::string getRemotePath(std::string const& path, bool trimTrailingSlash) const;
+
+    // Makes sure a drive agent is attached, starting one when needed. False
+    // with 3 (no refresh token), 2107 (token refused) or 1 (anything else).
+    bool checkAndCreateClient();
+
+    // Node cache attachment: loads "ta_cache.node" from the target's cache
+    // folder on first use (once per agent; always true).
+    bool checkAndInitCache();
+    bool enableNodeCache(std::string const& path);
+    void freezeNodeCache(bool freeze);
+    bool dropNodeCache();
+
+    // Remote object requests (one drive agent request each, listObjects one
+    // per page), keeping the node cache in step with what the service says.
+    bool getObjectMeta(std::string const& id, GoogleDrive::FileMeta& meta);
+    bool listObjects(std::string const& pid, std::string const& name,
+                     std::list<GoogleDrive::FileMeta>& list);
+    bool createFolder(std::string const& name, std::string const& pid,
+                      GoogleDrive::FileMeta& meta);
+    bool removeObject(std::string const& id);
+
+    // Path resolution, node cache first; with `cacheOnly` a cache miss fails
+    // with 1 and nothing is sent. Two objects of one name fail with 1.
+    bool findFileMetaByPidName(bool cacheOnly, std::string const& pid, std::string const& name,
+                               GoogleDrive::FileMeta& meta);
+    bool findFileMetaByPath(bool cacheOnly, std::string const& path, GoogleDrive::FileMeta& meta);
+    bool findNodeIdByPath(bool cacheOnly, std::string const& path, std::string& id);
+    // As findFileMetaByPath, then fresh metadata from the service when the
+    // walk was answered by the cache.
+    bool statMeta(std::string const& path, GoogleDrive::FileMeta& meta);
+    bool statInfo(std::string const& rpath, FileInfo& info);
+
+    // Transfers with progress: the request is re-sent after a retryable
+    // failed read, up to nine times; progress reports only growth.
+    bool sendRequestAndUpdateProgress(Json::Value const& request, long& fileSize,
+                                      ProgressHook progress);
+    bool downloadFile(std::string const& id, std::string const& outputPath,
+                      std::string const& requestRange, long fileSize, ProgressHook progress);
+    bool uploadFile(std::string const& name, std::string const& parentId,
+                    std::string const& localPath, long fileSize, ProgressHook progress,
+                    GoogleDrive::FileMeta& meta);
+    bool overwriteFile(std::string const& id, std::string const& localPath, long fileSize,
+                       ProgressHook progress, GoogleDrive::FileMeta& meta);
+
+    // Listing helpers.
+    bool listChildrenMeta(GoogleDrive::FileMeta const& parent,
+                          std::list<GoogleDrive::FileMeta>& list);
+    bool listChildrenInfo(GoogleDrive::FileMeta const& parent, std::list<FileInfo>& list);
+    bool listChildrenRecursive(std::string const& rpath, GoogleDrive::FileMeta const& parent,
+                               ListHook callback, void* arg);
+
+    // Is the cached placement of one node still true on the service?
+    bool verifyNode(std::string const& remotePath, bool mustBeCached);
+
+private:
+    GoogleDriveClient _client;
+    Json::Value _response;
+    bool _is_cache_inited;
+    bool _update_node_cache;
+    bool _dump_node_cache;
+    std::string _cache_path;
+    std::string _target_id;
+    GoogleDriveTA::FileMetaStore _node_cache;
+};
+
+// Reads the access token (empty when missing) and the refresh token from the
+// repository's options. True exactly when the refresh token option is present.
+bool getRemoteConnect(Repository const& repository, std::string& accessToken,
+                      std::string& refreshToken);
+
+}  // namespace Backup
+}  // namespace TAVO
+
+extern "C" {
+// The plug-in's entry points, looked up by the engine with dlsym.
+__attribute__((visibility("default"))) TAVO::Backup::TransferAgent* getTransferAgent(
+    TAVO::Backup::Repository const& repository);
+__attribute__((visibility("default"))) void* getTargetManager();
+__attribute__((visibility("default"))) void* getVersionManager();
+}

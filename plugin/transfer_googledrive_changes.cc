@@ -1,0 +1,146 @@
+// Folder and container changes, and the existence and status queries. The
+// changes take the wanted end state as success: creating an existing folder
+// or removing a missing object is not an error.
+#include "backup/error.h"
+#include "backup/path.h"
+#include "backup/path_check.h"
+#include "plugin_log.h"
+#include "transfer_googledrive.h"
+#include "transfer_googledrive_trace.h"
+
+namespace TAVO {
+namespace Backup {
+namespace {
+char const kLogSource[] = "transfer_googledrive";
+}  // namespace
+
+bool TransferAgentGoogleDrive::createDir(std::string const& path) {
+    OperationTrace trace("createDir", path);
+    if (getContainer().empty() || !isValidRelativePath(path, false)) {
+        setError(ERR_BAD_ARGUMENT);
+        return false;
+    }
+    FileInfo info(path);
+    if (statInfo(path, info)) {
+        if (info.isDirType()) return true;
+        setError(ERR_REMOTE_NOT_DIR);
+        return false;
+    }
+    if (getError() != ERR_REMOTE_NOT_FOUND) {
+        GD_LOG(LOG_ERR, "statInfo failed, error[%d]", getError());
+        return false;
+    }
+    std::string remotePath = getRemotePath(path, true);
+    std::string parentPath = Path::dirname(remotePath);
+    std::string parentId;
+    // Missing parents are not created: the engine creates its tree top down.
+    if (!findNodeIdByPath(false, parentPath, parentId)) {
+        GD_LOG(LOG_ERR, "findNodeIdByPath(%s) failed, error[%d]", parentPath.c_str(), getError());
+        return false;
+    }
+    std::string name = Path::basename(remotePath);
+    GoogleDrive::FileMeta meta;
+    if (!createFolder(name, parentId, meta)) {
+        GD_LOG(LOG_ERR, "createFolder() failed, name=[%s], pid=[%s], error[%d]", name.c_str(),
+               parentId.c_str(), getError());
+        return false;
+    }
+    GD_LOG(LOG_DEBUG, "create dir [%s]: id=[%s]", remotePath.c_str(), meta.id.c_str());
+    return true;
+}
+
+bool TransferAgentGoogleDrive::createContainer(std::string const& name) {
+    OperationTrace trace("createContainer", name);
+    if (!isValidRelativePath(name, false)) {
+        setError(ERR_BAD_REQUEST);
+        return false;
+    }
+    GoogleDrive::FileMeta meta;
+    if (statMeta(Path::join("/", name), meta)) {
+        if (meta.isDir) return true;
+        setError(ERR_REMOTE_NOT_DIR);
+        return false;
+    }
+    if (getError() != ERR_REMOTE_NOT_FOUND) {
+        GD_LOG(LOG_ERR, "statMeta failed, error[%d]", getError());
+        return false;
+    }
+    meta = GoogleDrive::FileMeta();
+    if (!createFolder(name, "root", meta)) {
+        GD_LOG(LOG_ERR, "createFolder(/%s) failed, error[%d]", name.c_str(), getError());
+        return false;
+    }
+    GD_LOG(LOG_DEBUG, "create container [%s], id=[%s]", name.c_str(), meta.id.c_str());
+    return true;
+}
+
+bool TransferAgentGoogleDrive::removeFile(std::string const& path) {
+    OperationTrace trace("removeFile", path);
+    if (getContainer().empty() || !isValidFileRelativePath(path, false)) {
+        setError(ERR_BAD_ARGUMENT);
+        return false;
+    }
+    std::string remotePath = getRemotePath(path, true);
+    GoogleDrive::FileMeta meta;
+    if (!findFileMetaByPath(false, remotePath, meta)) {
+        // Already gone is success; 2003 stays readable in the error state.
+        if (getError() == ERR_REMOTE_NOT_FOUND) return true;
+        GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(),
+               getError());
+        return false;
+    }
+    if (meta.isDir) {
+        GD_LOG(LOG_ERR, "Error: [%s] is not a regular file, is dir", remotePath.c_str());
+        setError(ERR_REMOTE_IS_DIR);
+        return false;
+    }
+    return removeObject(meta.id);
+}
+
+bool TransferAgentGoogleDrive::removeDirRecursive(std::string const& path) {
+    OperationTrace trace("removeDirRecursive", path);
+    if (getContainer().empty() || !isValidRelativePath(path, false)) {
+        setError(ERR_BAD_ARGUMENT);
+        return false;
+    }
+    std::string remotePath = getRemotePath(path, true);
+    GoogleDrive::FileMeta meta;
+    if (!findFileMetaByPath(false, remotePath, meta)) {
+        if (getError() == ERR_REMOTE_NOT_FOUND) return true;
+        GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(),
+               getError());
+        return false;
+    }
+    if (!meta.isDir) {
+        GD_LOG(LOG_ERR, "Error: [%s] is not a dir", remotePath.c_str());
+        setError(ERR_REMOTE_NOT_DIR);
+        return false;
+    }
+    // One request: the service deletes the folder's content with it.
+    return removeObject(meta.id);
+}
+
+bool TransferAgentGoogleDrive::isExist(std::string const& path) {
+    OperationTrace trace("isExist", path);
+    FileInfo info(path);
+    return statInfo(path, info);
+}
+
+bool TransferAgentGoogleDrive::isFileExist(std::string const& path) {
+    OperationTrace trace("isFileExist", path);
+    FileInfo info(path);
+    if (!statInfo(path, info)) return false;
+    if (!info.isRegType()) {
+        setError(ERR_REMOTE_IS_DIR);
+        return false;
+    }
+    return true;
+}
+
+bool TransferAgentGoogleDrive::stat(std::string const& path, FileInfo& info) {
+    OperationTrace trace("stat", path);
+    return statInfo(path, info);
+}
+
+}  // namespace Backup
+}  // namespace TAVO

@@ -1,0 +1,142 @@
+// Path resolution: a remote path is walked one component at a time from the
+// Drive root, asking the node cache first and the service only on a miss.
+#include <vector>
+
+#include "backup/error.h"
+#include "backup/path.h"
+#include "backup/path_check.h"
+#include "plugin_log.h"
+#include "transfer_googledrive.h"
+
+namespace TAVO {
+namespace Backup {
+namespace {
+char const kLogSource[] = "transfer_googledrive";
+}  // namespace
+
+bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string const& pid,
+                                                     std::string const& name,
+                                                     GoogleDrive::FileMeta& meta) {
+    GD_LOG(LOG_DEBUG, "@findFileMetaBy Pid[%s] Name[%s]", pid.c_str(), name.c_str());
+    if (!pid.empty() && name.empty()) {
+        GD_LOG(LOG_ERR, "invalid pid=[%s] with empty name", pid.c_str());
+        setError(ERR_BAD_ARGUMENT);
+        return false;
+    }
+    if (!checkAndInitCache()) {
+        GD_LOG(LOG_ERR, "Failed to init cache");
+        return false;
+    }
+    if (_node_cache.find(pid, name, meta)) return true;
+    if (cacheOnly) {
+        GD_LOG(LOG_ERR, "only use cache but not found <pid, name> = <%s, %s>", pid.c_str(),
+               name.c_str());
+        setError(ERR_GENERAL);
+        return false;
+    }
+    if (pid.empty() && name.empty()) {
+        if (!getObjectMeta("root", meta)) {
+            GD_LOG(LOG_ERR, "getObjectMeta(root) failed, error[%d]", getError());
+            return false;
+        }
+        return true;
+    }
+    std::list<GoogleDrive::FileMeta> found;
+    if (!listObjects(pid, name, found)) {
+        GD_LOG(LOG_ERR, "listObjects failed: pid=[%s], name=[%s], error[%d]", pid.c_str(),
+               name.c_str(), getError());
+        return false;
+    }
+    if (found.empty()) {
+        GD_LOG(LOG_DEBUG, "not found, pid=%s, name=%s", pid.c_str(), name.c_str());
+        setError(ERR_REMOTE_NOT_FOUND);
+        return false;
+    }
+    if (found.size() > 1) {
+        // No tie-break: picking one of two same-named objects could overwrite
+        // or restore the wrong file.
+        GD_LOG(LOG_ERR, "list more than one children with the same name, pid=%s,name=%s",
+               pid.c_str(), name.c_str());
+        setError(ERR_GENERAL);
+        return false;
+    }
+    meta = found.front();
+    return true;
+}
+
+bool TransferAgentGoogleDrive::findFileMetaByPath(bool cacheOnly, std::string const& path,
+                                                  GoogleDrive::FileMeta& meta) {
+    GD_LOG(LOG_DEBUG, "@findFileMetaByPath(%s)", path.c_str());
+    std::vector<std::string> parts;
+    if (!Path::split(path, parts)) {
+        GD_LOG(LOG_ERR, "split path [%s] failed", path.c_str());
+        setError(ERR_GENERAL);
+        return false;
+    }
+    if (parts.empty()) {
+        GD_LOG(LOG_ERR, "invalid list size [%s]", path.c_str());
+        setError(ERR_GENERAL);
+        return false;
+    }
+    // The first component stands for the root, whatever it holds.
+    parts[0].clear();
+
+    std::string parent;
+    GoogleDrive::FileMeta step;
+    for (auto const& component : parts) {
+        if (!findFileMetaByPidName(cacheOnly, parent, component, step)) {
+            GD_LOG(LOG_DEBUG, "findFileMetaBy Pid[%s] Name[%s] failed, error[%d]",
+                   parent.c_str(), component.c_str(), getError());
+            return false;
+        }
+        parent = step.id;
+    }
+    meta = step;
+    return true;
+}
+
+bool TransferAgentGoogleDrive::findNodeIdByPath(bool cacheOnly, std::string const& path,
+                                                std::string& id) {
+    GoogleDrive::FileMeta meta;
+    if (!findFileMetaByPath(cacheOnly, path, meta)) return false;
+    id = meta.id;
+    return true;
+}
+
+bool TransferAgentGoogleDrive::statMeta(std::string const& path, GoogleDrive::FileMeta& meta) {
+    if (!findFileMetaByPath(false, path, meta)) {
+        GD_LOG(LOG_DEBUG, "findFileMetaByPath(%s) failed, error[%d]", path.c_str(), getError());
+        return false;
+    }
+    // A cache hit carries no size, time, checksum or trash state: ask for them.
+    if (meta.status.empty()) {
+        std::string id = meta.id;
+        if (!getObjectMeta(id, meta)) {
+            GD_LOG(LOG_DEBUG, "getObjectMeta(%s) failed, error[%d]", id.c_str(), getError());
+            return false;
+        }
+    }
+    return true;
+}
+
+bool TransferAgentGoogleDrive::statInfo(std::string const& rpath, FileInfo& info) {
+    if (getContainer().empty() || !isValidRelativePath(rpath, false)) {
+        setError(ERR_BAD_ARGUMENT);
+        return false;
+    }
+    std::string remotePath = getRemotePath(rpath, true);
+    GoogleDrive::FileMeta meta;
+    if (!statMeta(remotePath, meta)) {
+        GD_LOG(LOG_DEBUG, "statMeta(%s) failed, error[%d]", remotePath.c_str(), getError());
+        return false;
+    }
+    if (!fileMetaToFileInfo(meta, info)) {
+        GD_LOG(LOG_ERR, "Failed to convert file meta to file info. path=[%s]", rpath.c_str());
+        setError(ERR_GENERAL);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace Backup
+}  // namespace TAVO
