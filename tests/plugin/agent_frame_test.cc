@@ -58,7 +58,7 @@ TEST(RemotePath, MapsUnderContainerAndTarget) {
         char const* path;
         char const* want;
     } const rows[] = {
-        {"", "/C/T"}, {"/", "/C/T"}, {"a/b/", "/C/T/a/b"}, {"a/b", "/C/T/a/b"},
+        {"", "/C/T"},      {"/", "/C/T"},   {"a/b/", "/C/T/a/b"},  {"a/b", "/C/T/a/b"},
         {"a//", "/C/T/a"}, {"///", "/C/T"}, {"a//b", "/C/T/a//b"},
     };
     for (auto const& row : rows) {

@@ -35,7 +35,8 @@ TEST(ResponseConversion, MapsEveryCodeAndLogsAtTheRightPriority) {
         // Without its final period the quota message is just another refusal.
         {R"({"success":false,"error_code":403,"error_message":"The user's Drive storage quota has been exceeded"})",
          true, 2000, LOG_ERR},
-        {R"({"success":false,"error_code":403,"error_message":"User Rate Limit Exceeded"})", true, 2000, LOG_ERR},
+        {R"({"success":false,"error_code":403,"error_message":"User Rate Limit Exceeded"})", true,
+         2000, LOG_ERR},
         {R"({"success":false,"error_code":404})", true, 2003, LOG_DEBUG},
         {R"({"success":false,"error_code":404})", false, 2003, LOG_DEBUG},
         {R"({"success":false,"error_code":408})", true, 2104, LOG_ERR},
@@ -56,7 +57,8 @@ TEST(ResponseConversion, MapsEveryCodeAndLogsAtTheRightPriority) {
         TestSupport::clearSyslog();
         setError(0);
         Json::Value response = parse(row.response);
-        EXPECT_FALSE(googledriveConverTransferResponse(false, response, row.logAsError, "caller", 42));
+        EXPECT_FALSE(
+            googledriveConverTransferResponse(false, response, row.logAsError, "caller", 42));
         EXPECT_EQ(row.wantCode, getError());
         auto lines = capturedSyslog();
         ASSERT_EQ(1u, lines.size());
@@ -77,8 +79,8 @@ TEST(ResponseConversion, NullResponseIsAGeneralFailure) {
 TEST(ResponseConversion, SuccessfulExchangeChangesNothing) {
     TestSupport::clearSyslog();
     setError(2003);
-    EXPECT_TRUE(googledriveConverTransferResponse(true, parse(R"({"success":false,"error_code":500})"),
-                                                  true, "x", 1));
+    EXPECT_TRUE(googledriveConverTransferResponse(
+        true, parse(R"({"success":false,"error_code":500})"), true, "x", 1));
     EXPECT_EQ(2003, getError());
     EXPECT_TRUE(capturedSyslog().empty());
 }

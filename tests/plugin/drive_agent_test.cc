@@ -1,0 +1,292 @@
+// Starting the drive agent and exchanging requests with it, against the
+// emulator: handshake outcomes, the environment left behind, reconnection,
+// and the retry policy as the emulator's request log shows it.
+#include <signal.h>
+#include <sys/wait.h>
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <set>
+
+#include "backup/error.h"
+#include "core/core_error.h"
+#include "emulated_drive.h"
+#include "googledrive_client.h"
+#include "support/syslog_capture.h"
+
+using namespace TAVO::Backup;
+using DriveEmulator::Fault;
+
+namespace {
+
+char const* const kCredentialVars[] = {"GOOGLEDRIVE_ACCESS_TOKEN", "GOOGLEDRIVE_REFRESH_TOKEN",
+                                       "TAVO_USER_AGENT", "GOOGLEDRIVE_CLIENT_ID",
+                                       "GOOGLEDRIVE_CLIENT_SECRET"};
+
+void expectNoCredentialsInEnvironment() {
+    for (char const* var : kCredentialVars) EXPECT_EQ(nullptr, getenv(var)) << var;
+}
+
+// Exposes the child's pid to tell one drive agent from the next.
+class InspectableClient : public GoogleDriveClient {
+  public:
+    pid_t pid() const { return _child_pid; }
+};
+
+bool processGone(pid_t pid) { return kill(pid, 0) != 0 && errno == ESRCH; }
+
+std::set<int> servingPids(DriveEmulator::Drive& drive) {
+    std::set<int> pids;
+    for (auto const& entry : drive.requestLog()) pids.insert(entry.pid);
+    return pids;
+}
+
+}  // namespace
+
+class DriveAgentTest : public EmulatedDriveTest {};
+
+TEST_F(DriveAgentTest, HandshakeSucceedsAndLeavesNoCredentialsBehind) {
+    setenv("LANG", "C.UTF-8", 1);
+    AccountInfo info;
+    ASSERT_TRUE(agent->getAccountInfo(info)) << getError();
+    EXPECT_EQ("tester@example.com", info.account);
+    EXPECT_EQ("Test User", info.userName);
+    EXPECT_TRUE(info.isUnlimitedQuota);
+    expectNoCredentialsInEnvironment();
+    EXPECT_STREQ("C.UTF-8", getenv("LANG"));
+
+    // A second operation reuses the running agent.
+    ASSERT_TRUE(agent->getAccountInfo(info));
+    EXPECT_EQ(2, requests("getAccountInfo"));
+    EXPECT_EQ(1u, servingPids(*drive).size());
+}
+
+TEST_F(DriveAgentTest, TokenTheAgentCannotDecodeIsACredentialsError) {
+    unsetenv("LANG");
+    repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "not base64 at all!");
+    recreateAgent();
+    AccountInfo info;
+    EXPECT_FALSE(agent->getAccountInfo(info));
+    EXPECT_EQ(2107, getError());
+    EXPECT_EQ(0x300, TLIBCErrGet());
+    expectNoCredentialsInEnvironment();
+    EXPECT_EQ(nullptr, getenv("LANG"));
+    EXPECT_TRUE(TestSupport::syslogHas("connect failed", LOG_ERR));
+}
+
+TEST_F(DriveAgentTest, AnyOtherFirstLineIsAGeneralFailure) {
+    drive->addFault(Fault::refuseHandshake("startle"));
+    AccountInfo info;
+    EXPECT_FALSE(agent->getAccountInfo(info));
+    EXPECT_EQ(1, getError());
+    EXPECT_EQ(0x2a00, TLIBCErrGet());
+    EXPECT_TRUE(TestSupport::syslogHas("agent start failed: startle", LOG_ERR));
+    expectNoCredentialsInEnvironment();
+    // The next operation tries again and succeeds.
+    ASSERT_TRUE(agent->getAccountInfo(info));
+}
+
+TEST_F(DriveAgentTest, MissingAgentProgramFailsToStart) {
+    setenv("TAVO_ROOT", "/nonexistent-root", 1);
+    AccountInfo info;
+    EXPECT_FALSE(agent->getAccountInfo(info));
+    EXPECT_EQ(1, getError());
+    expectNoCredentialsInEnvironment();
+}
+
+TEST_F(DriveAgentTest, ReconnectingReplacesTheAgentAndReapsIt) {
+    InspectableClient client;
+    ASSERT_TRUE(client.connect("a", "cmVmcmVzaA==", true));
+    pid_t first = client.pid();
+    ASSERT_TRUE(client.connect("a", "cmVmcmVzaA==", true));
+    pid_t second = client.pid();
+    EXPECT_NE(first, second);
+    EXPECT_TRUE(processGone(first));
+    client.close();
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_TRUE(processGone(second));
+}
+
+TEST_F(DriveAgentTest, CancelHookStopsTheStartWithoutSideEffects) {
+    InspectableClient client;
+    client.setCancelHook([] { return true; });
+    EXPECT_FALSE(client.connect("a", "cmVmcmVzaA==", true));
+    EXPECT_FALSE(client.isConnected());
+    expectNoCredentialsInEnvironment();
+}
+
+TEST_F(DriveAgentTest, TransientFailuresAreRetriedUntilSuccess) {
+    drive->addFault(Fault::fail("getAccountInfo", 503).forNext(3));
+    AccountInfo info;
+    ASSERT_TRUE(agent->getAccountInfo(info));
+    EXPECT_EQ(4, requests("getAccountInfo"));
+}
+
+TEST_F(DriveAgentTest, RetryDecisionsByCode) {
+    struct Row {
+        int code;
+        char const* message;
+        bool retried;
+        int wantError;
+    } const rows[] = {
+        {403, "User Rate Limit Exceeded", true, 0},
+        {403, "Forbidden", false, 2000},
+        {408, "", true, 0},
+        {-2, "agent failure", true, 0},
+        {-4, "agent failure", true, 0},
+        {-3, "user canceled", false, 4},
+        {-1, "unknown", false, 1},
+        {401, "Invalid Credentials", false, 2107},
+    };
+    AccountInfo info;
+    ASSERT_TRUE(agent->getAccountInfo(info));  // connect once
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.code);
+        drive->clearRequestLog();
+        drive->addFault(Fault::fail("getAccountInfo", row.code, row.message));
+        setError(0);
+        EXPECT_EQ(row.retried, agent->getAccountInfo(info));
+        EXPECT_EQ(row.retried ? 2 : 1, requests("getAccountInfo"));
+        if (!row.retried) {
+            EXPECT_EQ(row.wantError, getError());
+        }
+    }
+}
+
+TEST_F(DriveAgentTest, RateLimitThatOutlastsTheRetriesIsARefusal) {
+    drive->addFault(Fault::fail("getAccountInfo", 403, "User Rate Limit Exceeded").always());
+    AccountInfo info;
+    EXPECT_FALSE(agent->getAccountInfo(info));
+    EXPECT_EQ(2000, getError());
+    EXPECT_EQ(10, requests("getAccountInfo"));
+}
+
+TEST_F(DriveAgentTest, AgentDyingMidRequestFailsItAndTheNextOperationReconnects) {
+    AccountInfo info;
+    ASSERT_TRUE(agent->getAccountInfo(info));
+    drive->addFault(Fault::exitBeforeAnswer("getAccountInfo"));
+    EXPECT_FALSE(agent->getAccountInfo(info));
+    EXPECT_EQ(1, getError());
+    ASSERT_TRUE(agent->getAccountInfo(info));
+    EXPECT_EQ(2u, servingPids(*drive).size());
+}
+
+TEST_F(DriveAgentTest, GarbageLineFailsTheRequestAndReconnects) {
+    drive->addFault(Fault::garbage("getAccountInfo"));
+    AccountInfo info;
+    EXPECT_FALSE(agent->getAccountInfo(info));
+    EXPECT_EQ(1, getError());
+    ASSERT_TRUE(agent->getAccountInfo(info));
+}
+
+TEST_F(DriveAgentTest, CancelHookStopsRequestsThatChangeThings) {
+    AccountInfo info;
+    GoogleDrive::FileMeta meta;
+    // Before any agent runs, a canceled start is a failed connection.
+    agent->setCancelHook([] { return true; });
+    EXPECT_FALSE(agent->getAccountInfo(info));
+    EXPECT_EQ(1, getError());
+    EXPECT_EQ(0, requests());
+
+    bool cancel = false;
+    agent->setCancelHook([&] { return cancel; });
+    ASSERT_TRUE(agent->getAccountInfo(info));
+    drive->clearRequestLog();
+    cancel = true;
+    EXPECT_FALSE(agent->getAccountInfo(info));
+    EXPECT_EQ(4, getError());
+    EXPECT_FALSE(agent->createFolder("x", targetId, meta));
+    EXPECT_EQ(4, getError());
+    EXPECT_FALSE(agent->removeObject(targetId));
+    EXPECT_EQ(4, getError());
+    EXPECT_EQ(0, requests());
+    EXPECT_TRUE(drive->exists(targetId));
+}
+
+TEST_F(DriveAgentTest, AccountQuotaIsReported) {
+    drive->setQuota(1000);
+    drive->put(targetId, "f", std::string(10, 'x'));
+    AccountInfo info;
+    info.isUnlimitedQuota = false;
+    ASSERT_TRUE(agent->getAccountInfo(info));
+    EXPECT_EQ(1000, info.quota);
+    EXPECT_EQ(10, info.usedSize);
+    EXPECT_FALSE(info.isUnlimitedQuota);
+}
+
+// ---- Node cache attachment and persistence ----
+
+class NodeCacheFileTest : public EmulatedDriveTest {};
+
+TEST_F(NodeCacheFileTest, WrittenOnlyWhenChangedAndNeverByTheDestructor) {
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id)) << getError();
+    EXPECT_FALSE(fileExists(cacheFile()));  // learning is not saving
+    ASSERT_TRUE(agent->flushCache());
+    ASSERT_TRUE(fileExists(cacheFile()));
+    std::string saved = readFile(cacheFile());
+    EXPECT_NE(std::string::npos, saved.find("\"i\":\"" + targetId + "\""));
+
+    // Nothing new learned: flushing again leaves the file alone.
+    ASSERT_EQ(0, unlink(cacheFile().c_str()));
+    ASSERT_TRUE(agent->flushCache());
+    EXPECT_FALSE(fileExists(cacheFile()));
+
+    // Changed but not flushed: the destructor writes nothing.
+    GoogleDrive::FileMeta meta;
+    ASSERT_TRUE(agent->createFolder("new", targetId, meta));
+    agent.reset();
+    EXPECT_FALSE(fileExists(cacheFile()));
+}
+
+TEST_F(NodeCacheFileTest, ANewAgentResolvesFromTheSavedCache) {
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
+    ASSERT_TRUE(agent->flushCache());
+    recreateAgent();
+    drive->clearRequestLog();
+    ASSERT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
+    EXPECT_EQ(targetId, id);
+    EXPECT_EQ(0, requests());
+}
+
+TEST_F(NodeCacheFileTest, WithoutACacheFolderTheCacheLivesInMemoryOnly) {
+    repository().setCacheRoot("");
+    recreateAgent();
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
+    EXPECT_TRUE(agent->flushCache());
+    EXPECT_FALSE(fileExists(cacheFile()));
+    // Still answers from memory.
+    drive->clearRequestLog();
+    EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
+    EXPECT_EQ(0, requests());
+}
+
+TEST_F(NodeCacheFileTest, UnreadableFileIsReplacedByTheNextFlush) {
+    if (geteuid() == 0) GTEST_SKIP() << "root reads any file";
+    std::string dir = cacheFile().substr(0, cacheFile().rfind('/'));
+    ASSERT_EQ(0, system(("mkdir -p '" + dir + "'").c_str()));
+    writeLocal("junk", "{\"i\":\"x\"}\n");
+    ASSERT_EQ(0, rename(localPath("junk").c_str(), cacheFile().c_str()));
+    ASSERT_EQ(0, chmod(cacheFile().c_str(), 0));
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
+    ASSERT_TRUE(agent->flushCache());
+    ASSERT_EQ(0, chmod(cacheFile().c_str(), 0600));
+    EXPECT_NE(std::string::npos, readFile(cacheFile()).find(targetId));
+}
+
+TEST_F(NodeCacheFileTest, GarbageFileIsReplacedByTheNextFlush) {
+    std::string dir = cacheFile().substr(0, cacheFile().rfind('/'));
+    ASSERT_EQ(0, system(("mkdir -p '" + dir + "'").c_str()));
+    writeLocal("junk", std::string("\x00\x01garbage\n{\"broken\n", 18));
+    ASSERT_EQ(0, rename(localPath("junk").c_str(), cacheFile().c_str()));
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
+    ASSERT_TRUE(agent->flushCache());
+    std::string saved = readFile(cacheFile());
+    EXPECT_EQ(std::string::npos, saved.find("garbage"));
+    EXPECT_NE(std::string::npos, saved.find(targetId));
+}

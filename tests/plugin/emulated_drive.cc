@@ -1,0 +1,81 @@
+#include "emulated_drive.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+using namespace TAVO::Backup;
+
+void EmulatedDriveTest::SetUp() {
+    char tmpl[] = "/tmp/gdrive-test-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(tmpl));
+    _dir = tmpl;
+    ASSERT_EQ(0, mkdir((_dir + "/local").c_str(), 0700));
+
+    drive = std::make_unique<DriveEmulator::Drive>(DriveEmulator::Drive::init(_dir + "/data"));
+    DriveEmulator::makeAgentRoot(_dir + "/root", _dir + "/data");
+    setenv("TAVO_ROOT", (_dir + "/root").c_str(), 1);
+    unsetenv("DRIVE_EMULATOR_DATA");
+    // Retry pauses in tests last no time at all.
+    setenv("TAVO_AGENT_PAUSE_UNIT_MS", "0", 1);
+
+    rootId = drive->rootId();
+    containerId = drive->mkdir(rootId, "C");
+    targetId = drive->mkdir(containerId, "T");
+
+    _repository.options().set(Repository::SZK_REMOTE_BUCKET, "C");
+    _repository.options().set(Repository::SZK_REMOTE_ACCESS_TOKEN, "access");
+    _repository.options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
+    _repository.setCacheRoot(_dir + "/cache");
+    recreateAgent();
+}
+
+void EmulatedDriveTest::recreateAgent() {
+    agent.reset();
+    agent = std::make_unique<TransferAgentGoogleDrive>(_repository);
+    agent->setTargetId("T");
+    agent->setTransferOption(Task("T"));
+}
+
+void EmulatedDriveTest::TearDown() {
+    agent.reset();
+    drive.reset();
+    if (!_dir.empty()) {
+        std::string command = "rm -rf '" + _dir + "'";
+        EXPECT_EQ(0, system(command.c_str()));
+    }
+}
+
+std::string EmulatedDriveTest::writeLocal(std::string const& name, std::string const& content) {
+    std::string path = localPath(name);
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+}
+
+std::string EmulatedDriveTest::readFile(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    return buffer.str();
+}
+
+bool EmulatedDriveTest::fileExists(std::string const& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+int EmulatedDriveTest::countTempFilesBeside(std::string const& path) {
+    std::string dir = path.substr(0, path.rfind('/'));
+    int count = 0;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (std::string(e->d_name).find(".tmp.") != std::string::npos) ++count;
+        }
+        closedir(d);
+    }
+    return count;
+}

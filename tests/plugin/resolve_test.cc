@@ -1,0 +1,215 @@
+// Path resolution and the remote requests under it: what each walk costs in
+// requests, and how Drive's odd semantics (duplicate names, case-insensitive
+// names, trash, listings that lag behind writes) come out to the engine.
+#include <syslog.h>
+
+#include <functional>
+
+#include "backup/error.h"
+#include "emulated_drive.h"
+#include "support/syslog_capture.h"
+
+using namespace TAVO::Backup;
+using DriveEmulator::Fault;
+
+class ResolveTest : public EmulatedDriveTest {
+  protected:
+    void SetUp() override {
+        EmulatedDriveTest::SetUp();
+        aId = drive->mkdir(targetId, "a");
+        bId = drive->mkdir(aId, "b");
+        drive->clearRequestLog();
+    }
+    std::string aId, bId;
+};
+
+TEST_F(ResolveTest, ColdWalkCostsOneRequestPerLevelAndWarmWalkNone) {
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id)) << getError();
+    EXPECT_EQ(bId, id);
+    EXPECT_EQ(1, requests("getObjectMeta"));
+    EXPECT_EQ(4, requests("listObjects"));
+    EXPECT_EQ(5, requests());
+
+    drive->clearRequestLog();
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
+    EXPECT_EQ(bId, id);
+    EXPECT_EQ(0, requests());
+    // The walk sends the name filter exactly as Drive's query language wants it.
+}
+
+TEST_F(ResolveTest, ListingQueryCarriesParentAndName) {
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C", id));
+    auto log = drive->requestLog();
+    ASSERT_EQ(2u, log.size());
+    EXPECT_EQ("('" + rootId + "' in parents) and (name = 'C')",
+              log[1].args["queryFilter"].asString());
+    EXPECT_FALSE(log[1].args.isMember("pageToken"));
+}
+
+TEST_F(ResolveTest, StatFromTheCacheAsksOnlyForTheLastObject) {
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
+    drive->clearRequestLog();
+    GoogleDrive::FileMeta meta;
+    ASSERT_TRUE(agent->statMeta("/C/T/a/b", meta));
+    EXPECT_EQ("AVAILABLE", meta.status);
+    EXPECT_EQ(1, requests("getObjectMeta"));
+    EXPECT_EQ(1, requests());
+    auto log = drive->requestLog();
+    EXPECT_EQ(bId, log[0].args["id"].asString());
+}
+
+TEST_F(ResolveTest, CacheOnlyWalkNeverAsks) {
+    std::string id;
+    TestSupport::clearSyslog();
+    EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T", id));
+    EXPECT_EQ(1, getError());
+    EXPECT_TRUE(TestSupport::syslogHas("only use cache but not found <pid, name> = <, >", LOG_ERR));
+    EXPECT_EQ(0, requests());
+    EXPECT_TRUE(id.empty());
+}
+
+TEST_F(ResolveTest, SplitEdgeCases) {
+    GoogleDrive::FileMeta meta;
+    EXPECT_FALSE(agent->findFileMetaByPath(false, "", meta));
+    EXPECT_EQ(1, getError());
+    EXPECT_TRUE(TestSupport::syslogHas("invalid list size []", LOG_ERR));
+    ASSERT_TRUE(agent->findFileMetaByPath(false, "/", meta));
+    EXPECT_EQ(rootId, meta.id);
+    // A doubled slash inside a path is an empty name under a real folder.
+    EXPECT_FALSE(agent->findFileMetaByPath(false, "/C//T", meta));
+    EXPECT_EQ(3, getError());
+}
+
+TEST_F(ResolveTest, DuplicateNamesMakeThePathUnresolvable) {
+    drive->mkdir(aId, "B");  // Drive compares names without case
+    std::string local = writeLocal("f", "x");
+    // Each check on a fresh agent: the failed listing leaves both objects in
+    // the node cache, under their own spellings.
+    struct Check {
+        char const* what;
+        std::function<bool()> run;
+    } const checks[] = {
+        {"walk", [&] { std::string id; return agent->findNodeIdByPath(false, "/C/T/a/b", id); }},
+        {"sendFile", [&] { return agent->sendFile(local, "a/b/f"); }},
+        {"stat", [&] { FileInfo info; return agent->stat("a/b", info); }},
+    };
+    for (auto const& check : checks) {
+        SCOPED_TRACE(check.what);
+        recreateAgent();
+        TestSupport::clearSyslog();
+        EXPECT_FALSE(check.run());
+        EXPECT_EQ(1, getError());
+        EXPECT_TRUE(TestSupport::syslogHas("list more than one children with the same name", LOG_ERR));
+    }
+    EXPECT_TRUE(drive->lookup(bId, "f").empty());
+}
+
+TEST_F(ResolveTest, TrashedObjectIsAbsentAndLeavesTheCache) {
+    std::string fileId = drive->put(bId, "f", "data");
+    FileInfo info;
+    ASSERT_TRUE(agent->stat("a/b/f", info));
+    drive->trash(fileId);
+    setError(0);
+    EXPECT_FALSE(agent->stat("a/b/f", info));
+    EXPECT_EQ(2003, getError());
+    // Gone from the cache: a cache-only walk no longer finds it.
+    std::string id;
+    EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a/b/f", id));
+    EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T/a/b", id));
+}
+
+TEST_F(ResolveTest, DeletedObjectIsForgotten) {
+    std::string fileId = drive->put(bId, "f", "data");
+    FileInfo info;
+    ASSERT_TRUE(agent->stat("a/b/f", info));
+    drive->remove(fileId);
+    EXPECT_FALSE(agent->stat("a/b/f", info));
+    EXPECT_EQ(2003, getError());
+    std::string id;
+    EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a/b/f", id));
+}
+
+TEST_F(ResolveTest, ObjectWithTwoParentsResolvesThroughEither) {
+    std::string fileId = drive->put(aId, "f", "data");
+    drive->addParent(fileId, bId);
+    std::string id1, id2;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/f", id1));
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b/f", id2));
+    EXPECT_EQ(fileId, id1);
+    EXPECT_EQ(fileId, id2);
+}
+
+TEST_F(ResolveTest, PagedListingsAreJoined) {
+    auto s = drive->settings();
+    s.pageSize = 2;
+    drive->setSettings(s);
+    for (int i = 0; i < 5; ++i) drive->put(bId, "f" + std::to_string(i), "x");
+    drive->clearRequestLog();
+    std::list<GoogleDrive::FileMeta> list;
+    ASSERT_TRUE(agent->listObjects(bId, "", list));
+    EXPECT_EQ(5u, list.size());
+    EXPECT_EQ(3, requests("listObjects"));
+    auto log = drive->requestLog();
+    EXPECT_TRUE(log[1].args.isMember("pageToken"));
+}
+
+TEST_F(ResolveTest, ApostropheInANameReachesTheServiceUnchanged) {
+    std::string local = writeLocal("f", "x");
+    EXPECT_FALSE(agent->sendFile(local, "a/it's"));
+    EXPECT_EQ(7, getError());  // the service's 400 "Invalid Value"
+    auto log = drive->requestLog();
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ("('" + aId + "' in parents) and (name = 'it's')",
+              log.back().args["queryFilter"].asString());
+}
+
+// ---- Requests counted for the common transfers ----
+
+TEST_F(ResolveTest, UploadIntoACachedFolderCostsOneListingAndOneUpload) {
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
+    drive->clearRequestLog();
+    std::string local = writeLocal("f", "content");
+    ASSERT_TRUE(agent->sendFile(local, "a/b/new"));
+    EXPECT_EQ(1, requests("listObjects"));
+    EXPECT_EQ(1, requests("uploadFile"));
+    EXPECT_EQ(2, requests());
+}
+
+TEST_F(ResolveTest, OverwritingACachedFileCostsOneStatAndOneUpdate) {
+    drive->put(bId, "f", "old");
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b/f", id));
+    drive->clearRequestLog();
+    std::string local = writeLocal("f", "new content");
+    ASSERT_TRUE(agent->sendFile(local, "a/b/f"));
+    EXPECT_EQ(1, requests("getObjectMeta"));
+    EXPECT_EQ(1, requests("updateFile"));
+    EXPECT_EQ(2, requests());
+    EXPECT_EQ("new content", drive->content(id));
+}
+
+TEST_F(ResolveTest, ListingLagDoesNotCauseADuplicateUpload) {
+    // Drive's name listings lag behind writes; the node cache remembers the upload.
+    drive->addFault(Fault::listingLag(5, "uploadFile"));
+    std::string local = writeLocal("f", "first");
+    ASSERT_TRUE(agent->sendFile(local, "a/b/f"));
+    local = writeLocal("f", "second");
+    ASSERT_TRUE(agent->sendFile(local, "a/b/f"));
+    auto found = drive->lookup(bId, "f");
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ("second", drive->content(found[0].id));
+}
+
+TEST_F(ResolveTest, FrozenCacheStillAnswersButLearnsNothing) {
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
+    agent->freezeNodeCache(true);
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a", id));
+    agent->freezeNodeCache(false);
+    EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
+    EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a", id));
+}

@@ -1,0 +1,201 @@
+// Uploads and downloads end to end through the emulator: contents, the
+// FileInfo the engine gets back, overwrite in place, and the guarantee that a
+// failed download never replaces or half-writes the destination.
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "backup/error.h"
+#include "support/syslog_capture.h"
+#include "transfer_fixture.h"
+
+using namespace TAVO::Backup;
+using DriveEmulator::Fault;
+
+TEST_F(TransferTest, SmallFilesRoundTrip) {
+    roundTrip(0);
+    roundTrip(1);
+    roundTrip(1 << 20);
+}
+
+TEST_F(TransferTest, OverwriteKeepsTheIdAndReplacesTheContent) {
+    std::string id = drive->put(targetId, "f", "old content");
+    std::string local = writeLocal("f", "new");
+    FileInfo info("f");
+    ASSERT_TRUE(agent->sendFile(local, "f", TransferAgent::ProgressHook(), false, info));
+    EXPECT_EQ(3, info.getSize());
+    EXPECT_EQ("new", drive->content(id));
+    EXPECT_EQ(1u, drive->lookup(targetId, "f").size());
+    EXPECT_EQ(1, requests("updateFile"));
+    EXPECT_EQ(0, requests("uploadFile"));
+    // Truncating to nothing goes through the empty variant.
+    local = writeLocal("f", "");
+    ASSERT_TRUE(agent->sendFile(local, "f"));
+    EXPECT_EQ("", drive->content(id));
+    EXPECT_EQ(1, requests("updateEmptyFile"));
+}
+
+TEST_F(TransferTest, DownloadReplacesAnExistingDestinationOnlyWhenComplete) {
+    std::string id = drive->put(targetId, "f", "remote content");
+    std::string down = writeLocal("dest", "local content");
+    drive->addFault(Fault::shortDownload());
+    EXPECT_FALSE(agent->recvFile("f", down));
+    EXPECT_EQ(1, getError());
+    EXPECT_TRUE(TestSupport::syslogHas("get a bad file 13 != 14", LOG_ERR));
+    EXPECT_EQ("local content", readFile(down));
+    EXPECT_EQ(0, countTempFilesBeside(down));
+
+    drive->addFault(Fault::longDownload());
+    EXPECT_FALSE(agent->recvFile("f", down));
+    EXPECT_EQ(1, getError());
+    EXPECT_EQ("local content", readFile(down));
+
+    ASSERT_TRUE(agent->recvFile("f", down));
+    EXPECT_EQ("remote content", readFile(down));
+    EXPECT_EQ(0, countTempFilesBeside(down));
+}
+
+TEST_F(TransferTest, AgentDyingMidTransferLeavesNothingBehind) {
+    drive->setSettings([&] {
+        auto s = drive->settings();
+        s.progressBytes = 1024;
+        return s;
+    }());
+    drive->put(targetId, "f", randomBytes(64 * 1024, 1));
+    std::string down = writeLocal("dest", "keep me");
+    drive->addFault(Fault::exitAfterProgress("downloadFile", 3));
+    EXPECT_FALSE(agent->recvFile("f", down));
+    EXPECT_EQ(1, getError());
+    EXPECT_EQ("keep me", readFile(down));
+    EXPECT_EQ(0, countTempFilesBeside(down));
+    // The next operation starts a new drive agent.
+    ASSERT_TRUE(agent->recvFile("f", down));
+    EXPECT_EQ(64 * 1024, static_cast<int>(readFile(down).size()));
+
+    std::string up = writeLocal("up", randomBytes(64 * 1024, 2));
+    drive->addFault(Fault::exitAfterProgress("uploadFile", 2));
+    EXPECT_FALSE(agent->sendFile(up, "g"));
+    EXPECT_EQ(1, getError());
+    ASSERT_TRUE(agent->sendFile(up, "g"));
+}
+
+TEST_F(TransferTest, LocalPathProblems) {
+    std::string file = writeLocal("real", "x");
+    ASSERT_EQ(0, symlink(file.c_str(), localPath("link").c_str()));
+    struct Row {
+        std::string local;
+        std::string remote;
+        int want;
+    } const rows[] = {
+        {localPath("link"), "a", 1004},
+        {localPath(""), "a", 3},  // ends in a slash
+        {"/dev/null", "a", 1004},
+        {localPath("missing"), "a", 1001},
+        {file, "", 3},
+        {file, "/abs", 3},
+        {file, "a/../b", 3},
+        {file, "dir/", 3},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.local + " -> " + row.remote);
+        setError(0);
+        EXPECT_FALSE(agent->sendFile(row.local, row.remote));
+        EXPECT_EQ(row.want, getError());
+    }
+    // A destination that is a folder is refused before anything is fetched.
+    drive->put(targetId, "f", "x");
+    EXPECT_FALSE(agent->recvFile("f", localPath("")));
+    EXPECT_EQ(3, getError());
+    ASSERT_EQ(0, mkdir(localPath("dir").c_str(), 0700));
+    EXPECT_FALSE(agent->recvFile("f", localPath("dir")));
+    EXPECT_EQ(1004, getError());
+    EXPECT_EQ(0, requests());
+}
+
+TEST_F(TransferTest, RemoteShapeProblems) {
+    std::string local = writeLocal("f", "x");
+    drive->mkdir(targetId, "folder");
+    TestSupport::clearSyslog();
+    EXPECT_FALSE(agent->sendFile(local, "missing/f"));
+    EXPECT_EQ(2003, getError());
+    EXPECT_FALSE(TestSupport::syslogHas("failed to get parent"));
+
+    EXPECT_FALSE(agent->sendFile(local, "folder"));
+    EXPECT_EQ(2004, getError());
+    EXPECT_TRUE(drive->stat(drive->lookup(targetId, "folder")[0].id).isDir);
+
+    EXPECT_FALSE(agent->recvFile("folder", localPath("d")));
+    EXPECT_EQ(2004, getError());
+    EXPECT_FALSE(agent->recvFile("nothing", localPath("d")));
+    EXPECT_EQ(2003, getError());
+    EXPECT_FALSE(fileExists(localPath("d")));
+}
+
+TEST_F(TransferTest, ServiceRefusals) {
+    std::string local = writeLocal("f", std::string(100, 'x'));
+    drive->setQuota(50);
+    EXPECT_FALSE(agent->sendFile(local, "f"));
+    EXPECT_EQ(2002, getError());
+    EXPECT_TRUE(drive->lookup(targetId, "f").empty());
+
+    drive->setQuota(std::nullopt);
+    drive->clearRequestLog();
+    drive->addFault(Fault::fail("uploadFile", 403, "User Rate Limit Exceeded").always());
+    EXPECT_FALSE(agent->sendFile(local, "f"));
+    EXPECT_EQ(2000, getError());
+    // Sent once and re-sent nine times.
+    EXPECT_EQ(10, requests("uploadFile"));
+    auto retries = TestSupport::syslogLinesContaining("_client.readResponse() failed, retry [");
+    ASSERT_EQ(9u, retries.size());
+    EXPECT_NE(std::string::npos, retries.back().text.find("retry [9]"));
+}
+
+TEST_F(TransferTest, CancellationBeforeAnyRequestAndBetweenMessages) {
+    std::string local = writeLocal("f", std::string(8192, 'x'));
+    drive->put(targetId, "f", std::string(8192, 'y'));
+    agent->setCancelHook([] { return true; });
+    EXPECT_FALSE(agent->sendFile(local, "f"));
+    EXPECT_EQ(4, getError());
+    EXPECT_EQ(0, requests());
+
+    // Cancel once two progress messages have arrived.
+    auto s = drive->settings();
+    s.progressBytes = 1024;
+    drive->setSettings(s);
+    int calls = 0;
+    bool cancel = false;
+    agent->setCancelHook([&] { return cancel; });
+    auto progress = [&](long) {
+        if (++calls == 2) cancel = true;
+        return true;
+    };
+    std::string down = localPath("d");
+    EXPECT_FALSE(agent->recvFile("f", down, progress));
+    EXPECT_EQ(4, getError());
+    EXPECT_FALSE(fileExists(down));
+    EXPECT_EQ(0, countTempFilesBeside(down));
+}
+
+TEST_F(TransferTest, ProgressReportsOnlyGrowth) {
+    std::string local = writeLocal("f", std::string(1000, 'x'));
+    drive->addFault(Fault::progress("uploadFile", {0.5, 0.5, 0.25, 1.0}));
+    std::vector<long> increments;
+    auto progress = [&](long delta) {
+        increments.push_back(delta);
+        return true;
+    };
+    ASSERT_TRUE(agent->sendFile(local, "f", progress));
+    EXPECT_EQ((std::vector<long>{500, 500}), increments);
+}
+
+TEST_F(TransferTest, EmptyFileUploadsWithoutProgress) {
+    std::string local = writeLocal("f", "");
+    drive->addFault(Fault::progress("uploadEmptyFile", {0.5, 1.0}));
+    int calls = 0;
+    ASSERT_TRUE(agent->sendFile(local, "f", [&](long) { return ++calls > 0; }));
+    EXPECT_EQ(0, calls);
+    EXPECT_EQ(1, requests("uploadEmptyFile"));
+    auto log = drive->requestLog();
+    ASSERT_FALSE(log.empty());
+    EXPECT_TRUE(log.back().args.isMember("inputPath"));
+}
