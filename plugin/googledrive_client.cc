@@ -37,7 +37,7 @@ void removeCredentialVariables() {
 
 // Sets LANG for the agent's start and puts the previous value back on scope exit.
 class ScopedLang {
-public:
+  public:
     ScopedLang() {
         char const* old = getenv("LANG");
         _had = old != nullptr;
@@ -52,7 +52,7 @@ public:
         }
     }
 
-private:
+  private:
     bool _had;
     std::string _old;
 };

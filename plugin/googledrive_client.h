@@ -20,7 +20,7 @@ extern char const* const kGoogleDriveClientId;
 extern char const* const kGoogleDriveClientSecret;
 
 class GoogleDriveClient : public AgentClient {
-public:
+  public:
     // An unconnected channel with the retry policy (10 attempts, 5 pause units, needRetry).
     GoogleDriveClient();
     ~GoogleDriveClient() override;

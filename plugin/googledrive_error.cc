@@ -13,15 +13,24 @@ char const kQuotaExceeded[] = "The user's Drive storage quota has been exceeded.
 
 int errorCodeFor(int code, std::string const& message) {
     switch (code) {
-        case 400: return ERR_BAD_REQUEST;
-        case 401: return ERR_CREDENTIALS;
-        case 403: return message == kQuotaExceeded ? ERR_REMOTE_QUOTA : ERR_REMOTE_REFUSED;
-        case 404: return ERR_REMOTE_NOT_FOUND;
-        case 408: return ERR_REMOTE_TIMEOUT;
-        case -2: return ERR_AGENT_FAILURE_2;
-        case -3: return ERR_CANCELED;
-        case -4: return ERR_AGENT_FAILURE_4;
-        default: return ERR_GENERAL;
+        case 400:
+            return ERR_BAD_REQUEST;
+        case 401:
+            return ERR_CREDENTIALS;
+        case 403:
+            return message == kQuotaExceeded ? ERR_REMOTE_QUOTA : ERR_REMOTE_REFUSED;
+        case 404:
+            return ERR_REMOTE_NOT_FOUND;
+        case 408:
+            return ERR_REMOTE_TIMEOUT;
+        case -2:
+            return ERR_AGENT_FAILURE_2;
+        case -3:
+            return ERR_CANCELED;
+        case -4:
+            return ERR_AGENT_FAILURE_4;
+        default:
+            return ERR_GENERAL;
     }
 }
 

@@ -18,7 +18,7 @@ namespace TAVO {
 namespace Backup {
 
 class TransferAgentGoogleDrive : public TransferAgent {
-public:
+  public:
     // Reads no option, starts no process and touches no file.
     explicit TransferAgentGoogleDrive(Repository const& repository);
     // Does not save the node cache: the engine calls flushCache() for that.
@@ -109,8 +109,7 @@ public:
     bool getObjectMeta(std::string const& id, GoogleDrive::FileMeta& meta);
     bool listObjects(std::string const& pid, std::string const& name,
                      std::list<GoogleDrive::FileMeta>& list);
-    bool createFolder(std::string const& name, std::string const& pid,
-                      GoogleDrive::FileMeta& meta);
+    bool createFolder(std::string const& name, std::string const& pid, GoogleDrive::FileMeta& meta);
     bool removeObject(std::string const& id);
 
     // Path resolution, node cache first; with `cacheOnly` a cache miss fails
@@ -146,7 +145,17 @@ public:
     // Is the cached placement of one node still true on the service?
     bool verifyNode(std::string const& remotePath, bool mustBeCached);
 
-private:
+  private:
+    // What uploadFile and overwriteFile share once the request is built: a
+    // drive agent, the node cache, the transfer, and the stored object's record.
+    bool storeContent(Json::Value const& request, long fileSize, ProgressHook progress,
+                      GoogleDrive::FileMeta& meta);
+    // removeFile and removeDirRecursive after their argument checks: missing is
+    // success, an object of the other kind is refused.
+    bool removeExisting(std::string const& remotePath, bool wantDir);
+    // The folder a listing starts from, logged on failure.
+    bool resolveListedFolder(std::string const& path, GoogleDrive::FileMeta& folder);
+
     GoogleDriveClient _client;
     Json::Value _response;
     bool _is_cache_inited;

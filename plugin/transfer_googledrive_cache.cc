@@ -98,12 +98,8 @@ bool TransferAgentGoogleDrive::checkCache() {
     // The fixed entries of a backup target; other entries are not verified:
     // a stale one surfaces later as a failed request.
     static LayoutEntry const kLayout[] = {
-        {"", true},
-        {"tavobkpinfo.db", false},
-        {"Pool", true},
-        {"Control", true},
-        {"_Tavo_TaskConfig", false},
-        {"TavonicsCoffervault.bkpi", false},
+        {"", true},        {"tavobkpinfo.db", false},   {"Pool", true},
+        {"Control", true}, {"_Tavo_TaskConfig", false}, {"TavonicsCoffervault.bkpi", false},
     };
 
     freezeNodeCache(true);

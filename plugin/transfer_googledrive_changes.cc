@@ -74,27 +74,35 @@ bool TransferAgentGoogleDrive::createContainer(std::string const& name) {
     return true;
 }
 
+bool TransferAgentGoogleDrive::removeExisting(std::string const& remotePath, bool wantDir) {
+    GoogleDrive::FileMeta meta;
+    if (!findFileMetaByPath(false, remotePath, meta)) {
+        // Already gone is success; 2003 stays readable in the error state.
+        if (getError() == ERR_REMOTE_NOT_FOUND) return true;
+        GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(), getError());
+        return false;
+    }
+    if (meta.isDir && !wantDir) {
+        GD_LOG(LOG_ERR, "Error: [%s] is not a regular file, is dir", remotePath.c_str());
+        setError(ERR_REMOTE_IS_DIR);
+        return false;
+    }
+    if (!meta.isDir && wantDir) {
+        GD_LOG(LOG_ERR, "Error: [%s] is not a dir", remotePath.c_str());
+        setError(ERR_REMOTE_NOT_DIR);
+        return false;
+    }
+    // One request even for a folder: the service deletes its content with it.
+    return removeObject(meta.id);
+}
+
 bool TransferAgentGoogleDrive::removeFile(std::string const& path) {
     OperationTrace trace("removeFile", path);
     if (getContainer().empty() || !isValidFileRelativePath(path, false)) {
         setError(ERR_BAD_ARGUMENT);
         return false;
     }
-    std::string remotePath = getRemotePath(path, true);
-    GoogleDrive::FileMeta meta;
-    if (!findFileMetaByPath(false, remotePath, meta)) {
-        // Already gone is success; 2003 stays readable in the error state.
-        if (getError() == ERR_REMOTE_NOT_FOUND) return true;
-        GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(),
-               getError());
-        return false;
-    }
-    if (meta.isDir) {
-        GD_LOG(LOG_ERR, "Error: [%s] is not a regular file, is dir", remotePath.c_str());
-        setError(ERR_REMOTE_IS_DIR);
-        return false;
-    }
-    return removeObject(meta.id);
+    return removeExisting(getRemotePath(path, true), false);
 }
 
 bool TransferAgentGoogleDrive::removeDirRecursive(std::string const& path) {
@@ -103,21 +111,7 @@ bool TransferAgentGoogleDrive::removeDirRecursive(std::string const& path) {
         setError(ERR_BAD_ARGUMENT);
         return false;
     }
-    std::string remotePath = getRemotePath(path, true);
-    GoogleDrive::FileMeta meta;
-    if (!findFileMetaByPath(false, remotePath, meta)) {
-        if (getError() == ERR_REMOTE_NOT_FOUND) return true;
-        GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(),
-               getError());
-        return false;
-    }
-    if (!meta.isDir) {
-        GD_LOG(LOG_ERR, "Error: [%s] is not a dir", remotePath.c_str());
-        setError(ERR_REMOTE_NOT_DIR);
-        return false;
-    }
-    // One request: the service deletes the folder's content with it.
-    return removeObject(meta.id);
+    return removeExisting(getRemotePath(path, true), true);
 }
 
 bool TransferAgentGoogleDrive::isExist(std::string const& path) {

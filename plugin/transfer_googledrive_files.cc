@@ -93,8 +93,7 @@ bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string co
         GD_LOG(LOG_DEBUG, "[%s] not exists, to be upload", remote.c_str());
         if (!uploadFile(name, parentId, local, st.st_size, progress, meta)) {
             GD_LOG(LOG_ERR, "Failed to upload file [%s]->[%s], pid=[%s], name=[%s], error[%d]",
-                   local.c_str(), remotePath.c_str(), parentId.c_str(), name.c_str(),
-                   getError());
+                   local.c_str(), remotePath.c_str(), parentId.c_str(), name.c_str(), getError());
             return false;
         }
     } else {
@@ -184,8 +183,8 @@ bool TransferAgentGoogleDrive::recvFile(std::string const& remote, std::string c
     }
     if (!downloadFile(meta.id, tmp.getPath(), "", info.getSize(), progress)) {
         int code = getError();
-        GD_LOG(LOG_ERR, "download file id=[%s] path=[%s]->[%s] failed, error[%d]",
-               meta.id.c_str(), remote.c_str(), tmp.getPath().c_str(), code);
+        GD_LOG(LOG_ERR, "download file id=[%s] path=[%s]->[%s] failed, error[%d]", meta.id.c_str(),
+               remote.c_str(), tmp.getPath().c_str(), code);
         return false;
     }
 

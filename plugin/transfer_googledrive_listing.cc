@@ -88,6 +88,16 @@ bool TransferAgentGoogleDrive::listChildrenRecursive(std::string const& rpath,
     return true;
 }
 
+bool TransferAgentGoogleDrive::resolveListedFolder(std::string const& path,
+                                                   GoogleDrive::FileMeta& folder) {
+    std::string remotePath = getRemotePath(path, true);
+    if (!findFileMetaByPath(false, remotePath, folder)) {
+        GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(), getError());
+        return false;
+    }
+    return true;
+}
+
 bool TransferAgentGoogleDrive::listDir(std::string const& path, std::list<FileInfo>& list) {
     OperationTrace trace("listDir", path);
     list.clear();
@@ -95,30 +105,19 @@ bool TransferAgentGoogleDrive::listDir(std::string const& path, std::list<FileIn
         setError(ERR_BAD_ARGUMENT);
         return false;
     }
-    std::string remotePath = getRemotePath(path, true);
     GoogleDrive::FileMeta folder;
-    if (!findFileMetaByPath(false, remotePath, folder)) {
-        GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(),
-               getError());
-        return false;
-    }
+    if (!resolveListedFolder(path, folder)) return false;
     return listChildrenInfo(folder, list);
 }
 
-bool TransferAgentGoogleDrive::listDirRecursive(std::string const& path, ListHook hook,
-                                                void* arg) {
+bool TransferAgentGoogleDrive::listDirRecursive(std::string const& path, ListHook hook, void* arg) {
     OperationTrace trace("listDirRecursive", path);
     if (getContainer().empty() || !isValidRelativePath(path, true) || hook.empty()) {
         setError(ERR_BAD_ARGUMENT);
         return false;
     }
-    std::string remotePath = getRemotePath(path, true);
     GoogleDrive::FileMeta folder;
-    if (!findFileMetaByPath(false, remotePath, folder)) {
-        GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(),
-               getError());
-        return false;
-    }
+    if (!resolveListedFolder(path, folder)) return false;
     return listChildrenRecursive("", folder, hook, arg);
 }
 

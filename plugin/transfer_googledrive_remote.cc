@@ -16,20 +16,20 @@ char const kLogSource[] = "transfer_googledrive";
 
 // The opening every request shares: a drive agent, the node cache, and (for
 // the requests that change something) no pending cancellation.
-#define GD_OPEN_REQUEST(withCache, withCancel)                               \
-    do {                                                                     \
-        if (!checkAndCreateClient()) {                                       \
-            GD_LOG(LOG_ERR, "create client failed [%d]", getError());        \
-            return false;                                                    \
-        }                                                                    \
-        if ((withCache) && !checkAndInitCache()) {                           \
-            GD_LOG(LOG_ERR, "Failed to init cache");                         \
-            return false;                                                    \
-        }                                                                    \
-        if ((withCancel) && isCanceled()) {                                  \
-            setError(ERR_CANCELED);                                          \
-            return false;                                                    \
-        }                                                                    \
+#define GD_OPEN_REQUEST(withCache, withCancel)                        \
+    do {                                                              \
+        if (!checkAndCreateClient()) {                                \
+            GD_LOG(LOG_ERR, "create client failed [%d]", getError()); \
+            return false;                                             \
+        }                                                             \
+        if ((withCache) && !checkAndInitCache()) {                    \
+            GD_LOG(LOG_ERR, "Failed to init cache");                  \
+            return false;                                             \
+        }                                                             \
+        if ((withCancel) && isCanceled()) {                           \
+            setError(ERR_CANCELED);                                   \
+            return false;                                             \
+        }                                                             \
     } while (0)
 
 bool TransferAgentGoogleDrive::getObjectMeta(std::string const& id, GoogleDrive::FileMeta& meta) {
@@ -82,9 +82,8 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
             return googledriveConverTransferResponse(false, _response, true, "listObjects",
                                                      __LINE__);
         }
-        pageToken = _response.isMember("nextPageToken")
-                        ? _response["nextPageToken"].asString()
-                        : std::string();
+        pageToken = _response.isMember("nextPageToken") ? _response["nextPageToken"].asString()
+                                                        : std::string();
         if (_response.isMember("objects")) {
             for (Json::Value const& object : _response["objects"]) {
                 GoogleDrive::FileMeta meta;
@@ -122,8 +121,7 @@ bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string
     request["name"] = name;
     request["parentId"] = pid;
     if (!_client.send(request, _response)) {
-        return googledriveConverTransferResponse(false, _response, true, "createFolder",
-                                                 __LINE__);
+        return googledriveConverTransferResponse(false, _response, true, "createFolder", __LINE__);
     }
     if (!meta.setFileMeta(_response)) {
         GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
@@ -143,8 +141,7 @@ bool TransferAgentGoogleDrive::removeObject(std::string const& id) {
     request["fn"] = "deleteObject";
     request["id"] = id;
     if (!_client.send(request, _response)) {
-        return googledriveConverTransferResponse(false, _response, true, "removeObject",
-                                                 __LINE__);
+        return googledriveConverTransferResponse(false, _response, true, "removeObject", __LINE__);
     }
     // Records below a deleted folder stay; a later walk through them misses
     // on the service and forgets them then.

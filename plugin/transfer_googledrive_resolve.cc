@@ -85,8 +85,8 @@ bool TransferAgentGoogleDrive::findFileMetaByPath(bool cacheOnly, std::string co
     GoogleDrive::FileMeta step;
     for (auto const& component : parts) {
         if (!findFileMetaByPidName(cacheOnly, parent, component, step)) {
-            GD_LOG(LOG_DEBUG, "findFileMetaBy Pid[%s] Name[%s] failed, error[%d]",
-                   parent.c_str(), component.c_str(), getError());
+            GD_LOG(LOG_DEBUG, "findFileMetaBy Pid[%s] Name[%s] failed, error[%d]", parent.c_str(),
+                   component.c_str(), getError());
             return false;
         }
         parent = step.id;

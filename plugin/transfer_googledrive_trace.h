@@ -15,7 +15,7 @@ namespace TAVO {
 namespace Backup {
 
 class OperationTrace {
-public:
+  public:
     // `name` must outlive the trace (a string literal). The argument texts are
     // copied only when debugging is on.
     OperationTrace(char const* name, std::string const& first, std::string const& second = "")
@@ -37,7 +37,7 @@ public:
     OperationTrace(OperationTrace const&) = delete;
     OperationTrace& operator=(OperationTrace const&) = delete;
 
-private:
+  private:
     static long long nowMicros() {
         struct timeval tv;
         gettimeofday(&tv, nullptr);

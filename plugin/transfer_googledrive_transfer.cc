@@ -18,8 +18,7 @@ int const kMaxResends = 9;
 }  // namespace
 
 bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& request,
-                                                            long& fileSize,
-                                                            ProgressHook progress) {
+                                                            long& fileSize, ProgressHook progress) {
     OperationTrace trace("sendRequestAndUpdateProgress",
                          isDebug() ? TAVO::JsonText::toString(request) : std::string());
     bool retry = false;
@@ -45,17 +44,15 @@ bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& r
                     break;  // send the request again
                 }
                 return googledriveConverTransferResponse(false, _response, true,
-                                                         "sendRequestAndUpdateProgress",
-                                                         __LINE__);
+                                                         "sendRequestAndUpdateProgress", __LINE__);
             }
             if (_response.get("complete", true).asBool()) {
                 return googledriveConverTransferResponse(true, _response, true,
-                                                         "sendRequestAndUpdateProgress",
-                                                         __LINE__);
+                                                         "sendRequestAndUpdateProgress", __LINE__);
             }
             if (progress.empty()) continue;
-            long position = static_cast<long>(
-                std::round(static_cast<double>(fileSize) * _response.get("progress", 0).asDouble()));
+            long position = static_cast<long>(std::round(static_cast<double>(fileSize) *
+                                                         _response.get("progress", 0).asDouble()));
             if (position > lastReported) {
                 progress(position - lastReported);
                 lastReported = position;
@@ -67,7 +64,8 @@ bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& r
 bool TransferAgentGoogleDrive::downloadFile(std::string const& id, std::string const& outputPath,
                                             std::string const& requestRange, long fileSize,
                                             ProgressHook progress) {
-    GD_LOG(LOG_DEBUG, "@downloadFile: id=[%s] -> local_path=[%s], request_range=[%s], file_size=[%ld]",
+    GD_LOG(LOG_DEBUG,
+           "@downloadFile: id=[%s] -> local_path=[%s], request_range=[%s], file_size=[%ld]",
            id.c_str(), outputPath.c_str(), requestRange.c_str(), fileSize);
     if (!checkAndCreateClient()) {
         GD_LOG(LOG_ERR, "create client failed [%d]", getError());
@@ -81,23 +79,8 @@ bool TransferAgentGoogleDrive::downloadFile(std::string const& id, std::string c
     return sendRequestAndUpdateProgress(request, size, progress);
 }
 
-namespace {
-// Builds the request for storing `localPath`; the empty variants keep the
-// same members so the agent's handling stays uniform.
-Json::Value contentRequest(char const* fn, char const* emptyFn, long fileSize,
-                           std::string const& localPath) {
-    Json::Value request;
-    request["fn"] = fileSize <= 0 ? emptyFn : fn;
-    request["inputPath"] = localPath;
-    return request;
-}
-}  // namespace
-
-bool TransferAgentGoogleDrive::uploadFile(std::string const& name, std::string const& parentId,
-                                          std::string const& localPath, long fileSize,
-                                          ProgressHook progress, GoogleDrive::FileMeta& meta) {
-    GD_LOG(LOG_DEBUG, "@uploadFile: local_path=[%s] -> name=[%s], pid=[%s], file_size=[%ld]",
-           localPath.c_str(), name.c_str(), parentId.c_str(), fileSize);
+bool TransferAgentGoogleDrive::storeContent(Json::Value const& request, long fileSize,
+                                            ProgressHook progress, GoogleDrive::FileMeta& meta) {
     if (!checkAndCreateClient()) {
         GD_LOG(LOG_ERR, "create client failed [%d]", getError());
         return false;
@@ -106,9 +89,6 @@ bool TransferAgentGoogleDrive::uploadFile(std::string const& name, std::string c
         GD_LOG(LOG_ERR, "Failed to init cache");
         return false;
     }
-    Json::Value request = contentRequest("uploadFile", "uploadEmptyFile", fileSize, localPath);
-    request["name"] = name;
-    request["parentId"] = parentId;
     long size = fileSize;
     if (!sendRequestAndUpdateProgress(request, size, progress)) {
         GD_LOG(LOG_ERR, "sendRequestAndUpdateProgress() failed");
@@ -121,6 +101,20 @@ bool TransferAgentGoogleDrive::uploadFile(std::string const& name, std::string c
     }
     if (_update_node_cache) _node_cache.insert(meta);
     return true;
+}
+
+bool TransferAgentGoogleDrive::uploadFile(std::string const& name, std::string const& parentId,
+                                          std::string const& localPath, long fileSize,
+                                          ProgressHook progress, GoogleDrive::FileMeta& meta) {
+    GD_LOG(LOG_DEBUG, "@uploadFile: local_path=[%s] -> name=[%s], pid=[%s], file_size=[%ld]",
+           localPath.c_str(), name.c_str(), parentId.c_str(), fileSize);
+    // The empty variant keeps "inputPath" so the agent handles both alike.
+    Json::Value request;
+    request["fn"] = fileSize <= 0 ? "uploadEmptyFile" : "uploadFile";
+    request["name"] = name;
+    request["parentId"] = parentId;
+    request["inputPath"] = localPath;
+    return storeContent(request, fileSize, progress, meta);
 }
 
 bool TransferAgentGoogleDrive::overwriteFile(std::string const& id, std::string const& localPath,
@@ -128,28 +122,11 @@ bool TransferAgentGoogleDrive::overwriteFile(std::string const& id, std::string 
                                              GoogleDrive::FileMeta& meta) {
     GD_LOG(LOG_DEBUG, "@overwriteFile: local_path=[%s] -> id=[%s], file_size=[%ld]",
            localPath.c_str(), id.c_str(), fileSize);
-    if (!checkAndCreateClient()) {
-        GD_LOG(LOG_ERR, "create client failed [%d]", getError());
-        return false;
-    }
-    if (!checkAndInitCache()) {
-        GD_LOG(LOG_ERR, "Failed to init cache");
-        return false;
-    }
-    Json::Value request = contentRequest("updateFile", "updateEmptyFile", fileSize, localPath);
+    Json::Value request;
+    request["fn"] = fileSize <= 0 ? "updateEmptyFile" : "updateFile";
     request["id"] = id;
-    long size = fileSize;
-    if (!sendRequestAndUpdateProgress(request, size, progress)) {
-        GD_LOG(LOG_ERR, "sendRequestAndUpdateProgress() failed");
-        return false;
-    }
-    if (!meta.setFileMeta(_response)) {
-        GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
-        setError(ERR_GENERAL);
-        return false;
-    }
-    if (_update_node_cache) _node_cache.insert(meta);
-    return true;
+    request["inputPath"] = localPath;
+    return storeContent(request, fileSize, progress, meta);
 }
 
 }  // namespace Backup

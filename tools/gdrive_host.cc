@@ -113,7 +113,7 @@ void printInfo(FileInfo const& info) {
 }
 
 class Host {
-public:
+  public:
     Host(Options const& options, TransferAgent* agent) : _o(options), _agent(agent) {}
 
     int run(std::vector<std::string> const& w) {
@@ -124,11 +124,9 @@ public:
             AccountInfo info;
             ok = _agent->getAccountInfo(info);
             if (ok) {
-                printf("account: %s\nuser: %s\nused: %lld bytes\nquota: %s\n",
-                       info.account.c_str(), info.userName.c_str(),
-                       static_cast<long long>(info.usedSize),
-                       info.isUnlimitedQuota ? "unlimited"
-                                             : std::to_string(info.quota).c_str());
+                printf("account: %s\nuser: %s\nused: %lld bytes\nquota: %s\n", info.account.c_str(),
+                       info.userName.c_str(), static_cast<long long>(info.usedSize),
+                       info.isUnlimitedQuota ? "unlimited" : std::to_string(info.quota).c_str());
             }
         } else if (cmd == "mkcontainer") {
             ok = _agent->createContainer(_o.container);
@@ -136,14 +134,14 @@ public:
             ok = _agent->createDir(arg(1));
         } else if (cmd == "put" && w.size() == 3) {
             FileInfo info(arg(2));
-            ok = _agent->sendFile(arg(1), arg(2), progressPrinter("sent", localSize(arg(1))),
-                                  true, info);
+            ok = _agent->sendFile(arg(1), arg(2), progressPrinter("sent", localSize(arg(1))), true,
+                                  info);
             if (ok) printInfo(info);
         } else if (cmd == "get" && w.size() == 3) {
             FileInfo info(arg(1));
-            ok = _agent->stat(arg(1), info) &&
-                 _agent->recvFile(arg(1), arg(2), progressPrinter("received", info.getSize()),
-                                  info);
+            ok =
+                _agent->stat(arg(1), info) &&
+                _agent->recvFile(arg(1), arg(2), progressPrinter("received", info.getSize()), info);
         } else if (cmd == "stat" && w.size() == 2) {
             FileInfo info(arg(1));
             ok = _agent->stat(arg(1), info);
@@ -184,7 +182,7 @@ public:
         return 0;
     }
 
-private:
+  private:
     bool step(char const* what, bool ok) {
         fprintf(stderr, "%s %s\n", ok ? "ok  " : "FAIL", what);
         if (!ok) fprintf(stderr, "     error %d\n", getError());
@@ -230,9 +228,12 @@ private:
             std::string local = Path::join(restore, f.first);
             ok = ok && system(("mkdir -p '" + Path::dirname(local) + "'").c_str()) == 0;
             ok = ok && step(("download " + f.first).c_str(), _agent->recvFile(f.first, local));
-            ok = ok && step(("compare " + f.first).c_str(),
-                            system(("cmp -s '" + Path::join(src, f.first) + "' '" + local + "'")
-                                       .c_str()) == 0);
+            ok =
+                ok &&
+                step(
+                    ("compare " + f.first).c_str(),
+                    system(("cmp -s '" + Path::join(src, f.first) + "' '" + local + "'").c_str()) ==
+                        0);
         }
         ok = ok && step("verify node cache", _agent->checkCache());
         ok = ok && step("flush node cache", _agent->flushCache());
@@ -279,9 +280,8 @@ int main(int argc, char** argv) {
     }
     if (o.debug) {
         TransferAgent::setDebug(true);
-        TransferAgent::setDebugSink([](std::string const& line) {
-            fprintf(stderr, "debug: %s\n", line.c_str());
-        });
+        TransferAgent::setDebugSink(
+            [](std::string const& line) { fprintf(stderr, "debug: %s\n", line.c_str()); });
     }
 
     void* module = dlopen(o.plugin.c_str(), RTLD_NOW | RTLD_LOCAL);

@@ -11,15 +11,21 @@ thread_local int t_error = ERR_NONE;
 int mapCommon(int err) {
     switch (err) {
         case ENOENT:
-        case ENOTDIR: return ERR_LOCAL_NOT_FOUND;
+        case ENOTDIR:
+            return ERR_LOCAL_NOT_FOUND;
         case EACCES:
         case EPERM:
-        case EROFS: return ERR_LOCAL_PERMISSION;
-        case ENAMETOOLONG: return ERR_LOCAL_NAME_TOO_LONG;
+        case EROFS:
+            return ERR_LOCAL_PERMISSION;
+        case ENAMETOOLONG:
+            return ERR_LOCAL_NAME_TOO_LONG;
         case ENOSPC:
-        case EDQUOT: return ERR_LOCAL_NO_SPACE;
-        case EINVAL: return ERR_BAD_ARGUMENT;
-        default: return -1;
+        case EDQUOT:
+            return ERR_LOCAL_NO_SPACE;
+        case EINVAL:
+            return ERR_BAD_ARGUMENT;
+        default:
+            return -1;
     }
 }
 }  // namespace
@@ -38,8 +44,10 @@ int getErrorCodeByLibcFileIo(int err, bool /*isLocal*/) {
     switch (err) {
         case EIO:
         case EFBIG:
-        case EISDIR: return ERR_LOCAL_IO;
-        default: return ERR_GENERAL;
+        case EISDIR:
+            return ERR_LOCAL_IO;
+        default:
+            return ERR_GENERAL;
     }
 }
 

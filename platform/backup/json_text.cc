@@ -20,13 +20,27 @@ void appendQuoted(std::string& out, char const* s, size_t n) {
         out.append(s + run, i - run);
         run = i + 1;
         switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\b': out += "\\b"; break;
-            case '\f': out += "\\f"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\b':
+                out += "\\b";
+                break;
+            case '\f':
+                out += "\\f";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
             default:
                 out += "\\u00";
                 out += kHex[c >> 4];
@@ -54,11 +68,21 @@ void appendReal(std::string& out, double d) {
 
 void append(std::string& out, Json::Value const& v) {
     switch (v.type()) {
-        case Json::nullValue: out += "null"; break;
-        case Json::intValue: out += std::to_string(v.asLargestInt()); break;
-        case Json::uintValue: out += std::to_string(v.asLargestUInt()); break;
-        case Json::realValue: appendReal(out, v.asDouble()); break;
-        case Json::booleanValue: out += v.asBool() ? "true" : "false"; break;
+        case Json::nullValue:
+            out += "null";
+            break;
+        case Json::intValue:
+            out += std::to_string(v.asLargestInt());
+            break;
+        case Json::uintValue:
+            out += std::to_string(v.asLargestUInt());
+            break;
+        case Json::realValue:
+            appendReal(out, v.asDouble());
+            break;
+        case Json::booleanValue:
+            out += v.asBool() ? "true" : "false";
+            break;
         case Json::stringValue: {
             char const* b = nullptr;
             char const* e = nullptr;

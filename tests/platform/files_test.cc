@@ -117,9 +117,10 @@ TEST(JsonText, WritesOneSortedLine) {
     v["i"] = -5;
     v["r"] = 0.5;
     v["z"] = Json::Value();
-    EXPECT_EQ("{\"d\":true,\"i\":-5,\"n\":\"a\\\"b\\\\c\\n\\u0001/\xc3\xa9\",\"p\":[\"x\"],"
-              "\"r\":0.5,\"z\":null}",
-              TAVO::JsonText::toString(v));
+    EXPECT_EQ(
+        "{\"d\":true,\"i\":-5,\"n\":\"a\\\"b\\\\c\\n\\u0001/\xc3\xa9\",\"p\":[\"x\"],"
+        "\"r\":0.5,\"z\":null}",
+        TAVO::JsonText::toString(v));
     Json::Value back;
     ASSERT_TRUE(TAVO::JsonText::fromString(TAVO::JsonText::toString(v), back));
     EXPECT_EQ(v, back);
@@ -129,8 +130,9 @@ TEST(JsonText, ParserIsStrict) {
     Json::Value v;
     EXPECT_TRUE(TAVO::JsonText::fromString("{\"a\":1}\n", v));
     EXPECT_EQ(1, v["a"].asInt());
-    for (std::string bad : std::vector<std::string>{"", "{", "{\"a\":1} x", "{\"a\":1}{}", "{'a':1}", "{\"a\":1,\"a\":2}",
-                            "// c\n{}", std::string("{\"a\":\"x\0\"}", 10), "\x01\x02"}) {
+    for (std::string bad : std::vector<std::string>{
+             "", "{", "{\"a\":1} x", "{\"a\":1}{}", "{'a':1}", "{\"a\":1,\"a\":2}", "// c\n{}",
+             std::string("{\"a\":\"x\0\"}", 10), "\x01\x02"}) {
         SCOPED_TRACE(bad);
         EXPECT_FALSE(TAVO::JsonText::fromString(bad, v));
     }

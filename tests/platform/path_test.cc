@@ -1,7 +1,6 @@
 #include "backup/path.h"
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include "backup/path_check.h"

@@ -12,7 +12,7 @@
 #include "transfer_googledrive.h"
 
 class EmulatedDriveTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override;
     void TearDown() override;
 
@@ -42,7 +42,7 @@ protected:
     std::string containerId;  // "/C"
     std::string targetId;     // "/C/T"
 
-private:
+  private:
     std::string _dir;
     TAVO::Backup::Repository _repository;
 };

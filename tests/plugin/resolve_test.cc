@@ -92,9 +92,17 @@ TEST_F(ResolveTest, DuplicateNamesMakeThePathUnresolvable) {
         char const* what;
         std::function<bool()> run;
     } const checks[] = {
-        {"walk", [&] { std::string id; return agent->findNodeIdByPath(false, "/C/T/a/b", id); }},
+        {"walk",
+         [&] {
+             std::string id;
+             return agent->findNodeIdByPath(false, "/C/T/a/b", id);
+         }},
         {"sendFile", [&] { return agent->sendFile(local, "a/b/f"); }},
-        {"stat", [&] { FileInfo info; return agent->stat("a/b", info); }},
+        {"stat",
+         [&] {
+             FileInfo info;
+             return agent->stat("a/b", info);
+         }},
     };
     for (auto const& check : checks) {
         SCOPED_TRACE(check.what);
@@ -102,7 +110,8 @@ TEST_F(ResolveTest, DuplicateNamesMakeThePathUnresolvable) {
         TestSupport::clearSyslog();
         EXPECT_FALSE(check.run());
         EXPECT_EQ(1, getError());
-        EXPECT_TRUE(TestSupport::syslogHas("list more than one children with the same name", LOG_ERR));
+        EXPECT_TRUE(
+            TestSupport::syslogHas("list more than one children with the same name", LOG_ERR));
     }
     EXPECT_TRUE(drive->lookup(bId, "f").empty());
 }

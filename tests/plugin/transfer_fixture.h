@@ -32,7 +32,7 @@ inline std::string randomBytes(size_t n, unsigned seed) {
 }
 
 class TransferTest : public EmulatedDriveTest {
-protected:
+  protected:
     void roundTrip(size_t size) {
         SCOPED_TRACE(size);
         std::string content = randomBytes(size, static_cast<unsigned>(size));
@@ -69,4 +69,3 @@ protected:
         }
     }
 };
-

@@ -56,7 +56,9 @@ extern "C" void syslog(int priority, char const* fmt, ...) {
     va_end(args);
 }
 
-extern "C" void vsyslog(int priority, char const* fmt, va_list args) { record(priority, fmt, args); }
+extern "C" void vsyslog(int priority, char const* fmt, va_list args) {
+    record(priority, fmt, args);
+}
 
 namespace TestSupport {
 

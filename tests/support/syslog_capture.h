@@ -9,8 +9,8 @@
 namespace TestSupport {
 
 struct LogLine {
-    int priority;     // LOG_ERR, LOG_DEBUG, ... (facility bits removed)
-    std::string text; // the formatted message, %m expanded
+    int priority;      // LOG_ERR, LOG_DEBUG, ... (facility bits removed)
+    std::string text;  // the formatted message, %m expanded
 };
 
 // Starts a fresh capture: forgets earlier lines.
