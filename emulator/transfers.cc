@@ -103,8 +103,17 @@ void Server::download(Request const& request, FiredFaults const& fired) {
     if (stored.object.isDir) {
         throw Error(403, "Only files with binary content can be downloaded.");
     }
-    Fd out(::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    // Truncate only a file that holds something: ext4 flushes a file that was
+    // truncated to zero as soon as it is closed, and the plug-in hands us the
+    // empty temporary file it made, which would turn every download into a
+    // synchronous write of the whole file.
+    Fd out(::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (out.get() < 0) localFailure("cannot write", outputPath);
+    struct stat existing;
+    if (::fstat(out.get(), &existing) != 0 ||
+        (existing.st_size > 0 && ::ftruncate(out.get(), 0) != 0)) {
+        localFailure("cannot write", outputPath);
+    }
 
     auto size = static_cast<std::int64_t>(stored.object.size);
     std::int64_t length = fired.shortDownload ? std::max<std::int64_t>(0, size - 1) : size;
