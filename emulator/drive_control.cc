@@ -10,6 +10,7 @@
 
 #include "content_copy.h"
 #include "faults.h"
+#include "fd.h"
 #include "ids.h"
 #include "request_log.h"
 #include "store.h"
@@ -21,20 +22,6 @@ namespace {
 [[noreturn]] void localFailure(std::string const& what, std::string const& path) {
     throw Error(500, what + " " + path + ": " + std::strerror(errno));
 }
-
-class Fd {
-  public:
-    explicit Fd(int fd) : _fd(fd) {}
-    ~Fd() {
-        if (_fd >= 0) ::close(_fd);
-    }
-    Fd(Fd const&) = delete;
-    Fd& operator=(Fd const&) = delete;
-    int get() const { return _fd; }
-
-  private:
-    int _fd;
-};
 
 // Runs `change` in one write transaction.
 template <typename F>
@@ -68,6 +55,16 @@ std::string adopt(Store& store, PendingBlob& blob, NewContent content,
     std::string id = apply(content);
     if (content.size > 0) blob.keep();
     return id;
+}
+
+// Writes the whole of `content` to `fd`; throws Error(500) naming `where`.
+void writeAll(int fd, std::string const& content, std::string const& where) {
+    for (size_t done = 0; done < content.size();) {
+        ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) localFailure("cannot write", where);
+        done += static_cast<size_t>(n);
+    }
 }
 
 }  // namespace
@@ -145,12 +142,7 @@ std::string Drive::mkdir(std::string const& parentId, std::string const& name) {
 std::string Drive::put(std::string const& parentId, std::string const& name,
                        std::string const& content) {
     PendingBlob blob(_store->blobs());
-    for (size_t done = 0; done < content.size();) {
-        ssize_t n = ::write(blob.fd(), content.data() + done, content.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) localFailure("cannot write", _store->blobs().folder());
-        done += static_cast<size_t>(n);
-    }
+    writeAll(blob.fd(), content, _store->blobs().folder());
     NewContent stored{blob.name(), static_cast<std::int64_t>(content.size()), md5Hex(content)};
     return adopt(*_store, blob, stored, [&](NewContent const& c) {
         return inWrite(*_store, [&] { return _store->createFile(parentId, name, c, 0).id; });
@@ -171,12 +163,7 @@ std::string Drive::putFile(std::string const& parentId, std::string const& name,
 
 void Drive::update(std::string const& id, std::string const& content) {
     PendingBlob blob(_store->blobs());
-    for (size_t done = 0; done < content.size();) {
-        ssize_t n = ::write(blob.fd(), content.data() + done, content.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) localFailure("cannot write", _store->blobs().folder());
-        done += static_cast<size_t>(n);
-    }
+    writeAll(blob.fd(), content, _store->blobs().folder());
     NewContent stored{blob.name(), static_cast<std::int64_t>(content.size()), md5Hex(content)};
     std::string old;
     adopt(*_store, blob, stored, [&](NewContent const& c) {

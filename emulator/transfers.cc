@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "content_copy.h"
+#include "fd.h"
 #include "server.h"
 
 namespace DriveEmulator {
@@ -20,26 +21,6 @@ namespace {
     // The drive agent's own failures (not the service's) carry negative codes.
     throw Error(-1, what + " " + path + ": " + std::strerror(errno));
 }
-
-class Fd {
-  public:
-    explicit Fd(int fd) : _fd(fd) {}
-    ~Fd() {
-        if (_fd >= 0) ::close(_fd);
-    }
-    Fd(Fd const&) = delete;
-    Fd& operator=(Fd const&) = delete;
-    int get() const { return _fd; }
-    // Closes now, reporting a failure (a write the file system refused late).
-    bool close() {
-        int fd = _fd;
-        _fd = -1;
-        return ::close(fd) == 0;
-    }
-
-  private:
-    int _fd;
-};
 
 // Sends the progress messages of one transfer and carries out the faults
 // that act on them.
