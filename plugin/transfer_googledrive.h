@@ -146,6 +146,9 @@ class TransferAgentGoogleDrive : public TransferAgent {
     bool verifyNode(std::string const& remotePath, bool mustBeCached);
 
   private:
+    // Reads the Drive object record a successful response carries; false
+    // with error 1 (and the response logged) when it cannot be read.
+    bool readResponseRecord(GoogleDrive::FileMeta& meta);
     // What uploadFile and overwriteFile share once the request is built: a
     // drive agent, the node cache, the transfer, and the stored object's record.
     bool storeContent(Json::Value const& request, long fileSize, ProgressHook progress,

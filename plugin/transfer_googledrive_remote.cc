@@ -32,6 +32,13 @@ char const kLogSource[] = "transfer_googledrive";
         }                                                             \
     } while (0)
 
+bool TransferAgentGoogleDrive::readResponseRecord(GoogleDrive::FileMeta& meta) {
+    if (meta.setFileMeta(_response)) return true;
+    GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
+    setError(ERR_GENERAL);
+    return false;
+}
+
 bool TransferAgentGoogleDrive::getObjectMeta(std::string const& id, GoogleDrive::FileMeta& meta) {
     GD_LOG(LOG_DEBUG, "@getObjectMeta: id=[%s]", id.c_str());
     GD_OPEN_REQUEST(true, false);
@@ -45,11 +52,7 @@ bool TransferAgentGoogleDrive::getObjectMeta(std::string const& id, GoogleDrive:
         if (_update_node_cache && getError() == ERR_REMOTE_NOT_FOUND) _node_cache.remove(id);
         return false;
     }
-    if (!meta.setFileMeta(_response)) {
-        GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
-        setError(ERR_GENERAL);
-        return false;
-    }
+    if (!readResponseRecord(meta)) return false;
     if (meta.status == "TRASH") {
         // A trashed object is absent to the engine.
         if (_update_node_cache) _node_cache.remove(id);
@@ -123,11 +126,7 @@ bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string
     if (!_client.send(request, _response)) {
         return googledriveConverTransferResponse(false, _response, true, "createFolder", __LINE__);
     }
-    if (!meta.setFileMeta(_response)) {
-        GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
-        setError(ERR_GENERAL);
-        return false;
-    }
+    if (!readResponseRecord(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
     return true;
 }

@@ -94,11 +94,7 @@ bool TransferAgentGoogleDrive::storeContent(Json::Value const& request, long fil
         GD_LOG(LOG_ERR, "sendRequestAndUpdateProgress() failed");
         return false;
     }
-    if (!meta.setFileMeta(_response)) {
-        GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
-        setError(ERR_GENERAL);
-        return false;
-    }
+    if (!readResponseRecord(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
     return true;
 }
