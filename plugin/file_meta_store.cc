@@ -1,8 +1,10 @@
 // The node cache in memory: records by id and the (parent id, name) index.
 #include "file_meta_store.h"
 
+#include <set>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "file_meta_store_format.h"
 
@@ -201,6 +203,28 @@ bool FileMetaStore::remove(GoogleDrive::FileMeta& meta) {
         if (!removePlacement(parent, meta.name)) removed = false;
     }
     return removed;
+}
+
+bool FileMetaStore::removeTree(std::string const& id) {
+    removeId(id);
+    std::vector<std::string> folders{id};
+    std::set<std::string> visited;
+    while (!folders.empty()) {
+        std::string folder = std::move(folders.back());
+        folders.pop_back();
+        if (!visited.insert(folder).second) continue;
+        // Collected first: removing a placement erases its index entry.
+        std::vector<std::pair<std::string, std::string>> children;
+        for (auto entry = _index.lower_bound(IndexKeyView{folder, std::string_view()});
+             entry != _index.end() && entry->first.parent.view() == folder; ++entry)
+            children.emplace_back(entry->first.name.view(), entry->second.view());
+        for (auto const& [name, child] : children) {
+            bool known = _records.find(child) != _records.end();
+            removePlacement(folder, name);
+            if (known && _records.find(child) == _records.end()) folders.push_back(child);
+        }
+    }
+    return true;
 }
 
 void FileMetaStore::eraseRecord(RecordMap::iterator it) {

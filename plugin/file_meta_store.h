@@ -84,6 +84,13 @@ class FileMetaStore {
     // false when it has neither id nor name, or when a removal failed. `meta`
     // is not modified.
     bool remove(GoogleDrive::FileMeta& meta);
+    // Forgets the object as remove(id) does, then detaches every placement
+    // below it that the index knows: each entry (id, name) is removed as
+    // remove(id, name) does, so a child that has another parent survives
+    // there, and the children of a child whose record goes are detached in
+    // turn, to any depth (a cycle is walked once). The store is dirty when
+    // anything changed. Returns true.
+    bool removeTree(std::string const& id);
 
     // Replaces the content by that of the cache file at `path`, one JSON
     // object per line; lines that do not parse are skipped. A missing file

@@ -226,6 +226,27 @@ TEST_F(NodeCacheTest, ParentlessEntryOutlivesItsRecordUntilRemovedByPlacement) {
     EXPECT_EQ("[record]\n[index]\n", dumpOf(store));
 }
 
+TEST_F(NodeCacheTest, RemoveTreeDropsEverythingBelowButSharedChildren) {
+    FileMetaStore store;
+    loadContent(store, lines({R"({"d":true,"i":"A","n":"a","p":["R"]})",
+                              R"({"d":true,"i":"B","n":"b","p":["A"]})",
+                              R"({"d":false,"i":"O","n":"o","p":["X"]})",
+                              R"({"d":true,"i":"R","n":"root","p":["X"]})",
+                              R"({"d":false,"i":"S","n":"s","p":["A","Y"]})",
+                              R"({"d":false,"i":"f","n":"f","p":["R"]})",
+                              R"({"d":false,"i":"g","n":"g","p":["B"]})"}));
+    EXPECT_TRUE(store.removeTree("R"));
+    EXPECT_TRUE(store.isDirty());
+    EXPECT_EQ(
+        "[record]\n"
+        "{\"d\":false,\"i\":\"O\",\"n\":\"o\",\"p\":[\"X\"]}\n"
+        "{\"d\":false,\"i\":\"S\",\"n\":\"s\",\"p\":[\"Y\"]}\n"
+        "[index]\n"
+        "X,o -> O\n"
+        "Y,s -> S\n",
+        dumpOf(store));
+}
+
 TEST_F(NodeCacheTest, RemoveByFileMetaUsesWhatItKnows) {
     FileMetaStore store;
     store.insert(makeMeta("F1", "n", {"A", "B"}));
