@@ -15,6 +15,24 @@ namespace {
 char const kLogSource[] = "transfer_googledrive";
 // A request is sent once and again after each of up to this many failed reads.
 int const kMaxResends = 9;
+
+// Marks a request the drive agent is still answering. Leaving the loop before
+// its final message (a cancel, an exception from the engine's callback) closes
+// and reaps the agent: its remaining lines must never be read as the answers to
+// later requests. The next operation starts a new agent.
+class OutstandingRequest {
+  public:
+    explicit OutstandingRequest(AgentClient& client) : _client(client) {}
+    ~OutstandingRequest() {
+        if (_open) _client.close();
+    }
+    void sent() { _open = true; }
+    void answered() { _open = false; }
+
+  private:
+    AgentClient& _client;
+    bool _open = false;
+};
 }  // namespace
 
 bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& request,
@@ -25,6 +43,7 @@ bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& r
     int resends = 0;
     // Kept across re-sends: the engine only ever sees the position grow.
     long lastReported = 0;
+    OutstandingRequest outstanding(_client);
 
     while (true) {
         if (!_client.sendRequest(request)) {
@@ -32,12 +51,15 @@ bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& r
             GD_LOG(LOG_ERR, "_client.sendRequest() failed");
             return false;
         }
+        outstanding.sent();
         while (true) {
             if (isCanceled()) {
                 setError(ERR_CANCELED);
                 return false;
             }
             if (!_client.readResponse(_response, retry)) {
+                // The agent's own final answer, or a channel that was closed.
+                outstanding.answered();
                 if (resends < kMaxResends && retry) {
                     ++resends;
                     GD_LOG(LOG_DEBUG, "_client.readResponse() failed, retry [%d]", resends);
@@ -47,6 +69,7 @@ bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& r
                                                          "sendRequestAndUpdateProgress", __LINE__);
             }
             if (_response.get("complete", true).asBool()) {
+                outstanding.answered();
                 return googledriveConverTransferResponse(true, _response, true,
                                                          "sendRequestAndUpdateProgress", __LINE__);
             }

@@ -1,6 +1,7 @@
 #include "backup/agent_client.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/utsname.h>
@@ -20,6 +21,7 @@ namespace Backup {
 namespace {
 
 char const kLogSource[] = "agent_client";
+char const kCanceledWhileWaiting[] = "canceled while waiting for the helper";
 char const kEngineVersion[] = "1.0";
 
 // One read() takes this much: a usual message fits several times over, so it
@@ -33,8 +35,10 @@ size_t const kKeepBuffer = 1024 * 1024;
 long const kDefaultPauseUnitMs = 1000;
 long const kDefaultCloseGraceMs = 2000;
 int const kMaxBackoffUnits = 32;
-// The longest sleep between two polls of the cancel hook.
+// The longest sleep between two polls of the cancel hook during a retry pause.
 long const kCancelPollMs = 50;
+// The longest wait for the helper's output between two polls of the cancel hook.
+int const kReadCancelPollMs = 100;
 // A non-JSON line is quoted in the log up to this many bytes.
 size_t const kLoggedLineBytes = 200;
 
@@ -188,6 +192,7 @@ bool AgentClient::nextLine(char const*& begin, char const*& end, char const*& wh
                 _read_buffer.resize(std::min(_read_buffer.size() * 2, kMaxLine));
             }
         }
+        if (!waitReadable(why)) return false;
         ssize_t got =
             ::read(_pipe->readFd, _read_buffer.data() + _read_end, _read_buffer.size() - _read_end);
         if (got > 0) {
@@ -200,6 +205,21 @@ bool AgentClient::nextLine(char const*& begin, char const*& end, char const*& wh
                                            : "helper closed its output mid-line";
             return false;
         }
+    }
+}
+
+bool AgentClient::waitReadable(char const*& why) {
+    // Without a hook there is nothing to poll: the read itself blocks.
+    if (!_cancel_hook) return true;
+    struct pollfd watched = {_pipe->readFd, POLLIN, 0};
+    for (;;) {
+        if (isCanceled()) {
+            why = kCanceledWhileWaiting;
+            return false;
+        }
+        int ready = ::poll(&watched, 1, kReadCancelPollMs);
+        if (ready > 0) return true;  // data, end of file or an error: read() tells which
+        if (ready < 0 && errno != EINTR) return true;
     }
 }
 
@@ -256,7 +276,14 @@ bool AgentClient::readResponse(Json::Value& response, bool& retry) {
     char const* end = nullptr;
     char const* why = nullptr;
     if (!nextLine(begin, end, why)) {
-        fillChannelFailure(response, why);
+        if (why == kCanceledWhileWaiting) {
+            // The helper is still working on a request nobody waits for any
+            // more: its answer must never be read as the next one's, so it goes.
+            response = Json::Value(Json::objectValue);
+            fillCanceledResponse(response);
+        } else {
+            fillChannelFailure(response, why);
+        }
         if (_pipe != nullptr) dropChannel(why);
         return false;
     }

@@ -54,8 +54,9 @@ class AgentClient {
     void setRetryPolicy(int maxAttempts, int pauseUnits, RetryPredicate needRetry);
 
     // Stores the channel's cancel predicate, polled by send() before each
-    // attempt and by every pause (at least every 50 ms). Never polled while
-    // blocked reading or writing. Always true.
+    // attempt, by every pause (at least every 50 ms) and while waiting for the
+    // helper's next line (at least every 100 ms). Never polled while blocked
+    // writing. Always true.
     bool setCancelHook(boost::function<bool()> hook);
 
     // True while a started helper is attached.
@@ -86,7 +87,9 @@ class AgentClient {
     // "error_code": -1, "error_message": ...}) when not connected, or when the
     // helper died, closed its output or wrote a line that is not a JSON
     // object (the channel is then closed and the helper reaped), or the
-    // canceled response when the cancel hook fired during the retry pause.
+    // canceled response when the cancel hook fired during the retry pause or
+    // while waiting for the line (the helper is then closed and reaped, so
+    // that its late answer is never read as the answer to a later request).
     // `retry` is the retry predicate's verdict on the helper's own failure,
     // and false on success, on a failure made by the channel and on cancel.
     // A retryable failure pauses first (see setRetryPolicy).
@@ -119,6 +122,9 @@ class AgentClient {
     // reading from the helper as needed; valid until the next read. False
     // with `why` set when no line can be had (the channel is left as it is).
     bool nextLine(char const*& begin, char const*& end, char const*& why);
+    // Waits until the helper's output can be read, polling the cancel hook;
+    // false with `why` set when the hook fired.
+    bool waitReadable(char const*& why);
     // Writes all of `text`; false with `why` set when the helper no longer reads.
     bool writeAll(std::string const& text, char const*& why);
     // Logs why the channel failed, then closes it.
