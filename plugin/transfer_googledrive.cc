@@ -2,10 +2,13 @@
 // and the plug-in's exported entry points.
 #include "transfer_googledrive.h"
 
+#include <exception>
+
 #include "backup/error.h"
 #include "backup/path.h"
 #include "core/core_error.h"
 #include "plugin_log.h"
+#include "transfer_googledrive_edge.h"
 
 namespace TAVO {
 namespace Backup {
@@ -13,6 +16,18 @@ namespace {
 char const kLogSource[] = "transfer_googledrive";
 std::string const kRootPath = "/";
 }  // namespace
+
+bool failAtEdge(char const* source, int line, char const* operation) {
+    try {
+        throw;
+    } catch (std::exception const& e) {
+        syslog(LOG_ERR, "%s:%d %s: unexpected exception: %s", source, line, operation, e.what());
+    } catch (...) {
+        syslog(LOG_ERR, "%s:%d %s: unexpected exception", source, line, operation);
+    }
+    setError(ERR_GENERAL);
+    return false;
+}
 
 TransferAgentGoogleDrive::TransferAgentGoogleDrive(Repository const& repository)
     : TransferAgent(repository),
@@ -29,7 +44,7 @@ bool getRemoteConnect(Repository const& repository, std::string& accessToken,
     return options.optGet(Repository::SZK_REMOTE_REFRESH_TOKEN, refreshToken, true);
 }
 
-bool TransferAgentGoogleDrive::isValid() const {
+bool TransferAgentGoogleDrive::isValid() const try {
     if (getContainer().empty()) {
         setError(ERR_BAD_ARGUMENT);
         return false;
@@ -42,19 +57,22 @@ bool TransferAgentGoogleDrive::isValid() const {
     }
     return true;
 }
+GD_CATCH_AT_EDGE("isValid")
 
-bool TransferAgentGoogleDrive::setTransferOption(Task const& task) {
+bool TransferAgentGoogleDrive::setTransferOption(Task const& task) try {
     _target_id = task.getTargetId();
     return true;
 }
+GD_CATCH_AT_EDGE("setTransferOption")
 
-bool TransferAgentGoogleDrive::setCancelHook(CancelHook hook) {
+bool TransferAgentGoogleDrive::setCancelHook(CancelHook hook) try {
     if (!TransferAgent::setCancelHook(hook)) {
         setError(ERR_GENERAL);
         return false;
     }
     return _client.setCancelHook(hook);
 }
+GD_CATCH_AT_EDGE("setCancelHook")
 
 bool TransferAgentGoogleDrive::checkAndCreateClient() {
     if (_client.isConnected()) return true;
@@ -93,7 +111,12 @@ std::string TransferAgentGoogleDrive::getRemotePath(std::string const& path,
 
 extern "C" TAVO::Backup::TransferAgent* getTransferAgent(
     TAVO::Backup::Repository const& repository) {
-    return new TAVO::Backup::TransferAgentGoogleDrive(repository);
+    try {
+        return new TAVO::Backup::TransferAgentGoogleDrive(repository);
+    } catch (...) {
+        TAVO::Backup::failAtEdge("transfer_googledrive", __LINE__, "getTransferAgent");
+        return nullptr;
+    }
 }
 
 extern "C" void* getTargetManager() { return nullptr; }

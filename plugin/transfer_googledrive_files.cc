@@ -10,6 +10,7 @@
 #include "backup/scoped_temp_file.h"
 #include "plugin_log.h"
 #include "transfer_googledrive.h"
+#include "transfer_googledrive_edge.h"
 #include "transfer_googledrive_trace.h"
 
 namespace TAVO {
@@ -18,24 +19,27 @@ namespace {
 char const kLogSource[] = "transfer_googledrive";
 }  // namespace
 
-bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string const& remote) {
+bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string const& remote) try {
     return sendFile(local, remote, ProgressHook());
 }
+GD_CATCH_AT_EDGE("sendFile")
 
 bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string const& remote,
-                                        ProgressHook progress) {
+                                        ProgressHook progress) try {
     FileInfo info(remote);
     return sendFile(local, remote, progress, true, info);
 }
+GD_CATCH_AT_EDGE("sendFile")
 
 bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string const& remote,
-                                        ProgressHook progress, bool flag) {
+                                        ProgressHook progress, bool flag) try {
     FileInfo info(remote);
     return sendFile(local, remote, progress, flag, info);
 }
+GD_CATCH_AT_EDGE("sendFile")
 
 bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string const& remote,
-                                        ProgressHook progress, bool /*flag*/, FileInfo& info) {
+                                        ProgressHook progress, bool /*flag*/, FileInfo& info) try {
     OperationTrace trace("sendFile", local, remote);
     info.clear();
     if (getContainer().empty() || !isValidFileLocalPath(local, false) ||
@@ -111,19 +115,22 @@ bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string co
            static_cast<long>(info.getSize()), info.getChecksum().c_str());
     return true;
 }
+GD_CATCH_AT_EDGE("sendFile")
 
-bool TransferAgentGoogleDrive::recvFile(std::string const& remote, std::string const& local) {
+bool TransferAgentGoogleDrive::recvFile(std::string const& remote, std::string const& local) try {
     return recvFile(remote, local, ProgressHook());
 }
+GD_CATCH_AT_EDGE("recvFile")
 
 bool TransferAgentGoogleDrive::recvFile(std::string const& remote, std::string const& local,
-                                        ProgressHook progress) {
+                                        ProgressHook progress) try {
     FileInfo info("");
     return recvFile(remote, local, progress, info);
 }
+GD_CATCH_AT_EDGE("recvFile")
 
 bool TransferAgentGoogleDrive::recvFile(std::string const& remote, std::string const& local,
-                                        ProgressHook progress, FileInfo& info) {
+                                        ProgressHook progress, FileInfo& info) try {
     OperationTrace trace("recvFile", remote, local);
     if (getContainer().empty() || !isValidFileLocalPath(local, false) ||
         !isValidFileRelativePath(remote, false)) {
@@ -206,6 +213,7 @@ bool TransferAgentGoogleDrive::recvFile(std::string const& remote, std::string c
            info.getChecksum().c_str());
     return true;
 }
+GD_CATCH_AT_EDGE("recvFile")
 
 }  // namespace Backup
 }  // namespace TAVO

@@ -5,6 +5,7 @@
 #include "backup/path_check.h"
 #include "plugin_log.h"
 #include "transfer_googledrive.h"
+#include "transfer_googledrive_edge.h"
 #include "transfer_googledrive_trace.h"
 
 namespace TAVO {
@@ -98,7 +99,7 @@ bool TransferAgentGoogleDrive::resolveListedFolder(std::string const& path,
     return true;
 }
 
-bool TransferAgentGoogleDrive::listDir(std::string const& path, std::list<FileInfo>& list) {
+bool TransferAgentGoogleDrive::listDir(std::string const& path, std::list<FileInfo>& list) try {
     OperationTrace trace("listDir", path);
     list.clear();
     if (getContainer().empty() || !isValidRelativePath(path, true)) {
@@ -109,8 +110,10 @@ bool TransferAgentGoogleDrive::listDir(std::string const& path, std::list<FileIn
     if (!resolveListedFolder(path, folder)) return false;
     return listChildrenInfo(folder, list);
 }
+GD_CATCH_AT_EDGE("listDir")
 
-bool TransferAgentGoogleDrive::listDirRecursive(std::string const& path, ListHook hook, void* arg) {
+bool TransferAgentGoogleDrive::listDirRecursive(std::string const& path, ListHook hook,
+                                                void* arg) try {
     OperationTrace trace("listDirRecursive", path);
     if (getContainer().empty() || !isValidRelativePath(path, true) || hook.empty()) {
         setError(ERR_BAD_ARGUMENT);
@@ -120,8 +123,9 @@ bool TransferAgentGoogleDrive::listDirRecursive(std::string const& path, ListHoo
     if (!resolveListedFolder(path, folder)) return false;
     return listChildrenRecursive("", folder, hook, arg);
 }
+GD_CATCH_AT_EDGE("listDirRecursive")
 
-bool TransferAgentGoogleDrive::listContainer(std::list<FileInfo>& list) {
+bool TransferAgentGoogleDrive::listContainer(std::list<FileInfo>& list) try {
     OperationTrace trace("listContainer", "");
     GoogleDrive::FileMeta root;
     if (!findFileMetaByPath(false, "/", root)) {
@@ -130,6 +134,7 @@ bool TransferAgentGoogleDrive::listContainer(std::list<FileInfo>& list) {
     }
     return listChildrenInfo(root, list);
 }
+GD_CATCH_AT_EDGE("listContainer")
 
 }  // namespace Backup
 }  // namespace TAVO
