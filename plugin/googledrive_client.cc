@@ -65,6 +65,8 @@ GoogleDriveClient::~GoogleDriveClient() {}
 
 bool GoogleDriveClient::connect(std::string const& accessToken, std::string const& refreshToken,
                                 bool /*flag*/) {
+    // A refusal recorded by an earlier start must not be read as this one's.
+    TLIBCErrSetEx(0, kLogSource, __LINE__);
     if (isCanceled()) return false;
     close();
 
@@ -138,8 +140,10 @@ bool needRetry(Json::Value const& response) {
     }
     int code = response.isObject() ? response.get("error_code", -1).asInt() : -1;
     std::string message = response.isObject() ? response.get("error_message", "").asString() : "";
-    if (code == 403) return message == "User Rate Limit Exceeded";
-    if (code == 408) return true;
+    // Drive words its rate limits three ways; all ask for the same back-off.
+    if (code == 403)
+        return message == "User Rate Limit Exceeded" || message == "Rate Limit Exceeded";
+    if (code == 408 || code == 429) return true;
     if (code >= 500 && code <= 599) return true;
     return code == -2 || code == -4;
 }

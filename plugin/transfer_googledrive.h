@@ -146,6 +146,29 @@ class TransferAgentGoogleDrive : public TransferAgent {
     bool verifyNode(std::string const& remotePath, bool mustBeCached);
 
   private:
+    // What a check of one cached node found.
+    enum class NodeCheck { Holds, Mismatch, Unknown };
+    // verifyNode's answer, telling a definite mismatch (not cached though it
+    // must be, gone, trashed, renamed, moved) from a check that could not be
+    // made (the service or the drive agent failed).
+    NodeCheck checkNode(std::string const& remotePath, bool mustBeCached);
+    // Enters a listing of folder `pid` (filtered by `name` when not empty)
+    // into the node cache, leaving out of the index every name that Drive
+    // holds more than once there and dropping what the index held for it.
+    void learnListing(std::string const& pid, std::string const& name,
+                      std::list<GoogleDrive::FileMeta> const& list);
+    // Several objects answer to one name in one folder. When they are provably
+    // copies of one another (files of one size and MD5, or folders of which at
+    // most one has children), deletes all but one and fills `kept` with it;
+    // false (nothing deleted) otherwise.
+    bool settleDuplicates(std::string const& name, std::list<GoogleDrive::FileMeta> const& found,
+                          GoogleDrive::FileMeta& kept);
+    // One listing request for the folder `id`: does it hold anything?
+    bool folderHasChildren(std::string const& id, bool& hasChildren);
+    // The object at `remotePath`; when the walk was answered by the node
+    // cache, its name and parent are confirmed with the service first, and a
+    // stale placement is forgotten and the path resolved again.
+    bool findConfirmedMeta(std::string const& remotePath, GoogleDrive::FileMeta& meta);
     // Reads the Drive object record a successful response carries; false
     // with error 1 (and the response logged) when it cannot be read.
     bool readResponseRecord(GoogleDrive::FileMeta& meta);

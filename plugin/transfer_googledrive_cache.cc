@@ -7,6 +7,7 @@
 #include "backup/path.h"
 #include "plugin_log.h"
 #include "transfer_googledrive.h"
+#include "transfer_googledrive_edge.h"
 
 namespace TAVO {
 namespace Backup {
@@ -55,42 +56,51 @@ bool TransferAgentGoogleDrive::dropNodeCache() {
     return true;
 }
 
-bool TransferAgentGoogleDrive::flushCache() {
+bool TransferAgentGoogleDrive::flushCache() try {
     if (_cache_path.empty()) return true;
     return _node_cache.save(_cache_path);
 }
+GD_CATCH_AT_EDGE("flushCache")
 
 bool TransferAgentGoogleDrive::verifyNode(std::string const& remotePath, bool mustBeCached) {
+    return checkNode(remotePath, mustBeCached) == NodeCheck::Holds;
+}
+
+TransferAgentGoogleDrive::NodeCheck TransferAgentGoogleDrive::checkNode(
+    std::string const& remotePath, bool mustBeCached) {
     std::string id;
     if (!findNodeIdByPath(true, remotePath, id)) {
-        if (!mustBeCached) return true;
+        if (!mustBeCached) return NodeCheck::Holds;
         GD_LOG(LOG_ERR, "missing [%s] in cache", remotePath.c_str());
-        return false;
+        return NodeCheck::Mismatch;
     }
     std::string parentId;
     if (!findNodeIdByPath(true, Path::dirname(remotePath), parentId)) {
         GD_LOG(LOG_ERR, "internal error: [%s]'s parent not found", remotePath.c_str());
-        return false;
+        return NodeCheck::Mismatch;
     }
     GoogleDrive::FileMeta meta;
     if (!getObjectMeta(id, meta)) {
         if (getError() == ERR_REMOTE_NOT_FOUND) {
             GD_LOG(LOG_ERR, "missing [%s] in cloud", remotePath.c_str());
+            return NodeCheck::Mismatch;
         }
-        return false;
+        // A service or drive agent failure proves nothing about the cache.
+        GD_LOG(LOG_ERR, "cannot check [%s], error[%d]", remotePath.c_str(), getError());
+        return NodeCheck::Unknown;
     }
     if (Path::basename(remotePath) != meta.name) {
         GD_LOG(LOG_ERR, "node has been renamed, [%s]", remotePath.c_str());
-        return false;
+        return NodeCheck::Mismatch;
     }
     if (meta.parents.count(parentId) == 0) {
         GD_LOG(LOG_ERR, "node not below the original parent, [%s]", remotePath.c_str());
-        return false;
+        return NodeCheck::Mismatch;
     }
-    return true;
+    return NodeCheck::Holds;
 }
 
-bool TransferAgentGoogleDrive::checkCache() {
+bool TransferAgentGoogleDrive::checkCache() try {
     struct LayoutEntry {
         char const* rpath;
         bool mustBeCached;
@@ -102,15 +112,22 @@ bool TransferAgentGoogleDrive::checkCache() {
         {"Control", true}, {"_Tavo_TaskConfig", false}, {"TavonicsCoffervault.bkpi", false},
     };
 
+    // The cache is dropped only on proof that it is wrong: dropping it on a
+    // passing failure would also throw away what protects the walks against
+    // the lag of Drive's name listings.
     freezeNodeCache(true);
     std::string container = getContainer();
-    bool containerFailed = false;
-    if (!container.empty()) {
-        containerFailed = !verifyNode(Path::join("/", container), true);
-    }
-    if (!container.empty() && !getTargetId().empty()) {
+    NodeCheck containerCheck = NodeCheck::Holds;
+    if (!container.empty()) containerCheck = checkNode(Path::join("/", container), true);
+    bool verified = containerCheck != NodeCheck::Unknown;
+    if (verified && !container.empty() && !getTargetId().empty()) {
         for (auto const& entry : kLayout) {
-            if (!verifyNode(getRemotePath(entry.rpath, true), entry.mustBeCached)) {
+            NodeCheck check = checkNode(getRemotePath(entry.rpath, true), entry.mustBeCached);
+            if (check == NodeCheck::Unknown) {
+                verified = false;
+                break;
+            }
+            if (check == NodeCheck::Mismatch) {
                 freezeNodeCache(false);
                 GD_LOG(LOG_ERR, "(%d:%p) drop node cache", getpid(), static_cast<void*>(this));
                 dropNodeCache();
@@ -119,12 +136,16 @@ bool TransferAgentGoogleDrive::checkCache() {
         }
     }
     freezeNodeCache(false);
-    if (containerFailed) {
+    if (containerCheck == NodeCheck::Mismatch) {
         GD_LOG(LOG_ERR, "(%d:%p) drop node cache", getpid(), static_cast<void*>(this));
         dropNodeCache();
+    } else if (!verified) {
+        GD_LOG(LOG_ERR, "(%d:%p) node cache not verified, kept", getpid(),
+               static_cast<void*>(this));
     }
     return true;
 }
+GD_CATCH_AT_EDGE("checkCache")
 
 }  // namespace Backup
 }  // namespace TAVO

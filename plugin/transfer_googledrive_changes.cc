@@ -6,6 +6,7 @@
 #include "backup/path_check.h"
 #include "plugin_log.h"
 #include "transfer_googledrive.h"
+#include "transfer_googledrive_edge.h"
 #include "transfer_googledrive_trace.h"
 
 namespace TAVO {
@@ -14,7 +15,7 @@ namespace {
 char const kLogSource[] = "transfer_googledrive";
 }  // namespace
 
-bool TransferAgentGoogleDrive::createDir(std::string const& path) {
+bool TransferAgentGoogleDrive::createDir(std::string const& path) try {
     OperationTrace trace("createDir", path);
     if (getContainer().empty() || !isValidRelativePath(path, false)) {
         setError(ERR_BAD_ARGUMENT);
@@ -48,8 +49,9 @@ bool TransferAgentGoogleDrive::createDir(std::string const& path) {
     GD_LOG(LOG_DEBUG, "create dir [%s]: id=[%s]", remotePath.c_str(), meta.id.c_str());
     return true;
 }
+GD_CATCH_AT_EDGE("createDir")
 
-bool TransferAgentGoogleDrive::createContainer(std::string const& name) {
+bool TransferAgentGoogleDrive::createContainer(std::string const& name) try {
     OperationTrace trace("createContainer", name);
     if (!isValidRelativePath(name, false)) {
         setError(ERR_BAD_REQUEST);
@@ -73,10 +75,35 @@ bool TransferAgentGoogleDrive::createContainer(std::string const& name) {
     GD_LOG(LOG_DEBUG, "create container [%s], id=[%s]", name.c_str(), meta.id.c_str());
     return true;
 }
+GD_CATCH_AT_EDGE("createContainer")
+
+bool TransferAgentGoogleDrive::findConfirmedMeta(std::string const& remotePath,
+                                                 GoogleDrive::FileMeta& meta) {
+    if (!findFileMetaByPath(false, remotePath, meta)) return false;
+    if (!meta.status.empty()) return true;  // just read from the service
+    // The cache remembers where an object was; something moved or renamed
+    // outside the plug-in must not be deleted in this path's name.
+    std::string parentId;
+    if (!findNodeIdByPath(false, Path::dirname(remotePath), parentId)) return false;
+    std::string id = meta.id;
+    GoogleDrive::FileMeta fresh;
+    if (getObjectMeta(id, fresh)) {
+        if (fresh.name == meta.name && fresh.parents.count(parentId) != 0) {
+            meta = fresh;
+            return true;
+        }
+    } else if (getError() != ERR_REMOTE_NOT_FOUND) {
+        return false;
+    }
+    GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) is no longer there, resolving again",
+           remotePath.c_str(), id.c_str());
+    _node_cache.remove(id);
+    return findFileMetaByPath(false, remotePath, meta);
+}
 
 bool TransferAgentGoogleDrive::removeExisting(std::string const& remotePath, bool wantDir) {
     GoogleDrive::FileMeta meta;
-    if (!findFileMetaByPath(false, remotePath, meta)) {
+    if (!findConfirmedMeta(remotePath, meta)) {
         // Already gone is success; 2003 stays readable in the error state.
         if (getError() == ERR_REMOTE_NOT_FOUND) return true;
         GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(), getError());
@@ -93,10 +120,13 @@ bool TransferAgentGoogleDrive::removeExisting(std::string const& remotePath, boo
         return false;
     }
     // One request even for a folder: the service deletes its content with it.
-    return removeObject(meta.id);
+    if (removeObject(meta.id)) return true;
+    // Deleted elsewhere since it was looked up: the wanted end state, and 2003
+    // stays readable as for a path that was missing from the start.
+    return getError() == ERR_REMOTE_NOT_FOUND;
 }
 
-bool TransferAgentGoogleDrive::removeFile(std::string const& path) {
+bool TransferAgentGoogleDrive::removeFile(std::string const& path) try {
     OperationTrace trace("removeFile", path);
     if (getContainer().empty() || !isValidFileRelativePath(path, false)) {
         setError(ERR_BAD_ARGUMENT);
@@ -104,8 +134,9 @@ bool TransferAgentGoogleDrive::removeFile(std::string const& path) {
     }
     return removeExisting(getRemotePath(path, true), false);
 }
+GD_CATCH_AT_EDGE("removeFile")
 
-bool TransferAgentGoogleDrive::removeDirRecursive(std::string const& path) {
+bool TransferAgentGoogleDrive::removeDirRecursive(std::string const& path) try {
     OperationTrace trace("removeDirRecursive", path);
     if (getContainer().empty() || !isValidRelativePath(path, false)) {
         setError(ERR_BAD_ARGUMENT);
@@ -113,14 +144,16 @@ bool TransferAgentGoogleDrive::removeDirRecursive(std::string const& path) {
     }
     return removeExisting(getRemotePath(path, true), true);
 }
+GD_CATCH_AT_EDGE("removeDirRecursive")
 
-bool TransferAgentGoogleDrive::isExist(std::string const& path) {
+bool TransferAgentGoogleDrive::isExist(std::string const& path) try {
     OperationTrace trace("isExist", path);
     FileInfo info(path);
     return statInfo(path, info);
 }
+GD_CATCH_AT_EDGE("isExist")
 
-bool TransferAgentGoogleDrive::isFileExist(std::string const& path) {
+bool TransferAgentGoogleDrive::isFileExist(std::string const& path) try {
     OperationTrace trace("isFileExist", path);
     FileInfo info(path);
     if (!statInfo(path, info)) return false;
@@ -130,11 +163,13 @@ bool TransferAgentGoogleDrive::isFileExist(std::string const& path) {
     }
     return true;
 }
+GD_CATCH_AT_EDGE("isFileExist")
 
-bool TransferAgentGoogleDrive::stat(std::string const& path, FileInfo& info) {
+bool TransferAgentGoogleDrive::stat(std::string const& path, FileInfo& info) try {
     OperationTrace trace("stat", path);
     return statInfo(path, info);
 }
+GD_CATCH_AT_EDGE("stat")
 
 }  // namespace Backup
 }  // namespace TAVO

@@ -1,17 +1,43 @@
 // Single-object requests to the drive agent: metadata, listing by query,
 // folder creation, deletion and the account. Each keeps the node cache in
 // step with what the service reported, unless the cache is frozen.
+#include <map>
+#include <set>
+
 #include "backup/error.h"
 #include "backup/path.h"
 #include "googledrive_error.h"
 #include "plugin_log.h"
 #include "transfer_googledrive.h"
+#include "transfer_googledrive_edge.h"
 #include "transfer_googledrive_trace.h"
 
 namespace TAVO {
 namespace Backup {
 namespace {
 char const kLogSource[] = "transfer_googledrive";
+
+// A value inside the quotes of a Drive query: Drive's query language reads
+// \' as an apostrophe and \\ as a backslash, and nothing else needs escaping.
+std::string _escape_query_literal(std::string const& value) {
+    if (value.find_first_of("'\\") == std::string::npos) return value;
+    std::string escaped;
+    escaped.reserve(value.size() + 8);
+    for (char c : value) {
+        if (c == '\'' || c == '\\') escaped += '\\';
+        escaped += c;
+    }
+    return escaped;
+}
+
+// Drive compares names case-insensitively; folding ASCII letters covers the
+// names a backup writes.
+std::string _fold_name(std::string name) {
+    for (char& c : name) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return name;
+}
 }  // namespace
 
 // The opening every request shares: a drive agent, the node cache, and (for
@@ -70,13 +96,25 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
     GD_OPEN_REQUEST(true, false);
 
     list.clear();
-    // Sent as Drive's own query language, unquoted: a name the query cannot
-    // hold comes back as the service's error.
-    std::string query = "('" + pid + "' in parents)";
-    if (!name.empty()) query += " and (name = '" + name + "')";
+    std::string query = "('" + _escape_query_literal(pid) + "' in parents)";
+    if (!name.empty()) query += " and (name = '" + _escape_query_literal(name) + "')";
 
     std::string pageToken;
+    // A token seen twice would make the listing go round for ever.
+    std::set<std::string> seenTokens;
     do {
+        if (!pageToken.empty()) {
+            if (!seenTokens.insert(pageToken).second) {
+                GD_LOG(LOG_ERR, "listObjects: page token [%s] repeats, pid=[%s]", pageToken.c_str(),
+                       pid.c_str());
+                setError(ERR_GENERAL);
+                return false;
+            }
+            if (isCanceled()) {
+                setError(ERR_CANCELED);
+                return false;
+            }
+        }
         Json::Value request;
         request["fn"] = "listObjects";
         if (!pageToken.empty()) request["pageToken"] = pageToken;
@@ -107,9 +145,43 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
         }
     } while (!pageToken.empty());
 
-    if (_update_node_cache) {
-        for (auto const& meta : list) _node_cache.insert(meta);
+    if (_update_node_cache) learnListing(pid, name, list);
+    return true;
+}
+
+void TransferAgentGoogleDrive::learnListing(std::string const& pid, std::string const& name,
+                                            std::list<GoogleDrive::FileMeta> const& list) {
+    // Objects of a name Drive holds more than once in this folder stay out of
+    // the index, and an entry learned before is dropped: a later walk must ask
+    // the service and be refused again, not pick one of them from the cache.
+    std::map<std::string, int> spellings;
+    for (auto const& meta : list) ++spellings[_fold_name(meta.name)];
+    if (!name.empty() && list.size() > 1) _node_cache.remove(pid, name);
+    for (auto const& meta : list) {
+        bool clashing = (!name.empty() && list.size() > 1) || spellings[_fold_name(meta.name)] > 1;
+        if (clashing) {
+            _node_cache.remove(pid, meta.name);
+        } else {
+            _node_cache.insert(meta);
+        }
     }
+}
+
+bool TransferAgentGoogleDrive::folderHasChildren(std::string const& id, bool& hasChildren) {
+    GD_LOG(LOG_DEBUG, "@folderHasChildren: id=[%s]", id.c_str());
+    GD_OPEN_REQUEST(false, false);
+
+    Json::Value request;
+    request["fn"] = "listObjects";
+    request["queryFilter"] = "('" + _escape_query_literal(id) + "' in parents)";
+    if (!_client.send(request, _response)) {
+        return googledriveConverTransferResponse(false, _response, true, "listObjects", __LINE__);
+    }
+    // An empty first page that promises more counts as content: only a folder
+    // known to be empty may be taken for a copy.
+    Json::Value const& answer = _response;
+    Json::Value const& objects = answer["objects"];
+    hasChildren = (objects.isArray() && !objects.empty()) || _response.isMember("nextPageToken");
     return true;
 }
 
@@ -140,15 +212,18 @@ bool TransferAgentGoogleDrive::removeObject(std::string const& id) {
     request["fn"] = "deleteObject";
     request["id"] = id;
     if (!_client.send(request, _response)) {
-        return googledriveConverTransferResponse(false, _response, true, "removeObject", __LINE__);
+        googledriveConverTransferResponse(false, _response, true, "removeObject", __LINE__);
+        // Already gone on the service: forget it here too.
+        if (_update_node_cache && getError() == ERR_REMOTE_NOT_FOUND) _node_cache.removeTree(id);
+        return false;
     }
-    // Records below a deleted folder stay; a later walk through them misses
-    // on the service and forgets them then.
-    if (_update_node_cache) _node_cache.remove(id);
+    // What the cache knows below a deleted folder went with it; left in, it
+    // would make the cache file grow with every deleted backup version.
+    if (_update_node_cache) _node_cache.removeTree(id);
     return true;
 }
 
-bool TransferAgentGoogleDrive::getAccountInfo(AccountInfo& info) {
+bool TransferAgentGoogleDrive::getAccountInfo(AccountInfo& info) try {
     OperationTrace trace("getAccountInfo", "");
     GD_OPEN_REQUEST(false, true);
 
@@ -170,6 +245,7 @@ bool TransferAgentGoogleDrive::getAccountInfo(AccountInfo& info) {
     if (_response.isMember("usedSize")) info.usedSize = _response["usedSize"].asInt64();
     return true;
 }
+GD_CATCH_AT_EDGE("getAccountInfo")
 
 }  // namespace Backup
 }  // namespace TAVO

@@ -1,5 +1,6 @@
 // Path resolution: a remote path is walked one component at a time from the
 // Drive root, asking the node cache first and the service only on a miss.
+#include <algorithm>
 #include <vector>
 
 #include "backup/error.h"
@@ -53,7 +54,8 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
         return false;
     }
     if (found.size() > 1) {
-        // No tie-break: picking one of two same-named objects could overwrite
+        if (settleDuplicates(name, found, meta)) return true;
+        // No tie-break: picking one of two different objects could overwrite
         // or restore the wrong file.
         GD_LOG(LOG_ERR, "list more than one children with the same name, pid=%s,name=%s",
                pid.c_str(), name.c_str());
@@ -61,6 +63,54 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
         return false;
     }
     meta = found.front();
+    return true;
+}
+
+bool TransferAgentGoogleDrive::settleDuplicates(std::string const& name,
+                                                std::list<GoogleDrive::FileMeta> const& found,
+                                                GoogleDrive::FileMeta& kept) {
+    // A retried upload or folder creation whose first answer was lost leaves
+    // such copies behind; without this the name could never be resolved again.
+    auto const& first = found.front();
+    bool files = std::none_of(found.begin(), found.end(), [](auto const& m) { return m.isDir; });
+    bool folders = std::all_of(found.begin(), found.end(), [](auto const& m) { return m.isDir; });
+    auto older = [](GoogleDrive::FileMeta const& a, GoogleDrive::FileMeta const& b) {
+        return a.lastModified != b.lastModified ? a.lastModified < b.lastModified : a.id < b.id;
+    };
+    GoogleDrive::FileMeta const* keep = nullptr;
+    if (files) {
+        for (auto const& meta : found) {
+            if (meta.md5Checksum.empty() || meta.md5Checksum != first.md5Checksum ||
+                meta.size != first.size) {
+                return false;
+            }
+        }
+        keep = &*std::min_element(found.begin(), found.end(), older);
+    } else if (folders) {
+        GoogleDrive::FileMeta const* filled = nullptr;
+        for (auto const& meta : found) {
+            bool hasChildren = false;
+            if (!folderHasChildren(meta.id, hasChildren)) return false;
+            if (!hasChildren) continue;
+            if (filled != nullptr) return false;  // two folders with content: no copy of the other
+            filled = &meta;
+        }
+        keep = filled != nullptr ? filled : &*std::min_element(found.begin(), found.end(), older);
+    } else {
+        return false;
+    }
+    for (auto const& meta : found) {
+        if (&meta == keep) continue;
+        GD_LOG(LOG_WARNING, "removing duplicate [%s] id=[%s], keeping id=[%s]", name.c_str(),
+               meta.id.c_str(), keep->id.c_str());
+        if (!removeObject(meta.id)) {
+            // The copy that stays does no harm: the next lookup settles it.
+            GD_LOG(LOG_ERR, "removing duplicate id=[%s] failed, error[%d]", meta.id.c_str(),
+                   getError());
+        }
+    }
+    kept = *keep;
+    if (_update_node_cache) _node_cache.insert(kept);
     return true;
 }
 

@@ -91,7 +91,9 @@ TEST(RetryPredicate, RetriesOnlyTransientFailures) {
         bool retry;
     } const rows[] = {
         {R"({"success":false,"error_code":403,"error_message":"User Rate Limit Exceeded"})", true},
-        {R"({"success":false,"error_code":403,"error_message":"Rate Limit Exceeded"})", false},
+        {R"({"success":false,"error_code":403,"error_message":"Rate Limit Exceeded"})", true},
+        {R"({"success":false,"error_code":403,"error_message":"Rate limit exceeded"})", false},
+        {R"({"success":false,"error_code":429,"error_message":"Too Many Requests"})", true},
         {R"({"success":false,"error_code":408})", true},
         {R"({"success":false,"error_code":400})", false},
         {R"({"success":false,"error_code":404})", false},
