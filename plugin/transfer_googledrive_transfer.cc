@@ -24,7 +24,7 @@ class OutstandingRequest {
   public:
     explicit OutstandingRequest(AgentClient& client) : _client(client) {}
     ~OutstandingRequest() {
-        if (_open) _client.close();
+        if (_open) _client.abandon();
     }
     void sent() { _open = true; }
     void answered() { _open = false; }

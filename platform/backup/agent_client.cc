@@ -149,6 +149,11 @@ void AgentClient::close() {
     }
 }
 
+void AgentClient::abandon() {
+    if (_pipe != nullptr && _child_pid > 0) kill(_child_pid, SIGTERM);
+    close();
+}
+
 void AgentClient::dropChannel(char const* why) {
     syslog(LOG_ERR, "%s:%d helper channel closed: %s", kLogSource, __LINE__, why);
     close();
@@ -281,9 +286,11 @@ bool AgentClient::readResponse(Json::Value& response, bool& retry) {
             // more: its answer must never be read as the next one's, so it goes.
             response = Json::Value(Json::objectValue);
             fillCanceledResponse(response);
-        } else {
-            fillChannelFailure(response, why);
+            syslog(LOG_DEBUG, "%s:%d helper abandoned: %s", kLogSource, __LINE__, why);
+            abandon();
+            return false;
         }
+        fillChannelFailure(response, why);
         if (_pipe != nullptr) dropChannel(why);
         return false;
     }

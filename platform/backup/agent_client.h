@@ -69,6 +69,11 @@ class AgentClient {
     // grace time in milliseconds (tests shorten it).
     void close();
 
+    // Ends the helper in the middle of a request nobody will wait for: SIGTERM
+    // at once (a busy helper does not read its input, so it would not notice
+    // the end of file), then as close().
+    void abandon();
+
     // Reads the next line of the helper's output, without its line feed, as
     // plain text. False when no complete line could be read (not connected,
     // or the helper closed its output or died, possibly mid-line); the

@@ -1,0 +1,328 @@
+// What real use brings: cancels in the middle of a request, a cache that no
+// longer matches the account, passing failures, names Drive holds twice, and
+// names that need escaping in a query.
+#include <stdlib.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+
+#include "backup/error.h"
+#include "emulated_drive.h"
+#include "support/syslog_capture.h"
+
+using namespace TAVO::Backup;
+using DriveEmulator::Fault;
+
+class RobustnessTest : public EmulatedDriveTest {
+  protected:
+    bool cacheFileHasEmptyId() {
+        return readFile(cacheFile()).find("\"i\":\"\"") != std::string::npos;
+    }
+    int64_t objectsNamed(std::string const& parent, std::string const& name) {
+        return static_cast<int64_t>(drive->lookup(parent, name).size());
+    }
+    bool canceled = false;
+};
+
+// A transfer canceled after its first progress line must take the drive
+// agent's remaining lines with it, or they answer the next requests.
+TEST_F(RobustnessTest, CanceledTransferLeavesNoAnswerForTheNextRequest) {
+    drive->put(targetId, "remote", std::string(1000, 'r'));
+    std::string local = writeLocal("local", std::string(3000, 'l'));
+    auto cancelOnProgress = [this](long) { return canceled = true; };
+    struct Case {
+        char const* fn;
+        std::function<bool()> run;
+    } const cases[] = {
+        {"uploadFile", [&] { return agent->sendFile(local, "sent", cancelOnProgress); }},
+        {"downloadFile", [&] { return agent->recvFile("remote", local, cancelOnProgress); }},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.fn);
+        drive->addFault(Fault::progress(c.fn, {0.2, 0.4, 0.6, 0.8}));
+        canceled = false;
+        agent->setCancelHook([this] { return canceled; });
+        EXPECT_FALSE(c.run());
+        EXPECT_EQ(4, getError());
+        agent->setCancelHook(TransferAgent::CancelHook());
+
+        FileInfo info;
+        ASSERT_TRUE(agent->stat("remote", info)) << getError();
+        EXPECT_EQ(1000, info.getSize());
+        ASSERT_TRUE(agent->sendFile(local, "sent")) << getError();
+        ASSERT_EQ(1, objectsNamed(targetId, "sent"));
+        EXPECT_EQ(3000, drive->lookup(targetId, "sent")[0].size);
+    }
+    EXPECT_EQ(std::string(3000, 'l'), readFile(local)) << "the canceled download left it alone";
+    EXPECT_EQ(0, countTempFilesBeside(local));
+    ASSERT_TRUE(agent->flushCache());
+    EXPECT_FALSE(cacheFileHasEmptyId());
+}
+
+TEST_F(RobustnessTest, CancelEndsTheWaitForASilentAgent) {
+    drive->put(targetId, "f", "data");
+    drive->addFault(Fault::delay("getObjectMeta", 20000));
+    auto started = std::chrono::steady_clock::now();
+    auto elapsedMs = [&] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::steady_clock::now() - started)
+            .count();
+    };
+    agent->setCancelHook([&] { return elapsedMs() > 200; });
+    FileInfo info;
+    EXPECT_FALSE(agent->stat("f", info));
+    EXPECT_EQ(4, getError());
+    EXPECT_LT(elapsedMs(), 10000) << "not the 20 s the agent sleeps";
+
+    agent->setCancelHook(TransferAgent::CancelHook());
+    drive->clearFaults();
+    ASSERT_TRUE(agent->stat("f", info)) << getError();
+    EXPECT_EQ(4, info.getSize());
+}
+
+// The cache remembers where an object was; a delete must act on what the
+// path names now, not on an object moved away outside the plug-in.
+TEST_F(RobustnessTest, DeleteOfAStaleCachedPathSparesTheMovedObject) {
+    std::string aId = drive->mkdir(targetId, "a");
+    std::string bId = drive->mkdir(targetId, "b");
+    std::string fileId = drive->put(aId, "x", "file");
+    std::string dirId = drive->mkdir(aId, "d");
+    FileInfo info;
+    ASSERT_TRUE(agent->stat("a/x", info));
+    ASSERT_TRUE(agent->stat("a/d", info));
+    drive->move(fileId, bId);
+    drive->move(dirId, bId);
+
+    EXPECT_TRUE(agent->removeFile("a/x"));
+    EXPECT_EQ(2003, getError());
+    EXPECT_TRUE(agent->removeDirRecursive("a/d"));
+    EXPECT_EQ(2003, getError());
+    EXPECT_TRUE(drive->exists(fileId));
+    EXPECT_TRUE(drive->exists(dirId));
+
+    // Deleted behind the cache's back: gone is what was wanted.
+    ASSERT_TRUE(agent->stat("b/x", info));
+    drive->remove(fileId);
+    drive->put(bId, "x", "new");  // same path, another object
+    EXPECT_TRUE(agent->removeFile("b/x"));
+    EXPECT_EQ(0, objectsNamed(bId, "x"));
+}
+
+TEST_F(RobustnessTest, RemovedFolderTakesItsDescendantsOutOfTheCache) {
+    std::string aId = drive->mkdir(targetId, "a");
+    std::string bId = drive->mkdir(aId, "b");
+    std::string cId = drive->put(bId, "c", "data");
+    FileInfo info;
+    ASSERT_TRUE(agent->stat("a/b/c", info));
+    ASSERT_TRUE(agent->removeDirRecursive("a"));
+    ASSERT_TRUE(agent->flushCache());
+    std::string saved = readFile(cacheFile());
+    for (auto const& id : {aId, bId, cId}) EXPECT_EQ(std::string::npos, saved.find(id)) << id;
+}
+
+TEST_F(RobustnessTest, PassingFailuresDuringCheckCacheKeepTheCache) {
+    drive->mkdir(targetId, "Pool");
+    drive->mkdir(targetId, "Control");
+    std::list<FileInfo> list;
+    ASSERT_TRUE(agent->listDir("", list));
+    ASSERT_TRUE(agent->flushCache());
+    std::string saved = readFile(cacheFile());
+    ASSERT_NE("", saved);
+
+    struct Case {
+        char const* what;
+        Fault fault;
+    } const cases[] = {
+        {"503", Fault::fail("getObjectMeta", 503).always()},
+        {"408", Fault::fail("getObjectMeta", 408).always()},
+        {"-4", Fault::fail("getObjectMeta", -4).always()},
+        {"agent exits", Fault::exitBeforeAnswer("getObjectMeta").always()},
+        {"third check fails", Fault::fail("getObjectMeta", 500).onNth(3)},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.what);
+        drive->addFault(c.fault);
+        recreateAgent();
+        EXPECT_TRUE(agent->checkCache());
+        EXPECT_EQ(saved, readFile(cacheFile()));
+        drive->clearFaults();
+    }
+}
+
+TEST_F(RobustnessTest, EachStartBeginsWithAClearCoreError) {
+    repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "");  // not base64
+    recreateAgent();
+    FileInfo info;
+    EXPECT_FALSE(agent->stat("f", info));
+    EXPECT_EQ(2107, getError());
+    agent->setCancelHook([] { return true; });
+    EXPECT_FALSE(agent->stat("f", info));
+    EXPECT_EQ(1, getError());
+}
+
+// ---- Names ----
+
+TEST_F(RobustnessTest, NamesWithQuotesAndBackslashesWorkEverywhere) {
+    repository().options().set(Repository::SZK_REMOTE_BUCKET, "Bob's");
+    agent->setTargetId("");
+    ASSERT_TRUE(agent->createContainer("Bob's")) << getError();
+    ASSERT_TRUE(agent->createDir("it's.hbk")) << getError();
+    agent->setTargetId("it's.hbk");
+    for (char const* dir : {"Pool", "Control", "sub'dir"})
+        ASSERT_TRUE(agent->createDir(dir)) << dir;
+
+    std::string local = writeLocal("up", "content");
+    for (char const* name : {"John's file", "back\\slash", "sub'dir/it's"}) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(agent->sendFile(local, name)) << getError();
+        FileInfo info;
+        ASSERT_TRUE(agent->stat(name, info)) << getError();
+        EXPECT_EQ(7, info.getSize());
+        ASSERT_TRUE(agent->recvFile(name, localPath("down"))) << getError();
+        EXPECT_EQ("content", readFile(localPath("down")));
+    }
+    std::list<FileInfo> list;
+    ASSERT_TRUE(agent->listDir("sub'dir", list));
+    ASSERT_EQ(1u, list.size());
+    ASSERT_TRUE(agent->flushCache());
+    std::string saved = readFile(cacheFile());
+    EXPECT_TRUE(agent->checkCache());
+    EXPECT_EQ(saved, readFile(cacheFile())) << "the layout verified under escaped names";
+    EXPECT_TRUE(agent->removeFile("John's file"));
+    EXPECT_FALSE(agent->isExist("John's file"));
+
+    bool escaped = false;
+    for (auto const& entry : drive->requestLog()) {
+        escaped |= entry.args["queryFilter"].asString().find("(name = 'John\\'s file')") !=
+                   std::string::npos;
+    }
+    EXPECT_TRUE(escaped);
+}
+
+// ---- Names Drive holds twice ----
+
+TEST_F(RobustnessTest, CopiesLeftByLostAnswersAreSettledByTheNextLookup) {
+    std::string local = writeLocal("up", "content");
+    // The agent applies the request, then dies before answering; the name
+    // listings lag, so the engine's retry makes a second object.
+    for (char const* fn : {"uploadFile", "createFolder"}) {
+        drive->addFault(Fault::exitAfterApply(fn));
+        drive->addFault(Fault::listingLag(1, fn));
+    }
+    EXPECT_FALSE(agent->sendFile(local, "f"));
+    EXPECT_TRUE(agent->sendFile(local, "f")) << getError();
+    EXPECT_FALSE(agent->createDir("d"));
+    EXPECT_TRUE(agent->createDir("d")) << getError();
+    ASSERT_EQ(2, objectsNamed(targetId, "f"));
+    auto folders = drive->lookup(targetId, "d");
+    ASSERT_EQ(2u, folders.size());
+    drive->put(folders[1].id, "inside", "x");  // the newer one is in use
+
+    recreateAgent();  // nothing flushed: the walks ask the service
+    drive->clearRequestLog();
+    TestSupport::clearSyslog();
+    FileInfo info;
+    ASSERT_TRUE(agent->stat("f", info)) << getError();
+    ASSERT_TRUE(agent->stat("d/inside", info)) << getError();
+    EXPECT_EQ(1, objectsNamed(targetId, "f"));
+    ASSERT_EQ(1, objectsNamed(targetId, "d"));
+    EXPECT_EQ(folders[1].id, drive->lookup(targetId, "d")[0].id);
+    EXPECT_EQ(2, requests("deleteObject"));
+    EXPECT_EQ(2u, TestSupport::syslogLinesContaining("removing duplicate").size());
+    EXPECT_TRUE(TestSupport::syslogHas("removing duplicate [f]", LOG_WARNING));
+}
+
+TEST_F(RobustnessTest, CopiesThatMayDifferAreRefusedEveryTime) {
+    struct Case {
+        char const* name;
+        std::function<void(std::string const&)> make;
+    } const cases[] = {
+        {"contents",
+         [&](auto const& n) { drive->put(targetId, n, "one"), drive->put(targetId, n, "two"); }},
+        {"in use",
+         [&](auto const& n) {
+             for (char const* c : {"1", "2"}) drive->put(drive->mkdir(targetId, n), c, c);
+         }},
+        {"kinds", [&](auto const& n) { drive->put(targetId, n, ""), drive->mkdir(targetId, n); }},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.make(c.name);
+        FileInfo info;
+        for (int run = 0; run < 2; ++run) {
+            EXPECT_FALSE(agent->stat(c.name, info));
+            EXPECT_EQ(1, getError());
+        }
+        EXPECT_EQ(2, objectsNamed(targetId, c.name));
+    }
+    EXPECT_EQ(0, requests("deleteObject"));
+}
+
+// A drive agent that answers from a transcript, for pages no service sends.
+TEST(ListingPagesTest, ATokenSeenBeforeEndsTheListing) {
+    char tmpl[] = "/tmp/pages-test-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(tmpl));
+    std::string dir = tmpl;
+    ASSERT_EQ(0, system(("mkdir -p '" + dir + "/root/usr/bin'").c_str()));
+    ASSERT_EQ(0, symlink(SCRIPTED_AGENT_PATH, (dir + "/root/usr/bin/python").c_str()));
+    setenv("TAVO_ROOT", (dir + "/root").c_str(), 1);
+    setenv("SCRIPTED_AGENT_TRANSCRIPT", (dir + "/transcript").c_str(), 1);
+    std::ofstream(dir + "/transcript") << "<\n> {\"success\":true,\"nextPageToken\":\"t1\"}\n"
+                                          "<\n> {\"success\":true,\"nextPageToken\":\"t2\"}\n"
+                                          "<\n> {\"success\":true,\"nextPageToken\":\"t1\"}\n"
+                                          "<\n> {\"success\":true}\n";
+    Repository repo;
+    repo.options().set(Repository::SZK_REMOTE_BUCKET, "C");
+    repo.options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
+    TransferAgentGoogleDrive agent(repo);
+    std::list<GoogleDrive::FileMeta> list;
+    EXPECT_FALSE(agent.listObjects("p", "", list));
+    EXPECT_EQ(1, getError());
+    EXPECT_TRUE(TestSupport::syslogHas("page token [t1] repeats", LOG_ERR));
+    std::ifstream sent(dir + "/transcript.requests");
+    int requests = 0;
+    for (std::string line; std::getline(sent, line);) ++requests;
+    EXPECT_EQ(3, requests);
+    ASSERT_EQ(0, system(("rm -rf '" + dir + "'").c_str()));
+}
+
+// Answers of the wrong JSON type make the JSON library throw; the engine's
+// process must only see a failed operation, and the agent must stay usable.
+TEST_F(RobustnessTest, IllTypedAnswersFailTheOperationNotTheEngine) {
+    drive->put(targetId, "f", "data");
+    std::string local = localPath("down");
+    struct Case {
+        char const* fn;
+        char const* answer;
+        std::function<bool()> run;
+    } const cases[] = {
+        {"listObjects", R"({"success":true,"objects":[{"id":"x","name":["f"]}]})",
+         [&] { return agent->isExist("f"); }},
+        {"getObjectMeta", R"({"success":true,"id":"x","properties":{"size":"big"}})",
+         [&] { return agent->isExist("f"); }},
+        {"downloadFile", R"({"success":true,"complete":false,"progress":"half"})",
+         [&] { return agent->recvFile("f", local, [](long) { return true; }); }},
+        {"getAccountInfo", R"({"success":true,"quota":"lots"})",
+         [&] {
+             AccountInfo info;
+             return agent->getAccountInfo(info);
+         }},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.fn);
+        recreateAgent();  // an empty cache: every lookup asks the service
+        drive->addFault(Fault::garbage(c.fn, c.answer));
+        TestSupport::clearSyslog();
+        EXPECT_FALSE(c.run());
+        EXPECT_EQ(1, getError());
+        EXPECT_TRUE(TestSupport::syslogHas("unexpected exception", LOG_ERR));
+        FileInfo info;
+        EXPECT_TRUE(agent->stat("f", info)) << getError();
+        EXPECT_EQ(4, info.getSize());
+    }
+    EXPECT_FALSE(fileExists(local));
+    EXPECT_EQ(0, countTempFilesBeside(local));
+}
