@@ -59,7 +59,9 @@ std::string _fold_name(std::string name) {
     } while (0)
 
 bool TransferAgentGoogleDrive::readResponseRecord(GoogleDrive::FileMeta& meta) {
-    if (meta.setFileMeta(_response)) return true;
+    // An answer without an id describes no object (a stray progress line, a
+    // bare success): entered into the cache it would take the root's place.
+    if (meta.setFileMeta(_response) && !meta.id.empty()) return true;
     GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
     setError(ERR_GENERAL);
     return false;
@@ -128,7 +130,7 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
         if (_response.isMember("objects")) {
             for (Json::Value const& object : _response["objects"]) {
                 GoogleDrive::FileMeta meta;
-                if (!meta.setFileMeta(object)) {
+                if (!meta.setFileMeta(object) || meta.id.empty()) {
                     GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", object.toStyledString().c_str());
                     setError(ERR_GENERAL);
                     GD_LOG(LOG_ERR, "set_filemeta_list() filed");
