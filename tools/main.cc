@@ -74,7 +74,10 @@ int parseAndRun(int argc, char** argv) {
         "gdrive_host");
     app.footer(kExitCodes);
     app.set_version_flag("--version", "gdrive_host " TOOL_VERSION);
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
+    // Catches a first word that names no command, so that the message can name it.
+    std::string unknown;
+    app.add_option("COMMAND", unknown)->group("");
     addDestinationOptions(app, inv.destination);
     app.add_flag("-v,--verbose", inv.verbose, "show the plug-in's log lines and operation trace");
     app.add_flag("-q,--quiet", inv.args.quiet, "no progress line and no summary");
@@ -91,6 +94,10 @@ int parseAndRun(int argc, char** argv) {
     } catch (CLI::ParseError const& e) {
         int rc = app.exit(e);
         return rc == 0 ? kExitOk : kExitUsage;
+    }
+    if (!unknown.empty()) return reportProblem("no command named " + unknown, kExitUsage);
+    if (!inv.command && !help->parsed()) {
+        return reportProblem("a command is needed; see gdrive_host --help", kExitUsage);
     }
     if (help->parsed()) {
         if (inv.helpTopic.empty()) {
