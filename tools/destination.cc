@@ -12,9 +12,24 @@ namespace gdhost {
 
 using TAVO::Backup::Repository;
 
+namespace {
+
+std::string defaultProfile() {
+    char const* xdg = getenv("XDG_CONFIG_HOME");
+    if (xdg && *xdg) return std::string(xdg) + "/gdrive_host/profile";
+    char const* home = getenv("HOME");
+    return std::string(home && *home ? home : ".") + "/.config/gdrive_host/profile";
+}
+
+}  // namespace
+
 void addDestinationOptions(CLI::App& app, Destination& d) {
-    app.set_config("--profile", "", "profile file of destination settings (key = value lines)")
-        ->envname("GDRIVE_PROFILE");
+    // CLI11 reads the profile before it looks at environment variables, so
+    // GDRIVE_PROFILE has to become the default here.
+    char const* profile = getenv("GDRIVE_PROFILE");
+    app.set_config("--profile", profile && *profile ? profile : defaultProfile(),
+                   "profile file of destination settings, lines \"key = value\" named as these "
+                   "options (env GDRIVE_PROFILE; default ~/.config/gdrive_host/profile)");
     app.add_option("--container", d.container, "top-level Drive folder of the backups")
         ->envname("GDRIVE_CONTAINER")
         ->capture_default_str();
