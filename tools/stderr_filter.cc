@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 
 namespace gdhost {
@@ -12,9 +11,15 @@ namespace {
 
 FILE* gLive = nullptr;
 
+bool endsWith(std::string const& text, std::string const& end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// "googledrive_client:102 pipe opened" and "googledrive_client:114 agent ready".
 bool startupLine(std::string const& line) {
-    static std::regex const pattern("^googledrive_client:[0-9]+ (pipe opened|agent ready)$");
-    return std::regex_match(line, pattern);
+    return line.rfind("googledrive_client:", 0) == 0 &&
+           (endsWith(line, " pipe opened") || endsWith(line, " agent ready"));
 }
 
 void writeAll(int fd, std::string const& text) {
