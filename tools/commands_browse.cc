@@ -29,22 +29,28 @@ int runLs(Session& s) {
     std::string top = remotePath(s.path(0));
     Json::Value entries(Json::arrayValue);
     if (s.args.longForm && !s.args.json) printLongHeader();
+    auto show = [&](FileInfo const& entry, std::string const& name) {
+        if (s.args.json) {
+            entries.append(entryJson(entry, name));
+        } else if (s.args.longForm) {
+            printLongLine(entry, name);
+        } else {
+            printf("%s\n", shownName(entry, name).c_str());
+        }
+    };
     bool ok = walkRemoteTree(
         s.agent, top,
         [&](std::string const& folder, std::vector<FileInfo> const& children) {
-            for (auto const& child : children) {
-                std::string name = joinPath(folder, child.getRpath());
-                if (s.args.json) {
-                    entries.append(entryJson(child, name));
-                } else if (s.args.longForm) {
-                    printLongLine(child, name);
-                } else {
-                    printf("%s\n", shownName(child, name).c_str());
-                }
-            }
+            for (auto const& child : children) show(child, joinPath(folder, child.getRpath()));
             return true;
         },
         s.args.recursive);
+    // A file is listed as itself.
+    FileInfo file(top);
+    if (!ok && getError() == ERR_REMOTE_NOT_DIR && s.agent.stat(top, file)) {
+        show(file, top);
+        ok = true;
+    }
     if (!ok) return listingFailure("ls", top);
     if (s.args.json) {
         Json::Value document(Json::objectValue);

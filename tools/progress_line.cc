@@ -65,8 +65,8 @@ void ProgressLine::finish(std::string const& extra) {
     if (_live) fprintf(liveOutput(), "\r\033[K");
     if (_quiet) return;
     double elapsed = seconds();
-    printf("%s %s in %" PRId64 " files%s, %.1f s, %s/s\n", _verb.c_str(),
-           humanBytes(_bytes).c_str(), _files, extra.c_str(), elapsed,
+    printf("%s %s in %" PRId64 " file%s%s, %.1f s, %s/s\n", _verb.c_str(),
+           humanBytes(_bytes).c_str(), _files, _files == 1 ? "" : "s", extra.c_str(), elapsed,
            humanBytes(static_cast<int64_t>(elapsed > 0 ? _bytes / elapsed : 0)).c_str());
     fflush(stdout);
 }
