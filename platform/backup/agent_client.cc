@@ -318,7 +318,14 @@ bool AgentClient::readResponse(Json::Value& response, bool& retry) {
         _retry_streak = 0;
         return false;
     }
-    if (!pause(backoffUnits(_retry_streak))) {
+    // Warned, not debugged: a person waiting on a command sees why it is slow.
+    int units = backoffUnits(_retry_streak);
+    syslog(LOG_WARNING, "%s:%d helper answered error %d (%s); retry %d of %d after %lld ms",
+           kLogSource, __LINE__, response.get("error_code", -1).asInt(),
+           response.get("error_message", "").asString().c_str(), _retry_streak, _max_attempts - 1,
+           static_cast<long long>(units) *
+               envMilliseconds("TAVO_AGENT_PAUSE_UNIT_MS", kDefaultPauseUnitMs));
+    if (!pause(units)) {
         _retry_streak = 0;
         retry = false;
         response = Json::Value(Json::objectValue);

@@ -1,0 +1,270 @@
+// gdrive_host end to end: each test runs the built tool in a fresh folder
+// with its own emulated account, and judges its exit code, its output and
+// what the emulator holds afterwards.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "drive_control.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+struct Result {
+    int code = -1;
+    std::string out, err;
+};
+
+class ToolTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/gdrive-tool-test-XXXXXX";
+        _dir = mkdtemp(pattern);
+        setenv("GDRIVE_DATA_DIR", (_dir + "/data").c_str(), 1);
+        setenv("TAVO_AGENT_PAUSE_UNIT_MS", "1", 1);
+        unsetenv("TAVO_ROOT");
+    }
+    void TearDown() override { fs::remove_all(_dir); }
+
+    // Starts the tool with `args`; stdout and stderr go to files in the folder.
+    pid_t start(std::vector<std::string> args) {
+        args.insert(args.begin(), GDRIVE_HOST);
+        pid_t pid = fork();
+        if (pid == 0) {
+            if (chdir(_dir.c_str()) != 0) _exit(127);
+            dup2(open((_dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+            dup2(open((_dir + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+            std::vector<char*> argv;
+            for (auto& a : args) argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        return pid;
+    }
+    Result finish(pid_t pid) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+                read(_dir + "/out"), read(_dir + "/err")};
+    }
+    Result run(std::vector<std::string> args) { return finish(start(std::move(args))); }
+
+    DriveEmulator::Drive drive() { return DriveEmulator::Drive::open(_dir + "/data/account"); }
+    std::string path(std::string const& name) const { return _dir + "/" + name; }
+    static std::string read(std::string const& file) {
+        std::ostringstream text;
+        text << std::ifstream(file).rdbuf();
+        return text.str();
+    }
+    static void write(std::string const& file, std::string const& content) {
+        fs::create_directories(fs::path(file).parent_path());
+        std::ofstream(file) << content;
+    }
+    // A tree with what trips file tools: empty files and folders, nesting,
+    // spaces and non-ASCII names.
+    void makeTree(std::string const& top) {
+        write(top + "/Pool/0/bucket.1", std::string(100000, 'x'));
+        write(top + "/Pool/0/empty", "");
+        write(top + "/Control/with space/été.txt", "accents\n");
+        write(top + "/a/b/c/d/deep", "deep\n");
+        fs::create_directories(top + "/Pool/empty folder");
+    }
+
+    std::string _dir;
+};
+
+Json::Value parse(std::string const& text) {
+    Json::Value value;
+    std::istringstream in(text);
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr)) << text;
+    return value;
+}
+
+TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
+    struct Case {
+        std::vector<std::string> args;
+        int code;
+        char const* onStdout;
+        char const* onStderr;
+    } const cases[] = {
+        {{"--help"}, 0, "Exit codes", ""},
+        {{"help", "copy"}, 0, "--dry-run", ""},
+        {{"--version"}, 0, "gdrive_host ", ""},
+        {{"frobnicate"}, 2, "", "frobnicate"},
+        {{"--frob", "ls"}, 2, "", "--frob"},
+        {{"ls", "--frob"}, 2, "", "--frob"},
+        {{"put", "only-one"}, 2, "", "LOCAL REMOTE"},
+        {{"cache", "wipe"}, 2, "", "wipe"},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.args[0]);
+        Result r = run(c.args);
+        EXPECT_EQ(r.code, c.code) << r.err;
+        EXPECT_NE(r.out.find(c.onStdout), std::string::npos) << r.out;
+        EXPECT_NE(r.err.find(c.onStderr), std::string::npos) << r.err;
+    }
+    EXPECT_FALSE(fs::exists(path("data")));
+}
+
+TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
+    ASSERT_EQ(run({"init"}).code, 0);
+    write(path("file"), "content");
+    mkfifo(path("fifo").c_str(), 0600);
+    fs::create_directory(path("folder"));
+    fs::create_symlink(path("file"), path("link"));
+    DriveEmulator::Fault const none = DriveEmulator::Fault::delay("none", 0);
+    struct Case {
+        DriveEmulator::Fault fault;
+        std::vector<std::string> args;
+        int code;
+        char const* words;
+    } const cases[] = {
+        {none, {"ls", "missing"}, 3, "ls missing: error 2003, not found"},
+        {none, {"stat", "missing/file"}, 4, "error 2003, not found"},
+        {none, {"get", "missing", path("x")}, 4, "get missing: error 2003"},
+        {none, {"rm", "missing"}, 4, "rm missing: error 2003"},
+        {none, {"put", path("nothing"), "x"}, 4, "No such file"},
+        {none, {"put", path("fifo"), "x"}, 2, "is a FIFO"},
+        {none, {"put", path("link"), "x"}, 2, "is a symbolic link"},
+        {none, {"put", path("folder"), "x"}, 2, "use copy"},
+        {DriveEmulator::Fault::fail("*", 408).always(), {"ls"}, 5, "error 2104"},
+        {DriveEmulator::Fault::fail("*", 401).always(), {"about"}, 7, "credentials refused"},
+        {DriveEmulator::Fault::fail("uploadFile", 403,
+                                    "The user's Drive storage quota has been exceeded.")
+             .always(),
+         {"put", path("file"), "x"},
+         7,
+         "put x: error 2002, quota exceeded"},
+        {DriveEmulator::Fault::fail("*", 503).forNext(2), {"ls"}, 0, "retry 2 of 9"},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.args[0] + " " + c.words);
+        drive().clearFaults();
+        drive().addFault(c.fault);
+        Result r = run(c.args);
+        EXPECT_EQ(r.code, c.code) << r.err;
+        EXPECT_NE(r.err.find(c.words), std::string::npos) << r.err;
+    }
+}
+
+TEST_F(ToolTest, JsonDocumentsDescribeWhatIsStored) {
+    ASSERT_EQ(run({"init"}).code, 0);
+    write(path("a file"), "hello\n");
+    ASSERT_EQ(run({"put", "./a file", "with space/"}).code, 0);
+    ASSERT_EQ(run({"mkdir", "-p", "x/y"}).code, 0);
+
+    Json::Value stat = parse(run({"stat", "--json", "with space/a file"}).out);
+    EXPECT_EQ(stat["name"], "with space/a file");
+    EXPECT_EQ(stat["type"], "file");
+    EXPECT_EQ(stat["size"], 6);
+    EXPECT_EQ(stat["md5"], "b1946ac92492d2347c6235b4d2611184");
+
+    Json::Value ls = parse(run({"ls", "-R", "--json"}).out);
+    ASSERT_EQ(ls["entries"].size(), 4u);
+    EXPECT_EQ(ls["entries"][2]["name"], "with space/a file");
+    EXPECT_EQ(ls["entries"][3]["type"], "folder");
+
+    Json::Value size = parse(run({"size", "--json"}).out);
+    EXPECT_EQ(size["files"], 1);
+    EXPECT_EQ(size["folders"], 3);
+    EXPECT_EQ(size["bytes"], 6);
+
+    Json::Value about = parse(run({"about", "--json"}).out);
+    EXPECT_EQ(about["used"], 6);
+    EXPECT_TRUE(about["unlimited"].asBool());
+}
+
+TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
+    makeTree(path("src"));
+    ASSERT_EQ(run({"init"}).code, 0);
+    Result first = run({"copy", path("src"), "backup"});
+    ASSERT_EQ(first.code, 0) << first.err;
+    EXPECT_NE(first.out.find("sent 97.7 KiB in 4 files"), std::string::npos) << first.out;
+
+    drive().clearRequestLog();
+    Result second = run({"copy", path("src"), "backup"});
+    EXPECT_EQ(second.code, 0);
+    EXPECT_NE(second.out.find("4 files unchanged"), std::string::npos) << second.out;
+    EXPECT_EQ(drive().countRequests("uploadFile") + drive().countRequests("uploadEmptyFile") +
+                  drive().countRequests("updateFile") + drive().countRequests("createFolder"),
+              0);
+
+    ASSERT_EQ(run({"restore", "backup", path("back")}).code, 0);
+    EXPECT_EQ(read(path("back/Control/with space/été.txt")), "accents\n");
+    EXPECT_EQ(read(path("back/Pool/0/bucket.1")), std::string(100000, 'x'));
+    EXPECT_TRUE(fs::is_empty(path("back/Pool/empty folder")));
+    EXPECT_TRUE(fs::is_empty(path("back/Pool/0/empty")));
+    Result same = run({"check", "--json", path("back"), "backup"});
+    EXPECT_EQ(same.code, 0) << same.out;
+    EXPECT_EQ(parse(same.out)["matched"], 4);
+
+    write(path("back/a/b/c/d/deep"), "changed\n");
+    fs::remove(path("back/Pool/0/empty"));
+    write(path("back/new"), "");
+    Json::Value differ = parse(run({"check", "--json", path("back"), "backup"}).out);
+    EXPECT_FALSE(differ["ok"].asBool());
+    EXPECT_EQ(differ["differ"][0], "a/b/c/d/deep");
+    EXPECT_EQ(differ["missing_remote"][0], "new");
+    EXPECT_EQ(differ["missing_local"][0], "Pool/0/empty");
+    EXPECT_EQ(run({"check", path("back"), "backup"}).code, 1);
+}
+
+// A transfer stopped by Ctrl-C while the service is slow leaves nothing
+// behind: no temporary file beside the destination, no object or pending
+// blob in the service, the old local content. A second Ctrl-C ends the
+// process at once. Needs the channel to notice a cancel while the drive agent
+// is silent, and the emulator to drop a pending upload when its client goes.
+TEST_F(ToolTest, InterruptLeavesNothingBehind) {
+    ASSERT_EQ(run({"init"}).code, 0);
+    write(path("big"), std::string(4 << 20, 'b'));
+    ASSERT_EQ(run({"put", path("big"), "kept"}).code, 0);
+    write(path("local/old"), "old content");
+    struct Case {
+        char const* fn;
+        std::vector<std::string> args;
+        int interrupts;
+    } const cases[] = {
+        {"uploadFile", {"put", path("big"), "new"}, 1},
+        {"downloadFile", {"get", "kept", path("local/old")}, 1},
+        // The person insists: nothing waits, even the clean-up.
+        {"downloadFile", {"get", "kept", path("local/old")}, 2},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(std::string(c.fn) + " " + std::to_string(c.interrupts));
+        drive().clearFaults();
+        drive().addFault(DriveEmulator::Fault::delay(c.fn, 3000));
+        pid_t pid = start(c.args);
+        std::this_thread::sleep_for(500ms);
+        auto sent = std::chrono::steady_clock::now();
+        for (int i = 0; i < c.interrupts; ++i) {
+            kill(pid, SIGINT);
+            std::this_thread::sleep_for(100ms);  // two signals at once would count as one
+        }
+        Result r = finish(pid);
+        EXPECT_LT(std::chrono::steady_clock::now() - sent, 2s);
+        EXPECT_EQ(r.code, 130) << r.err;
+        EXPECT_EQ(read(path("local/old")), "old content");
+        if (c.interrupts > 1) continue;
+        std::this_thread::sleep_for(200ms);  // the emulator's clean-up, after its client went
+        EXPECT_EQ(fs::directory_iterator(path("local"))->path().filename(), "old");
+        EXPECT_TRUE(fs::is_empty(path("data/account/blobs/tmp")));
+        if (c.args[0] == "put") {
+            EXPECT_EQ(run({"stat", "new"}).code, 4);
+        }
+    }
+}
+
+}  // namespace

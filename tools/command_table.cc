@@ -1,0 +1,98 @@
+#include <CLI/CLI.hpp>
+
+#include "commands.h"
+
+namespace gdhost {
+
+namespace {
+
+void remoteOptional(CLI::App& c, CommandArgs& a) {
+    c.add_option("PATH", a.paths, "folder of the target (default: its top)")->expected(0, 1);
+}
+
+void remoteRequired(CLI::App& c, CommandArgs& a) {
+    c.add_option("PATH", a.paths, "path in the target")->required()->expected(1);
+}
+
+void twoPaths(char const* from, char const* to, CLI::App& c, CommandArgs& a) {
+    c.add_option(std::string(from) + " " + to, a.paths)->required()->expected(2);
+}
+
+void json(CLI::App& c, CommandArgs& a) {
+    c.add_flag("--json", a.json, "one JSON document on stdout");
+}
+
+}  // namespace
+
+std::vector<Command> const& commandTable() {
+    static std::vector<Command> const table = {
+        {"init", "create the container and the target folder", [](CLI::App&, CommandArgs&) {},
+         runInit},
+        {"ls", "list a folder (-R: the whole tree, -l: long form with a header)",
+         [](CLI::App& c, CommandArgs& a) {
+             remoteOptional(c, a);
+             c.add_flag("-R,--recursive", a.recursive, "list the folders below too");
+             c.add_flag("-l,--long", a.longForm, "type, size, time and MD5 of each entry");
+             json(c, a);
+         },
+         runLs},
+        {"tree", "draw a folder tree", remoteOptional, runTree},
+        {"stat", "type, size, time and MD5 of one object",
+         [](CLI::App& c, CommandArgs& a) {
+             remoteRequired(c, a);
+             json(c, a);
+         },
+         runStat},
+        {"size", "number of files and folders and bytes below a folder",
+         [](CLI::App& c, CommandArgs& a) {
+             remoteOptional(c, a);
+             json(c, a);
+         },
+         runSize},
+        {"about", "account and quota", json, runAbout},
+        {"mkdir", "create a folder (-p: with its parents)",
+         [](CLI::App& c, CommandArgs& a) {
+             remoteRequired(c, a);
+             c.add_flag("-p,--parents", a.parents, "create missing parents");
+         },
+         runMkdir},
+        {"put", "send one local file (missing remote folders are created)",
+         [](CLI::App& c, CommandArgs& a) { twoPaths("LOCAL", "REMOTE", c, a); }, runPut},
+        {"get", "fetch one file",
+         [](CLI::App& c, CommandArgs& a) { twoPaths("REMOTE", "LOCAL", c, a); }, runGet},
+        {"copy", "send a local tree; unchanged files (size and MD5) are skipped",
+         [](CLI::App& c, CommandArgs& a) {
+             twoPaths("LOCALDIR", "REMOTEDIR", c, a);
+             c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent, send nothing");
+         },
+         runCopy},
+        {"restore", "fetch a remote tree into a local folder",
+         [](CLI::App& c, CommandArgs& a) { twoPaths("REMOTEDIR", "LOCALDIR", c, a); }, runRestore},
+        {"check", "compare a local tree with a remote one by MD5 (exit 1 when they differ)",
+         [](CLI::App& c, CommandArgs& a) {
+             twoPaths("LOCALDIR", "REMOTEDIR", c, a);
+             json(c, a);
+         },
+         runCheck},
+        {"rm", "remove one file", remoteRequired, runRm},
+        {"purge", "remove a folder and everything below it",
+         [](CLI::App& c, CommandArgs& a) {
+             remoteRequired(c, a);
+             c.add_flag("-f,--force", a.force, "do not ask, even on a terminal");
+         },
+         runPurge},
+        {"containers", "list the top-level folders of the Drive", [](CLI::App&, CommandArgs&) {},
+         runContainers},
+        {"cache", "node cache: check (against the service), flush, drop, show",
+         [](CLI::App& c, CommandArgs& a) {
+             c.add_option("ACTION", a.action)
+                 ->required()
+                 ->check(CLI::IsMember({"check", "flush", "drop", "show"}));
+         },
+         runCache},
+        {"dupes", "list names that one folder holds twice", remoteOptional, runDupes},
+    };
+    return table;
+}
+
+}  // namespace gdhost

@@ -1,0 +1,208 @@
+// Commands that look: ls, tree, stat, size, about, containers, dupes.
+#include <cinttypes>
+#include <cstdio>
+#include <list>
+
+#include "backup/error.h"
+#include "commands.h"
+#include "failure.h"
+#include "output_format.h"
+#include "remote_tree.h"
+
+namespace gdhost {
+
+using namespace TAVO::Backup;
+
+namespace {
+
+int listingFailure(char const* what, std::string const& path) {
+    return reportFailure(what, path.empty() ? "(target top)" : path, getError(), Wanted::kFolder);
+}
+
+std::string shownName(FileInfo const& info, std::string const& name) {
+    return info.isDirType() ? name + "/" : name;
+}
+
+}  // namespace
+
+int runLs(Session& s) {
+    std::string top = remotePath(s.path(0));
+    Json::Value entries(Json::arrayValue);
+    if (s.args.longForm && !s.args.json) printLongHeader();
+    auto show = [&](FileInfo const& entry, std::string const& name) {
+        if (s.args.json) {
+            entries.append(entryJson(entry, name));
+        } else if (s.args.longForm) {
+            printLongLine(entry, name);
+        } else {
+            printf("%s\n", shownName(entry, name).c_str());
+        }
+    };
+    bool ok = walkRemoteTree(
+        s.agent, top,
+        [&](std::string const& folder, std::vector<FileInfo> const& children) {
+            for (auto const& child : children) show(child, joinPath(folder, child.getRpath()));
+            return true;
+        },
+        s.args.recursive);
+    // A file is listed as itself.
+    FileInfo file(top);
+    if (!ok && getError() == ERR_REMOTE_NOT_DIR && s.agent.stat(top, file)) {
+        show(file, top);
+        ok = true;
+    }
+    if (!ok) return listingFailure("ls", top);
+    if (s.args.json) {
+        Json::Value document(Json::objectValue);
+        document["path"] = top;
+        document["entries"] = entries;
+        printJson(document);
+    }
+    return kExitOk;
+}
+
+int runTree(Session& s) {
+    std::string top = remotePath(s.path(0));
+    int64_t files = 0, folders = 0;
+    printf("%s\n", top.empty() ? "." : top.c_str());
+    // Depth-first, each folder's children right after it: draw by recursion
+    // over the map of listings.
+    std::map<std::string, std::vector<FileInfo>> listings;
+    bool ok = walkRemoteTree(s.agent, top,
+                             [&](std::string const& folder, std::vector<FileInfo> const& children) {
+                                 listings[folder] = children;
+                                 return true;
+                             });
+    if (!ok) return listingFailure("tree", top);
+    std::function<void(std::string const&, std::string const&)> draw =
+        [&](std::string const& folder, std::string const& indent) {
+            auto const& children = listings[folder];
+            for (size_t i = 0; i < children.size(); ++i) {
+                bool last = i + 1 == children.size();
+                FileInfo const& child = children[i];
+                printf("%s%s%s\n", indent.c_str(), last ? "└── " : "├── ",
+                       shownName(child, child.getRpath()).c_str());
+                if (child.isDirType()) {
+                    ++folders;
+                    draw(joinPath(folder, child.getRpath()), indent + (last ? "    " : "│   "));
+                } else {
+                    ++files;
+                }
+            }
+        };
+    draw("", "");
+    printf("\n%" PRId64 " folders, %" PRId64 " files\n", folders, files);
+    return kExitOk;
+}
+
+int runStat(Session& s) {
+    std::string path = remotePath(s.path(0));
+    FileInfo info(path);
+    if (!s.agent.stat(path, info)) return reportFailure("stat", path, getError(), Wanted::kFile);
+    if (s.args.json) {
+        printJson(entryJson(info, path));
+    } else {
+        printLongHeader();
+        printLongLine(info, path);
+    }
+    return kExitOk;
+}
+
+int runSize(Session& s) {
+    std::string top = remotePath(s.path(0));
+    int64_t files = 0, folders = 0, bytes = 0;
+    bool ok = walkRemoteTree(s.agent, top,
+                             [&](std::string const&, std::vector<FileInfo> const& children) {
+                                 for (auto const& child : children) {
+                                     if (child.isDirType()) {
+                                         ++folders;
+                                     } else {
+                                         ++files;
+                                         bytes += child.getSize();
+                                     }
+                                 }
+                                 return true;
+                             });
+    if (!ok) return listingFailure("size", top);
+    if (s.args.json) {
+        Json::Value document(Json::objectValue);
+        document["path"] = top;
+        document["files"] = static_cast<Json::Int64>(files);
+        document["folders"] = static_cast<Json::Int64>(folders);
+        document["bytes"] = static_cast<Json::Int64>(bytes);
+        printJson(document);
+    } else {
+        printf("files:   %" PRId64 "\nfolders: %" PRId64 "\nsize:    %s (%" PRId64 " bytes)\n",
+               files, folders, humanBytes(bytes).c_str(), bytes);
+    }
+    return kExitOk;
+}
+
+int runAbout(Session& s) {
+    AccountInfo info;
+    if (!s.agent.getAccountInfo(info)) {
+        return reportFailure("about", "", getError(), Wanted::kFile);
+    }
+    int64_t freeBytes = info.isUnlimitedQuota ? -1 : info.quota - info.usedSize;
+    if (s.args.json) {
+        Json::Value document(Json::objectValue);
+        document["account"] = info.account;
+        document["user"] = info.userName;
+        document["used"] = static_cast<Json::Int64>(info.usedSize);
+        document["unlimited"] = info.isUnlimitedQuota;
+        document["quota"] =
+            info.isUnlimitedQuota ? Json::Value() : Json::Value(Json::Int64(info.quota));
+        document["free"] =
+            info.isUnlimitedQuota ? Json::Value() : Json::Value(Json::Int64(freeBytes));
+        printJson(document);
+        return kExitOk;
+    }
+    printf("account: %s\nuser:    %s\nused:    %s\n", info.account.c_str(), info.userName.c_str(),
+           humanBytes(info.usedSize).c_str());
+    if (info.isUnlimitedQuota) {
+        printf("quota:   unlimited\n");
+    } else {
+        printf("quota:   %s\nfree:    %s\n", humanBytes(info.quota).c_str(),
+               humanBytes(freeBytes).c_str());
+    }
+    return kExitOk;
+}
+
+int runContainers(Session& s) {
+    std::list<FileInfo> list;
+    if (!s.agent.listContainer(list)) {
+        return reportFailure("containers", "", getError(), Wanted::kFolder);
+    }
+    for (auto const& info : list) {
+        if (info.isDirType()) printf("%s\n", info.getRpath().c_str());
+    }
+    return kExitOk;
+}
+
+int runDupes(Session& s) {
+    std::string top = remotePath(s.path(0));
+    int groups = 0;
+    bool ok = walkRemoteTree(
+        s.agent, top, [&](std::string const& folder, std::vector<FileInfo> const& children) {
+            for (size_t i = 0; i < children.size();) {
+                size_t end = i + 1;
+                while (end < children.size() &&
+                       children[end].getRpath() == children[i].getRpath()) {
+                    ++end;
+                }
+                if (end - i > 1) {
+                    if (groups++ == 0) printLongHeader();
+                    for (size_t k = i; k < end; ++k) {
+                        printLongLine(children[k], joinPath(folder, children[k].getRpath()));
+                    }
+                }
+                i = end;
+            }
+            return true;
+        });
+    if (!ok) return listingFailure("dupes", top);
+    printf("%d name%s held more than once\n", groups, groups == 1 ? "" : "s");
+    return kExitOk;
+}
+
+}  // namespace gdhost

@@ -1,0 +1,94 @@
+#include "failure.h"
+
+#include <cstdio>
+
+#include "backup/error.h"
+
+namespace gdhost {
+
+using namespace TAVO::Backup;
+
+char const* meaningOf(int engineCode) {
+    switch (engineCode) {
+        case ERR_NONE:
+            return "no error";
+        case ERR_GENERAL:
+            return "general failure (see the log with -v)";
+        case ERR_BAD_ARGUMENT:
+            return "bad argument or missing setting";
+        case ERR_CANCELED:
+            return "canceled";
+        case ERR_BAD_REQUEST:
+            return "malformed request or invalid name";
+        case ERR_LOCAL_NOT_FOUND:
+            return "local file not found";
+        case ERR_LOCAL_PERMISSION:
+            return "local permission denied";
+        case ERR_LOCAL_NO_SPACE:
+            return "no space left on the local disk";
+        case ERR_LOCAL_NOT_REGULAR:
+            return "local path is not a regular file";
+        case ERR_LOCAL_IO:
+            return "local input/output error";
+        case ERR_LOCAL_NAME_TOO_LONG:
+            return "local name too long";
+        case ERR_REMOTE_REFUSED:
+            return "refused by the service";
+        case ERR_REMOTE_QUOTA:
+            return "quota exceeded";
+        case ERR_REMOTE_NOT_FOUND:
+            return "not found";
+        case ERR_REMOTE_IS_DIR:
+            return "is a folder";
+        case ERR_REMOTE_NOT_DIR:
+            return "not a folder";
+        case ERR_AGENT_FAILURE_4:
+            return "drive agent failure (-4), retries spent";
+        case ERR_AGENT_FAILURE_2:
+            return "drive agent failure (-2), retries spent";
+        case ERR_REMOTE_TIMEOUT:
+            return "request timed out, retries spent";
+        case ERR_CREDENTIALS:
+            return "credentials refused";
+        default:
+            return "unknown error";
+    }
+}
+
+int exitCodeFor(int engineCode, Wanted wanted) {
+    switch (engineCode) {
+        case ERR_NONE:
+            return kExitOk;
+        case ERR_BAD_ARGUMENT:
+            return kExitUsage;
+        case ERR_CANCELED:
+            return kExitCanceled;
+        case ERR_LOCAL_NOT_FOUND:
+        case ERR_REMOTE_NOT_FOUND:
+            return wanted == Wanted::kFolder ? kExitFolderNotFound : kExitFileNotFound;
+        case ERR_AGENT_FAILURE_4:
+        case ERR_AGENT_FAILURE_2:
+        case ERR_REMOTE_TIMEOUT:
+            return kExitTemporary;
+        case ERR_REMOTE_QUOTA:
+        case ERR_CREDENTIALS:
+            return kExitFatal;
+        default:
+            return kExitError;
+    }
+}
+
+int reportFailure(std::string const& operation, std::string const& path, int engineCode,
+                  Wanted wanted) {
+    std::string what = path.empty() ? operation : operation + " " + path;
+    fprintf(stderr, "gdrive_host: %s: error %d, %s\n", what.c_str(), engineCode,
+            meaningOf(engineCode));
+    return exitCodeFor(engineCode, wanted);
+}
+
+int reportProblem(std::string const& message, int exitCode) {
+    fprintf(stderr, "gdrive_host: %s\n", message.c_str());
+    return exitCode;
+}
+
+}  // namespace gdhost

@@ -1,0 +1,32 @@
+#include "interrupt.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include "failure.h"
+
+namespace gdhost {
+
+namespace {
+
+volatile sig_atomic_t gStopRequests = 0;
+
+void onInterrupt(int) {
+    if (gStopRequests > 0) _exit(kExitCanceled);  // the person insists
+    gStopRequests = 1;
+}
+
+}  // namespace
+
+void installInterruptHandler() {
+    struct sigaction action = {};
+    action.sa_handler = onInterrupt;
+    sigemptyset(&action.sa_mask);
+    // No SA_RESTART: a blocked read returns so that the channel can notice.
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+bool interrupted() { return gStopRequests != 0; }
+
+}  // namespace gdhost

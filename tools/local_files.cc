@@ -1,0 +1,123 @@
+#include "local_files.h"
+
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+namespace gdhost {
+
+namespace fs = std::filesystem;
+
+std::string absoluteLocalPath(std::string const& path) {
+    std::error_code ignored;
+    std::string text = fs::absolute(fs::path(path), ignored).lexically_normal().string();
+    while (text.size() > 1 && text.back() == '/') text.pop_back();
+    return text;
+}
+
+std::string whyNotSendable(std::string const& path, bool& missing) {
+    struct stat st;
+    missing = false;
+    if (lstat(path.c_str(), &st) != 0) {
+        missing = errno == ENOENT;
+        return strerror(errno);
+    }
+    switch (st.st_mode & S_IFMT) {
+        case S_IFREG:
+            return "";
+        case S_IFDIR:
+            return "is a folder; use copy to send a tree";
+        case S_IFLNK:
+            return "is a symbolic link";
+        case S_IFIFO:
+            return "is a FIFO";
+        case S_IFSOCK:
+            return "is a socket";
+        case S_IFCHR:
+        case S_IFBLK:
+            return "is a device";
+        default:
+            return "is not a regular file";
+    }
+}
+
+std::string fileMd5(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return "";
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_md5(), nullptr) != 1) return "";
+    std::vector<char> buffer(1 << 20);
+    while (in) {
+        in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+        if (in.gcount() > 0) EVP_DigestUpdate(ctx.get(), buffer.data(), in.gcount());
+    }
+    if (in.bad()) return "";
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_DigestFinal_ex(ctx.get(), digest, &length);
+    static char const kHex[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned int i = 0; i < length; ++i) {
+        hex += kHex[digest[i] >> 4];
+        hex += kHex[digest[i] & 15];
+    }
+    return hex;
+}
+
+namespace {
+
+void walk(fs::path const& top, std::string const& rpath, std::vector<LocalEntry>& entries,
+          std::vector<std::string>& skipped, std::error_code& error) {
+    std::vector<fs::directory_entry> children;
+    for (fs::directory_iterator it(top / rpath, error), end; !error && it != end;
+         it.increment(error)) {
+        children.push_back(*it);
+    }
+    if (error) return;
+    std::sort(children.begin(), children.end());
+    for (auto const& child : children) {
+        std::string childPath = (fs::path(rpath) / child.path().filename()).string();
+        if (rpath.empty()) childPath = child.path().filename().string();
+        fs::file_status status = child.symlink_status();
+        if (fs::is_directory(status)) {
+            entries.push_back({childPath, true, 0});
+            walk(top, childPath, entries, skipped, error);
+            if (error) return;
+        } else if (fs::is_regular_file(status)) {
+            entries.push_back({childPath, false, static_cast<int64_t>(child.file_size(error))});
+            if (error) return;
+        } else {
+            skipped.push_back(childPath);
+        }
+    }
+}
+
+}  // namespace
+
+bool listLocalTree(std::string const& top, std::vector<LocalEntry>& entries,
+                   std::vector<std::string>& skipped, std::string& error) {
+    struct stat st;
+    if (lstat(top.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        error = top + " is not a folder";
+        return false;
+    }
+    std::error_code failure;
+    walk(top, "", entries, skipped, failure);
+    if (failure) error = failure.message();
+    return !failure;
+}
+
+bool makeLocalFolders(std::string const& path) {
+    std::error_code error;
+    fs::create_directories(path, error);
+    if (error) errno = error.value();
+    return !error;
+}
+
+}  // namespace gdhost

@@ -1,0 +1,127 @@
+// gdrive_host: a stand-in for the backup engine on the command line. It loads
+// the plug-in module with dlopen, builds a transfer agent for one destination
+// and runs one command through the engine's interface.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+
+#include "backup/transfer_agent.h"
+#include "commands.h"
+#include "destination.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "plugin_log.h"
+#include "plugin_module.h"
+#include "stderr_filter.h"
+
+namespace gdhost {
+namespace {
+
+char const kExitCodes[] =
+    "Exit codes: 0 ok, 1 error (or differences found by check), 2 usage, 3 folder not found,\n"
+    "4 file not found, 5 temporary failure (retries spent), 7 fatal (credentials refused,\n"
+    "quota exceeded), 130 cancelled.\n"
+    "Without a drive agent configured (TAVO_ROOT unset), an embedded emulator under\n"
+    "$XDG_DATA_HOME/gdrive_host (else ~/.local/share/gdrive_host) plays the Drive.";
+
+struct Invocation {
+    Destination destination;
+    CommandArgs args;
+    bool verbose = false;
+    std::string helpTopic;
+    Command const* command = nullptr;
+};
+
+// Runs the chosen command against a fresh agent; the exit code.
+int runCommand(Invocation& inv) {
+    std::string error;
+    if (!prepareDestination(inv.destination, error)) return reportProblem(error, kExitError);
+    std::unique_ptr<StderrFilter> filter;
+    if (!inv.verbose) filter.reset(new StderrFilter);
+    PluginModule module;
+    if (!module.load(inv.destination.plugin, error)) return reportProblem(error, kExitError);
+    showPluginLog(inv.verbose);
+    if (inv.verbose) {
+        TAVO::Backup::TransferAgent::setDebug(true);
+        TAVO::Backup::TransferAgent::setDebugSink(
+            [](std::string const& line) { fprintf(stderr, "trace: %s\n", line.c_str()); });
+    }
+    installInterruptHandler();
+    TAVO::Backup::Repository repository = makeRepository(inv.destination);
+    std::unique_ptr<TAVO::Backup::TransferAgent> agent = module.makeAgent(repository);
+    if (!agent) return reportProblem("the plug-in made no transfer agent", kExitError);
+    agent->setTargetId(inv.destination.target);
+    agent->setTransferOption(TAVO::Backup::Task(inv.destination.target));
+    agent->setCancelHook(interrupted);
+    if (!agent->isValid()) {
+        return reportProblem("destination settings are incomplete (container, refresh token)",
+                             kExitUsage);
+    }
+    Session session{*agent, inv.destination, inv.args};
+    int rc = inv.command->run(session);
+    // Keep what the node cache learned, as the engine does at the end of a run.
+    if (rc == kExitOk && inv.args.action != "drop") agent->flushCache();
+    if (interrupted()) rc = kExitCanceled;
+    return rc;
+}
+
+int parseAndRun(int argc, char** argv) {
+    Invocation inv;
+    inv.destination.plugin = defaultPluginPath();
+    CLI::App app(
+        "Stores, fetches and examines backup files in Google Drive through the "
+        "storage plug-in, as the backup engine does.",
+        "gdrive_host");
+    app.footer(kExitCodes);
+    app.set_version_flag("--version", "gdrive_host " TOOL_VERSION);
+    app.require_subcommand(0, 1);
+    // Catches a first word that names no command, so that the message can name it.
+    std::string unknown;
+    app.add_option("COMMAND", unknown)->group("");
+    addDestinationOptions(app, inv.destination);
+    app.add_flag("-v,--verbose", inv.verbose, "show the plug-in's log lines and operation trace");
+    app.add_flag("-q,--quiet", inv.args.quiet, "no progress line and no summary");
+
+    CLI::App* help = app.add_subcommand("help", "describe a command");
+    help->add_option("COMMAND", inv.helpTopic);
+    for (Command const& command : commandTable()) {
+        CLI::App* sub = app.add_subcommand(command.name, command.summary);
+        command.define(*sub, inv.args);
+        sub->callback([&inv, &command] { inv.command = &command; });
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& e) {
+        int rc = app.exit(e);
+        return rc == 0 ? kExitOk : kExitUsage;
+    }
+    if (!unknown.empty()) return reportProblem("no command named " + unknown, kExitUsage);
+    if (!inv.command && !help->parsed()) {
+        return reportProblem("a command is needed; see gdrive_host --help", kExitUsage);
+    }
+    if (help->parsed()) {
+        if (inv.helpTopic.empty()) {
+            std::cout << app.help();
+            return kExitOk;
+        }
+        for (CLI::App* sub : app.get_subcommands({})) {
+            if (sub->get_name() == inv.helpTopic) {
+                std::cout << sub->help();
+                return kExitOk;
+            }
+        }
+        return reportProblem("no command named " + inv.helpTopic, kExitUsage);
+    }
+    return runCommand(inv);
+}
+
+}  // namespace
+}  // namespace gdhost
+
+int main(int argc, char** argv) {
+    try {
+        return gdhost::parseAndRun(argc, argv);
+    } catch (std::exception const& e) {
+        return gdhost::reportProblem(e.what(), gdhost::kExitError);
+    }
+}

@@ -1,0 +1,66 @@
+#include "output_format.h"
+
+#include <json/writer.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <memory>
+
+namespace gdhost {
+
+std::string humanBytes(int64_t bytes) {
+    static char const* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
+    if (bytes < 1024) return std::to_string(bytes) + " B";
+    double value = static_cast<double>(bytes);
+    size_t unit = 0;
+    while (value >= 1024 && unit + 1 < sizeof kUnits / sizeof kUnits[0]) {
+        value /= 1024;
+        ++unit;
+    }
+    char text[32];
+    snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
+    return text;
+}
+
+std::string readableTime(int64_t epochSeconds) {
+    time_t seconds = static_cast<time_t>(epochSeconds);
+    struct tm local;
+    char text[32] = "-";
+    if (localtime_r(&seconds, &local)) strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+Json::Value entryJson(TAVO::Backup::FileInfo const& info, std::string const& name) {
+    Json::Value entry(Json::objectValue);
+    entry["name"] = name;
+    entry["type"] = info.isDirType() ? "folder" : "file";
+    entry["size"] = static_cast<Json::Int64>(info.getSize());
+    entry["mtime"] = static_cast<Json::Int64>(info.getMtime());
+    entry["modified"] = readableTime(info.getMtime());
+    if (!info.isDirType()) entry["md5"] = info.getChecksum();
+    return entry;
+}
+
+void printLongHeader() {
+    printf("%-6s %14s  %-19s  %-32s  %s\n", "TYPE", "SIZE", "MODIFIED", "MD5", "NAME");
+}
+
+void printLongLine(TAVO::Backup::FileInfo const& info, std::string const& name) {
+    bool folder = info.isDirType();
+    printf("%-6s %14" PRId64 "  %-19s  %-32s  %s%s\n", folder ? "folder" : "file",
+           static_cast<int64_t>(info.getSize()), readableTime(info.getMtime()).c_str(),
+           folder ? "-" : info.getChecksum().c_str(), name.c_str(), folder ? "/" : "");
+}
+
+void printJson(Json::Value const& document) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    builder["emitUTF8"] = true;
+    std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
+    writer->write(document, &std::cout);
+    std::cout << std::endl;
+}
+
+}  // namespace gdhost

@@ -1,0 +1,32 @@
+// How the tool writes what it found: human units, readable times, listing
+// lines and JSON documents.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <string>
+
+#include "backup/file_info.h"
+
+namespace gdhost {
+
+// "0 B", "512 B", "1.5 KiB", "3.2 GiB": one decimal above 1 KiB.
+std::string humanBytes(int64_t bytes);
+
+// Local time as "YYYY-MM-DD HH:MM:SS".
+std::string readableTime(int64_t epochSeconds);
+
+// One JSON object for an entry: name, type ("file"/"folder"), size, mtime
+// (epoch seconds), modified (readable), md5 (files only).
+Json::Value entryJson(TAVO::Backup::FileInfo const& info, std::string const& name);
+
+// The header of `ls -l`, then one line per entry: type, size, time, md5, name
+// (the name last, whole, spaces included).
+void printLongHeader();
+void printLongLine(TAVO::Backup::FileInfo const& info, std::string const& name);
+
+// Writes `document` to stdout, indented, followed by a line feed.
+void printJson(Json::Value const& document);
+
+}  // namespace gdhost

@@ -1,0 +1,74 @@
+#include "progress_line.h"
+
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "output_format.h"
+#include "stderr_filter.h"
+
+namespace gdhost {
+
+namespace {
+
+// A terminal that understands carriage return and erase-line.
+bool smartTerminal() {
+    char const* term = getenv("TERM");
+    return isatty(fileno(liveOutput())) && term && strcmp(term, "dumb") != 0;
+}
+
+}  // namespace
+
+ProgressLine::ProgressLine(std::string verb, int64_t totalBytes, int64_t totalFiles, bool quiet)
+    : _verb(std::move(verb)),
+      _total_bytes(totalBytes),
+      _total_files(totalFiles),
+      _live(!quiet && smartTerminal()),
+      _quiet(quiet) {}
+
+void ProgressLine::addBytes(int64_t bytes) {
+    _bytes += bytes;
+    draw(false);
+}
+
+void ProgressLine::fileDone(int64_t bytes) {
+    _bytes += bytes;
+    ++_files;
+    draw(false);
+}
+
+double ProgressLine::seconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - _start).count();
+}
+
+void ProgressLine::draw(bool force) {
+    if (!_live) return;
+    auto now = std::chrono::steady_clock::now();
+    if (!force && now - _drawn < std::chrono::milliseconds(200)) return;
+    _drawn = now;
+    double elapsed = seconds();
+    double rate = elapsed > 0 ? _bytes / elapsed : 0;
+    std::string eta = "-";
+    if (rate > 0 && _total_bytes > _bytes) {
+        eta = std::to_string(static_cast<int64_t>((_total_bytes - _bytes) / rate)) + " s";
+    }
+    fprintf(liveOutput(), "\r\033[K%s %s / %s, %" PRId64 "/%" PRId64 " files, %s/s, ETA %s",
+            _verb.c_str(), humanBytes(_bytes).c_str(), humanBytes(_total_bytes).c_str(), _files,
+            _total_files, humanBytes(static_cast<int64_t>(rate)).c_str(), eta.c_str());
+    fflush(liveOutput());
+}
+
+void ProgressLine::finish(std::string const& extra) {
+    if (_live) fprintf(liveOutput(), "\r\033[K");
+    if (_quiet) return;
+    double elapsed = seconds();
+    printf("%s %s in %" PRId64 " file%s%s, %.1f s, %s/s\n", _verb.c_str(),
+           humanBytes(_bytes).c_str(), _files, _files == 1 ? "" : "s", extra.c_str(), elapsed,
+           humanBytes(static_cast<int64_t>(elapsed > 0 ? _bytes / elapsed : 0)).c_str());
+    fflush(stdout);
+}
+
+}  // namespace gdhost

@@ -1,0 +1,44 @@
+// Progress of a transfer or a whole tree: on a terminal one live line on
+// stderr, rewritten in place (bytes, files, rate, ETA); otherwise silent until
+// the summary.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace gdhost {
+
+class ProgressLine {
+  public:
+    // `verb` names what happens ("sent", "received"); `quiet` silences the
+    // live line and the summary.
+    ProgressLine(std::string verb, int64_t totalBytes, int64_t totalFiles, bool quiet);
+
+    // Counts `bytes` more moved; redraws at most five times a second.
+    void addBytes(int64_t bytes);
+    // Counts one more file done (`bytes` of it not yet reported by addBytes).
+    void fileDone(int64_t bytes);
+    // Clears the live line and prints the summary on stdout, with `extra`
+    // appended (e.g. ", 12 unchanged").
+    void finish(std::string const& extra);
+
+    int64_t bytes() const { return _bytes; }
+    int64_t files() const { return _files; }
+
+  private:
+    void draw(bool force);
+    double seconds() const;
+
+    std::string _verb;
+    int64_t _total_bytes;
+    int64_t _total_files;
+    bool _live;
+    bool _quiet;
+    int64_t _bytes = 0;
+    int64_t _files = 0;
+    std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point _drawn{};
+};
+
+}  // namespace gdhost

@@ -1,0 +1,88 @@
+#include "remote_tree.h"
+
+#include <algorithm>
+#include <list>
+#include <sstream>
+
+#include "backup/error.h"
+#include "interrupt.h"
+
+namespace gdhost {
+
+using namespace TAVO::Backup;
+
+std::string remotePath(std::string const& typed) {
+    std::stringstream parts(typed);
+    std::string part, path;
+    while (std::getline(parts, part, '/')) {
+        if (part.empty() || part == ".") continue;
+        path = joinPath(path, part);
+    }
+    return path;
+}
+
+std::string joinPath(std::string const& a, std::string const& b) {
+    if (a.empty()) return b;
+    if (b.empty()) return a;
+    return a + "/" + b;
+}
+
+namespace {
+
+bool walkFolder(TransferAgent& agent, std::string const& top, std::string const& folder,
+                FolderVisitor const& visit, bool recursive) {
+    if (interrupted()) {
+        setError(ERR_CANCELED);
+        return false;
+    }
+    std::list<FileInfo> listed;
+    if (!agent.listDir(joinPath(top, folder), listed)) return false;
+    std::vector<FileInfo> children(listed.begin(), listed.end());
+    std::sort(children.begin(), children.end(),
+              [](FileInfo const& a, FileInfo const& b) { return a.getRpath() < b.getRpath(); });
+    if (!visit(folder, children)) {
+        setError(ERR_GENERAL);
+        return false;
+    }
+    for (size_t i = 0; i < children.size(); ++i) {
+        std::string const& name = children[i].getRpath();
+        bool shared = (i > 0 && children[i - 1].getRpath() == name) ||
+                      (i + 1 < children.size() && children[i + 1].getRpath() == name);
+        if (recursive && children[i].isDirType() && !shared &&
+            !walkFolder(agent, top, joinPath(folder, name), visit, true)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool walkRemoteTree(TransferAgent& agent, std::string const& top, FolderVisitor const& visit,
+                    bool recursive) {
+    return walkFolder(agent, top, "", visit, recursive);
+}
+
+bool remoteEntries(TransferAgent& agent, std::string const& top, bool missingIsEmpty,
+                   std::map<std::string, FileInfo>& entries) {
+    bool ok = walkRemoteTree(agent, top,
+                             [&](std::string const& folder, std::vector<FileInfo> const& children) {
+                                 for (auto const& child : children)
+                                     entries[joinPath(folder, child.getRpath())] = child;
+                                 return true;
+                             });
+    return ok || (missingIsEmpty && getError() == ERR_REMOTE_NOT_FOUND);
+}
+
+bool makeRemoteFolders(TransferAgent& agent, std::string const& path) {
+    std::string prefix;
+    std::stringstream parts(path);
+    std::string part;
+    while (std::getline(parts, part, '/')) {
+        prefix = joinPath(prefix, part);
+        if (!agent.createDir(prefix)) return false;
+    }
+    return true;
+}
+
+}  // namespace gdhost

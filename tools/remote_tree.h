@@ -1,0 +1,46 @@
+// Walking a folder tree of the backup target through the agent's listDir,
+// which, unlike listDirRecursive, also shows folders (empty ones included)
+// and lists a folder whose children share a name.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "backup/transfer_agent.h"
+
+namespace gdhost {
+
+// Called once per folder, parents first, with the folder's path relative to
+// the walk's top ("" for the top) and its children sorted by name; returning
+// false stops the walk.
+typedef std::function<bool(std::string const& folder,
+                           std::vector<TAVO::Backup::FileInfo> const& children)>
+    FolderVisitor;
+
+// Target-relative form of a path typed by a person: no leading, trailing or
+// repeated slashes, "." meaning the top.
+std::string remotePath(std::string const& typed);
+
+// Walks the tree below the target-relative folder `top`. Folders whose name
+// appears twice in their parent are listed but not entered: a path cannot
+// name them. False with the engine's error code set when a listing fails,
+// the visitor stops the walk (ERR_GENERAL) or an interrupt came (ERR_CANCELED).
+// Without `recursive` only `top` itself is listed.
+bool walkRemoteTree(TAVO::Backup::TransferAgent& agent, std::string const& top,
+                    FolderVisitor const& visit, bool recursive = true);
+
+// Every entry below `top` by its path relative to `top`. A missing `top`
+// gives an empty map and true when `missingIsEmpty`.
+bool remoteEntries(TAVO::Backup::TransferAgent& agent, std::string const& top, bool missingIsEmpty,
+                   std::map<std::string, TAVO::Backup::FileInfo>& entries);
+
+// Creates the folder `path` and every missing parent. False with the engine's
+// error code set on the first failure.
+bool makeRemoteFolders(TAVO::Backup::TransferAgent& agent, std::string const& path);
+
+// "a/b" joined with "c" as "a/b/c"; an empty side is left out.
+std::string joinPath(std::string const& a, std::string const& b);
+
+}  // namespace gdhost
