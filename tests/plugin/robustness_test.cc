@@ -303,7 +303,7 @@ TEST_F(RobustnessTest, IllTypedAnswersFailTheOperationNotTheEngine) {
          [&] { return agent->isExist("f"); }},
         {"getObjectMeta", R"({"success":true,"id":"x","properties":{"size":"big"}})",
          [&] { return agent->isExist("f"); }},
-        {"downloadFile", R"({"success":true,"complete":false,"progress":"half"})",
+        {"downloadFile", R"({"success":true,"complete":"no"})",
          [&] { return agent->recvFile("f", local, [](long) { return true; }); }},
         {"createFolder", R"({"success":true,"complete":true})",
          [&] { return agent->createDir("d"); }},
