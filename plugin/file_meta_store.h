@@ -93,18 +93,19 @@ class FileMetaStore {
     bool removeTree(std::string const& id);
 
     // Replaces the content by that of the cache file at `path`, one JSON
-    // object per line; lines that do not parse are skipped. A missing file
-    // gives an empty store. Afterwards the store is clean and remembers
-    // `path` for save(""). Returns false, the store untouched, when root
-    // privileges or the open fail (other than a missing file). A line of the
-    // wrong JSON types raises JsonCpp's exception; the store then holds the
-    // lines read before it.
+    // object per line; lines that do not parse or whose members have the
+    // wrong JSON types are skipped, and a read error ends the file there
+    // (logged). A missing file gives an empty store. Afterwards the store is
+    // clean and remembers `path` for save(""). Returns false, the store
+    // untouched, when root privileges or the open fail (other than a missing
+    // file). Only memory exhaustion throws, leaving the lines read before.
     bool load(std::string const& path);
     // When dirty, writes every record to a temporary file beside `path` (the
-    // path of the last load when empty) with root privileges and renames it
-    // into place; the store is clean afterwards. A clean store writes nothing.
-    // Returns false on failure, leaving the old file, no temporary file, and
-    // the store dirty.
+    // path of the last load when empty) with root privileges, checks every
+    // write, syncs it, renames it into place (replacing an empty folder
+    // there too) and syncs the folder; the store is clean afterwards. A clean
+    // store writes nothing. Returns false on any failure, logged, leaving the
+    // old file, no temporary file, and the store dirty.
     bool save(std::string const& path);
     // Writes the records, as in the file, and the index to `stream`, for
     // debugging. Returns true.
@@ -142,6 +143,7 @@ class FileMetaStore {
     void setIndex(std::string_view parentId, std::string_view name, std::string_view id);
     void eraseRecord(RecordMap::iterator it);
     void eraseIndex(IndexMap::iterator it);
+    bool writeRecords(FILE* file);
     static size_t lineCapacity(RecordMap::value_type const& entry);
     static char* writeLine(char* out, RecordMap::value_type const& entry);
 

@@ -246,6 +246,10 @@ bool FileMetaStore::load(std::string const& path) {
         throw;
     }
     loader.finish();
+    // A read error (a folder in the file's place, a bad disk) ends the file
+    // early: what was read stays, and the next save replaces the file.
+    if (ferror(file.get()))
+        syslog(LOG_ERR, "%s:%d read failed, %m [%s]", kLogSource, __LINE__, path.c_str());
     file.reset();
     _path = path;
     _dirty = false;

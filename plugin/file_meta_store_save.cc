@@ -1,6 +1,9 @@
 // Writing the node cache file, and the debugging dump.
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -22,7 +25,8 @@ char const kLogSource[] = "file_meta_store";
 // Lines are gathered in memory and written in pieces of about this size.
 size_t const kWriteChunk = size_t(1) << 20;
 
-// Gathers text in a buffer and hands it to a stream in large pieces.
+// Gathers text in a buffer and hands it to a stream in large pieces. The
+// first failed write is remembered; later ones are not attempted.
 class ChunkWriter {
   public:
     explicit ChunkWriter(FILE* stream) : _stream(stream), _buffer(kWriteChunk) {}
@@ -44,16 +48,44 @@ class ChunkWriter {
         if (!text.empty()) memcpy(out, text.data(), text.size());
         commit(out + text.size());
     }
-    void flush() {
-        if (_used) fwrite(_buffer.data(), 1, _used, _stream);
+    // False once any write has failed; errno then tells why.
+    bool flush() {
+        if (_used && _good) _good = fwrite(_buffer.data(), 1, _used, _stream) == _used;
         _used = 0;
+        return _good;
     }
 
   private:
     FILE* _stream;
     std::vector<char> _buffer;
     size_t _used = 0;
+    bool _good = true;
 };
+
+// Syncs the folder that holds `path`, so that a rename into it survives a
+// power cut. Returns false with errno set on failure.
+bool syncFolderOf(std::string const& path) {
+    size_t slash = path.rfind('/');
+    std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool synced = fsync(fd) == 0;
+    int savedErrno = errno;
+    close(fd);
+    errno = savedErrno;
+    return synced;
+}
+
+// rename(), except that an empty folder in the target's place, which no
+// cache file can be read from, is replaced too.
+bool renameOnto(ScopedTempFile& temp, std::string const& target) {
+    if (temp.rename(target)) return true;
+    if (errno != EISDIR) return false;
+    int renameErrno = errno;
+    if (rmdir(target.c_str()) == 0 && temp.rename(target)) return true;
+    errno = renameErrno;
+    return false;
+}
 
 }  // namespace
 
@@ -79,20 +111,43 @@ bool FileMetaStore::save(std::string const& path) {
         syslog(LOG_ERR, "%s:%d open failed, %m [%s]", kLogSource, __LINE__, path.c_str());
         return false;
     }
-    // Write errors are not examined: a short file only costs later lookups a
-    // request to the service.
-    {
-        ChunkWriter out(file);
-        for (auto const& entry : _records)
-            out.commit(writeLine(out.reserve(lineCapacity(entry)), entry));
+    // Every step is checked: nothing goes into place that is not complete
+    // on disk. On failure the temporary file goes with `temp`.
+    bool written = writeRecords(file);
+    if (!written)
+        syslog(LOG_ERR, "%s:%d write failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+    if (written && fflush(file) != 0) {
+        syslog(LOG_ERR, "%s:%d flush failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+        written = false;
     }
-    fclose(file);
-    if (!temp.rename(target)) {
+    if (written && fsync(fileno(file)) != 0) {
+        syslog(LOG_ERR, "%s:%d sync failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+        written = false;
+    }
+    if (fclose(file) != 0 && written) {
+        syslog(LOG_ERR, "%s:%d close failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+        written = false;
+    }
+    if (!written) return false;
+    if (!renameOnto(temp, target)) {
         syslog(LOG_ERR, "%s:%d rename failed, %m, [%s]", kLogSource, __LINE__, path.c_str());
+        return false;
+    }
+    // The new file is in place but may not survive a power cut: stay dirty
+    // so that the next save writes it again.
+    if (!syncFolderOf(target)) {
+        syslog(LOG_ERR, "%s:%d folder sync failed, %m [%s]", kLogSource, __LINE__, path.c_str());
         return false;
     }
     _dirty = false;
     return true;
+}
+
+bool FileMetaStore::writeRecords(FILE* file) {
+    ChunkWriter out(file);
+    for (auto const& entry : _records)
+        out.commit(writeLine(out.reserve(lineCapacity(entry)), entry));
+    return out.flush();
 }
 
 size_t FileMetaStore::lineCapacity(RecordMap::value_type const& entry) {
