@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "file_meta_store_pool.h"
+#include "file_meta_store_tables.h"
 #include "googledrive_meta.h"
 
 namespace TAVO {
@@ -18,7 +18,7 @@ namespace Backup {
 namespace GoogleDriveTA {
 namespace internal {
 struct RecordView;
-}
+}  // namespace internal
 
 // What the cache keeps of one object.
 class FileMetaRecord {
@@ -116,47 +116,81 @@ class FileMetaStore {
     // The path of the last load (or of the missing file it found).
     std::string const& getPath() const { return _path; }
     // Number of records.
-    size_t size() const { return _records.size(); }
+    size_t size() const { return _live_records; }
 
   private:
     class BulkLoader;
+    using Record = internal::Record;
+    using IndexEntry = internal::IndexEntry;
+    using RecordOverlay = std::map<internal::TextRef, Record, internal::IdOrder>;
+    using IndexOverlay = std::map<internal::IndexKey, internal::TextRef, internal::IndexOrder>;
 
-    using PoolString = internal::PoolString;
-    using ParentSet =
-        std::set<PoolString, internal::StringLess, internal::PoolAllocator<PoolString>>;
-    // FileMetaRecord's content, in the store's own memory.
-    struct PooledRecord {
-        explicit PooledRecord(internal::PoolAllocator<PoolString> const& alloc) : parents(alloc) {}
-        ParentSet parents;
-        PoolString name;
-        bool isDir = true;
-    };
-    using RecordMap = std::map<PoolString, PooledRecord, internal::StringLess,
-                               internal::PoolAllocator<std::pair<PoolString const, PooledRecord>>>;
-    using IndexMap =
-        std::map<internal::IndexKey, PoolString, internal::IndexLess,
-                 internal::PoolAllocator<std::pair<internal::IndexKey const, PoolString>>>;
+    std::string_view text(internal::TextRef ref) const { return _text.view(ref); }
+    template <class Visit>
+    void forEachParent(Record const& record, Visit visit) const;
+    template <class Visit>
+    void forEachRecord(Visit visit) const;
 
+    Record* slotOf(std::string_view id);
+    Record const* liveRecord(std::string_view id) const;
+    internal::TextRef* entryOf(uint32_t parent, std::string_view name);
+    internal::TextRef const* entryOf(uint32_t parent, std::string_view name) const;
+    bool findById(std::string_view id, GoogleDrive::FileMeta& meta) const;
+    bool sameRecord(Record const& record, internal::RecordView const& view) const;
+    void setParents(Record& record, std::vector<std::string_view> const& parents);
+    void dropParent(Record& record, uint32_t parent);
     bool insertView(internal::RecordView const& record);
     bool removeId(std::string_view id);
     bool removePlacement(std::string_view parentId, std::string_view name);
-    void setIndex(std::string_view parentId, std::string_view name, std::string_view id);
-    void eraseRecord(RecordMap::iterator it);
-    void eraseIndex(IndexMap::iterator it);
+    void setIndex(uint32_t parent, internal::TextRef name, internal::TextRef id);
+    void eraseIndex(uint32_t parent, std::string_view name);
+    void eraseRecord(Record* record);
+    void mergeWhenLarge();
+    void merge();
+    void indexParents();
     bool writeRecords(FILE* file);
-    static size_t lineCapacity(RecordMap::value_type const& entry);
-    static char* writeLine(char* out, RecordMap::value_type const& entry);
-
-    // Holds every node and string of the maps below, so it is declared first
-    // and outlives them.
-    internal::StorePool _pool;
+    size_t lineCapacity(Record const& record) const;
+    char* writeLine(char* out, Record const& record) const;
 
     std::string _path;
     bool _dirty;
     bool _loading;
-    RecordMap _records;
-    IndexMap _index;
+    internal::TextArena _text;
+    internal::ParentTable _parents;
+    // Records sorted by id, as the file lists them, then the ones added since
+    // the last merge. An id is in one of the two at most.
+    std::vector<Record> _records;
+    RecordOverlay _new_records;
+    std::vector<uint32_t> _parent_lists;  // of records with several parents
+    // Index entries sorted by (parent number, name), where the entries of
+    // parent p start at _index_begin[p]; then the entries added since the
+    // last merge. A key is in one of the two at most.
+    std::vector<IndexEntry> _index;
+    std::vector<uint32_t> _index_begin;
+    IndexOverlay _new_index;
+    size_t _live_records;
+    size_t _live_entries;
+    size_t _dead_rows;  // erased rows of _records and _index
 };
+
+template <class Visit>
+inline void FileMetaStore::forEachParent(Record const& record, Visit visit) const {
+    if (record.parentCount == 1) return visit(record.parents);
+    for (uint32_t i = 0; i < record.parentCount; ++i) visit(_parent_lists[record.parents + i]);
+}
+
+template <class Visit>
+inline void FileMetaStore::forEachRecord(Visit visit) const {
+    auto added = _new_records.begin();
+    for (Record const& record : _records) {
+        if (record.dead) continue;
+        std::string_view id = text(record.id);
+        for (; added != _new_records.end() && text(added->first) < id; ++added)
+            visit(added->second);
+        visit(record);
+    }
+    for (; added != _new_records.end(); ++added) visit(added->second);
+}
 
 }  // namespace GoogleDriveTA
 }  // namespace Backup

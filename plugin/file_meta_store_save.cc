@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -18,7 +19,7 @@ namespace TAVO {
 namespace Backup {
 namespace GoogleDriveTA {
 
-using internal::PoolString;
+using internal::TextRef;
 
 namespace {
 char const kLogSource[] = "file_meta_store";
@@ -144,38 +145,40 @@ bool FileMetaStore::save(std::string const& path) {
 }
 
 bool FileMetaStore::writeRecords(FILE* file) {
+    // Written from the sorted rows alone, in the order the file keeps.
+    merge();
     ChunkWriter out(file);
-    for (auto const& entry : _records)
-        out.commit(writeLine(out.reserve(lineCapacity(entry)), entry));
+    for (Record const& record : _records)
+        out.commit(writeLine(out.reserve(lineCapacity(record)), record));
     return out.flush();
 }
 
-size_t FileMetaStore::lineCapacity(RecordMap::value_type const& entry) {
-    size_t bytes = 32 + internal::quotedCapacity(entry.first.view().size()) +
-                   internal::quotedCapacity(entry.second.name.view().size());
-    for (PoolString parent : entry.second.parents)
-        bytes += 1 + internal::quotedCapacity(parent.view().size());
+size_t FileMetaStore::lineCapacity(Record const& record) const {
+    size_t bytes = 32 + internal::quotedCapacity(text(record.id).size()) +
+                   internal::quotedCapacity(text(record.name).size());
+    forEachParent(record, [&](uint32_t parent) {
+        bytes += 1 + internal::quotedCapacity(text(_parents.textOf(parent)).size());
+    });
     return bytes;
 }
 
-char* FileMetaStore::writeLine(char* out, RecordMap::value_type const& entry) {
+char* FileMetaStore::writeLine(char* out, Record const& record) const {
     // The bytes _meta_to_str() gives: members in key order d, i, n, p.
     auto put = [&out](std::string_view text) {
         memcpy(out, text.data(), text.size());
         out += text.size();
     };
-    PooledRecord const& record = entry.second;
     put(record.isDir ? "{\"d\":true,\"i\":" : "{\"d\":false,\"i\":");
-    out = internal::writeQuoted(out, entry.first.view());
+    out = internal::writeQuoted(out, text(record.id));
     put(",\"n\":");
-    out = internal::writeQuoted(out, record.name.view());
+    out = internal::writeQuoted(out, text(record.name));
     put(",\"p\":[");
     bool first = true;
-    for (PoolString parent : record.parents) {
+    forEachParent(record, [&](uint32_t parent) {
         if (!first) *out++ = ',';
         first = false;
-        out = internal::writeQuoted(out, parent.view());
-    }
+        out = internal::writeQuoted(out, text(_parents.textOf(parent)));
+    });
     put("]}\n");
     return out;
 }
@@ -183,15 +186,30 @@ char* FileMetaStore::writeLine(char* out, RecordMap::value_type const& entry) {
 bool FileMetaStore::dump(FILE* stream) const {
     ChunkWriter out(stream);
     out.write("[record]\n");
-    for (auto const& entry : _records)
-        out.commit(writeLine(out.reserve(lineCapacity(entry)), entry));
+    forEachRecord([&](Record const& record) {
+        out.commit(writeLine(out.reserve(lineCapacity(record)), record));
+    });
     out.write("[index]\n");
-    for (auto const& entry : _index) {
-        out.write(entry.first.parent.view());
+    // In the byte order of the parent ids, not of their numbers.
+    struct Line {
+        std::string_view parent, name, id;
+    };
+    std::vector<Line> index;
+    auto add = [&](uint32_t parent, TextRef name, TextRef id) {
+        if (id != internal::kNoText)
+            index.push_back({text(_parents.textOf(parent)), text(name), text(id)});
+    };
+    for (IndexEntry const& entry : _index) add(entry.parent, entry.name, entry.id);
+    for (auto const& [key, id] : _new_index) add(key.parent, key.name, id);
+    std::sort(index.begin(), index.end(), [](Line const& a, Line const& b) {
+        return a.parent != b.parent ? a.parent < b.parent : a.name < b.name;
+    });
+    for (Line const& line : index) {
+        out.write(line.parent);
         out.write(",");
-        out.write(entry.first.name.view());
+        out.write(line.name);
         out.write(" -> ");
-        out.write(entry.second.view());
+        out.write(line.id);
         out.write("\n");
     }
     return true;
