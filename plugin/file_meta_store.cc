@@ -45,7 +45,7 @@ namespace {
 // or a quarter as many as the sorted rows, whichever is more: each merge
 // costs a pass over the rows, so a store that only grows merges about as
 // often as a vector doubles.
-size_t const kMinMerge = 4096;
+size_t const kMinMerge = 1024;
 }  // namespace
 
 FileMetaStore::FileMetaStore()
