@@ -145,11 +145,12 @@ bool FileMetaStore::save(std::string const& path) {
 }
 
 bool FileMetaStore::writeRecords(FILE* file) {
-    // Written from the sorted rows alone, in the order the file keeps.
-    merge();
+    // The overlay is walked beside the sorted rows, not merged into them:
+    // a save after a few changes then costs no more than the writing.
     ChunkWriter out(file);
-    for (Record const& record : _records)
+    forEachRecord([&](Record const& record) {
         out.commit(writeLine(out.reserve(lineCapacity(record)), record));
+    });
     return out.flush();
 }
 
