@@ -219,8 +219,9 @@ TEST_F(NodeCacheTest, RandomOperationsMatchThePlainModel) {
         unsigned kind = pick(1000);
         std::string target = id(kind < 950 ? 20000 : 40), in = parent(), called = name();
         FileMeta meta;
-        if (kind < 500) {
-            FileMetaRecord added = record();
+        if (kind < 500) {  // half of them repeat what the store holds
+            auto held = model.records.find(target);
+            FileMetaRecord added = held != model.records.end() && pick(2) ? held->second : record();
             model.insert(target, added);
             ASSERT_TRUE(store.insert(target, added));
         } else if (kind < 550) {  // what find() gives back need not be kept
@@ -251,7 +252,7 @@ TEST_F(NodeCacheTest, RandomOperationsMatchThePlainModel) {
             ASSERT_TRUE(store.save(path("cache.node")));
             model.dirty = false;
         }
-        if (op % 7000 == 6999) {
+        if (op % 5000 == 2499) {
             model.dirty |= !model.records.empty() || !model.index.empty();
             model.records.clear();
             model.index.clear();
