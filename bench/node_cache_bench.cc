@@ -6,6 +6,11 @@
 //                             insert per record into std::map/std::set/std::string
 //   BM_NodeCacheSave/N        FileMetaStore::save of N records
 //   BM_NodeCacheSaveNaive/N   one Json::Value and JsonCpp StreamWriter per record
+//   BM_NodeCacheFind/N        random lookups by (parent, name) and by id in a
+//                             loaded store, and BM_NodeCacheFindNaive/N in the
+//                             std::map reference
+//   BM_NodeCacheInsert/N      N new records (a listing) into a loaded 1M store,
+//                             and BM_NodeCacheInsertNaive/N
 //
 // Loads run in a fresh child process each (cold memory, as in an agent that
 // starts up). bytes_per_record is the growth of resident memory while the
@@ -17,6 +22,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -26,6 +32,8 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "file_meta_store.h"
 
@@ -227,6 +235,22 @@ class NaiveStore {
         return rename(temp.c_str(), path.c_str()) == 0;
     }
 
+    bool find(std::string const& id, FileMeta& meta) const {
+        auto it = _records.find(id);
+        if (it == _records.end()) return false;
+        FileMeta found;
+        found.id = id;
+        found.name = it->second.name;
+        found.parents = it->second.parents;
+        found.isDir = it->second.isDir;
+        meta = std::move(found);
+        return true;
+    }
+    bool find(std::string const& parent, std::string const& name, FileMeta& meta) const {
+        auto it = _index.find({parent, name});
+        return it != _index.end() && find(it->second, meta);
+    }
+
     size_t size() const { return _records.size(); }
 
   private:
@@ -313,6 +337,81 @@ void BM_NodeCacheSaveNaive(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * data.bytes));
 }
 
+// Every 10th record of the file, shuffled: the lookups of a warm agent.
+std::vector<FileMeta> const& sampleQueries(Dataset const& data) {
+    static std::vector<FileMeta> queries;
+    if (!queries.empty()) return queries;
+    std::ifstream in(data.file);
+    std::string line;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    for (size_t n = 0; std::getline(in, line); ++n) {
+        Json::Value value;
+        if (n % 10 != 0 || !reader->parse(line.data(), line.data() + line.size(), &value, nullptr))
+            continue;
+        FileMeta meta;
+        meta.id = value["i"].asString();
+        meta.name = value["n"].asString();
+        for (Json::Value const& parent : value["p"]) meta.parents.insert(parent.asString());
+        if (meta.parents.empty()) meta.parents.insert(std::string());
+        queries.push_back(meta);
+    }
+    std::shuffle(queries.begin(), queries.end(), std::mt19937(5));
+    return queries;
+}
+
+template <class Store>
+void runFind(benchmark::State& state) {
+    Dataset const& data = dataset(static_cast<size_t>(state.range(0)));
+    std::vector<FileMeta> const& queries = sampleQueries(data);
+    Store store;
+    store.load(data.file);
+    size_t hits = 0;
+    FileMeta meta;
+    for (auto _ : state) {
+        for (FileMeta const& query : queries) {
+            hits += store.find(*query.parents.begin(), query.name, meta);
+            hits += store.find(query.id, meta);
+        }
+    }
+    // Names shared in a folder miss by placement; everything else hits.
+    if (hits < state.iterations() * queries.size()) state.SkipWithError("lookups missed");
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * 2 * queries.size()));
+}
+
+void BM_NodeCacheFind(benchmark::State& state) { runFind<FileMetaStore>(state); }
+void BM_NodeCacheFindNaive(benchmark::State& state) { runFind<NaiveStore>(state); }
+
+// A listing's worth of new files in 100 of the existing folders; each
+// iteration inserts them and (untimed) removes them again.
+template <class Store>
+void runInsert(benchmark::State& state) {
+    Dataset const& data = dataset(1000000);
+    std::vector<FileMeta> const& queries = sampleQueries(data);
+    size_t const records = static_cast<size_t>(state.range(0));
+    std::vector<std::pair<std::string, FileMetaRecord>> listing;
+    DriveIds ids(7);
+    char name[32];
+    for (size_t i = 0; i < records; ++i) {
+        snprintf(name, sizeof name, "new.%zu", i);
+        std::string const& folder = *queries[i % 100].parents.begin();
+        listing.emplace_back(ids.next(), FileMetaRecord(folder, name, false));
+    }
+    Store store;
+    store.load(data.file);
+    for (auto _ : state) {
+        for (auto const& [id, record] : listing) store.insert(id, record);
+        state.PauseTiming();
+        if (store.size() != 1000000 + records) state.SkipWithError("inserts lost");
+        for (auto const& entry : listing) store.remove(entry.first);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * records));
+}
+
+void BM_NodeCacheInsert(benchmark::State& state) { runInsert<FileMetaStore>(state); }
+void BM_NodeCacheInsertNaive(benchmark::State& state) { runInsert<NaiveStore>(state); }
+
 // Times are the child's load alone (manual time); one iteration of a 1M
 // load already takes longer than the minimum time, so runs stay short.
 BENCHMARK(BM_NodeCacheLoad)
@@ -323,6 +422,10 @@ BENCHMARK(BM_NodeCacheLoad)
 BENCHMARK(BM_NodeCacheLoadNaive)->Arg(1000000)->Unit(benchmark::kMillisecond)->UseManualTime();
 BENCHMARK(BM_NodeCacheSave)->Arg(1000000)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_NodeCacheSaveNaive)->Arg(1000000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_NodeCacheFind)->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NodeCacheFindNaive)->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NodeCacheInsert)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NodeCacheInsertNaive)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -1,8 +1,8 @@
 // The node cache in memory: records by id and the (parent id, name) index.
 #include "file_meta_store.h"
 
+#include <algorithm>
 #include <set>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -13,10 +13,10 @@ namespace Backup {
 namespace GoogleDriveTA {
 
 using internal::IndexKey;
-using internal::IndexKeyView;
-using internal::PoolAllocator;
-using internal::PoolString;
+using internal::IndexProbe;
+using internal::kNoText;
 using internal::RecordView;
+using internal::TextRef;
 
 FileMetaRecord::FileMetaRecord() : isDir(true) {}
 
@@ -40,42 +40,93 @@ int FileMetaRecord::compare(FileMetaRecord const& other) const {
     return rest.empty() ? 0 : -1;
 }
 
+namespace {
+// The overlay is merged into the sorted rows once it holds this many rows,
+// or a quarter as many as the sorted rows, whichever is more: each merge
+// costs a pass over the rows, so a store that only grows merges about as
+// often as a vector doubles.
+size_t const kMinMerge = 1024;
+}  // namespace
+
 FileMetaStore::FileMetaStore()
     : _dirty(false),
       _loading(false),
-      _records(internal::StringLess(), PoolAllocator<RecordMap::value_type>(&_pool)),
-      _index(internal::IndexLess(), PoolAllocator<IndexMap::value_type>(&_pool)) {}
+      _new_records(internal::IdOrder{&_text}),
+      _new_index(internal::IndexOrder{&_text}),
+      _live_records(0),
+      _live_entries(0),
+      _dead_rows(0) {}
 
 FileMetaStore::~FileMetaStore() = default;
 
 void FileMetaStore::clear() {
-    if (!_records.empty() || !_index.empty()) _dirty = true;
-    // The nodes go back to the pool one by one; the strings, which the maps do
-    // not own, go with the pool's chunks.
-    _index.clear();
-    _records.clear();
-    _pool.release();
+    if (_live_records != 0 || _live_entries != 0) _dirty = true;
+    _new_records.clear();
+    _new_index.clear();
+    std::vector<Record>().swap(_records);
+    std::vector<IndexEntry>().swap(_index);
+    std::vector<uint32_t>().swap(_index_begin);
+    std::vector<uint32_t>().swap(_parent_lists);
+    _parents.clear();
+    _text.clear();
+    _live_records = _live_entries = _dead_rows = 0;
+}
+
+FileMetaStore::Record* FileMetaStore::slotOf(std::string_view id) {
+    auto it = std::lower_bound(
+        _records.begin(), _records.end(), id,
+        [this](Record const& r, std::string_view key) { return text(r.id) < key; });
+    if (it != _records.end() && text(it->id) == id) return &*it;
+    auto added = _new_records.find(id);
+    return added == _new_records.end() ? nullptr : &added->second;
+}
+
+FileMetaStore::Record const* FileMetaStore::liveRecord(std::string_view id) const {
+    Record const* record = const_cast<FileMetaStore*>(this)->slotOf(id);
+    return record && !record->dead ? record : nullptr;
+}
+
+TextRef* FileMetaStore::entryOf(uint32_t parent, std::string_view name) {
+    if (parent + 1 < _index_begin.size()) {
+        auto end = _index.begin() + _index_begin[parent + 1];
+        auto it = std::lower_bound(
+            _index.begin() + _index_begin[parent], end, name,
+            [this](IndexEntry const& e, std::string_view key) { return text(e.name) < key; });
+        if (it != end && text(it->name) == name) return &it->id;
+    }
+    auto added = _new_index.find(IndexProbe{parent, name});
+    return added == _new_index.end() ? nullptr : &added->second;
+}
+
+TextRef const* FileMetaStore::entryOf(uint32_t parent, std::string_view name) const {
+    return const_cast<FileMetaStore*>(this)->entryOf(parent, name);
 }
 
 bool FileMetaStore::find(std::string const& id, GoogleDrive::FileMeta& meta) const {
-    auto it = _records.find(std::string_view(id));
-    if (it == _records.end()) return false;
+    return findById(id, meta);
+}
+
+bool FileMetaStore::findById(std::string_view id, GoogleDrive::FileMeta& meta) const {
+    Record const* record = liveRecord(id);
+    if (!record) return false;
     // Built aside and moved in: `id` may be the caller's meta.id itself.
     GoogleDrive::FileMeta found;
-    found.id = id;
-    found.name = std::string(it->second.name.view());
-    for (PoolString parent : it->second.parents)
-        found.parents.emplace_hint(found.parents.end(), parent.view());
-    found.isDir = it->second.isDir;
+    found.id = std::string(id);
+    found.name = std::string(text(record->name));
+    forEachParent(*record, [&](uint32_t parent) {
+        found.parents.emplace_hint(found.parents.end(), text(_parents.textOf(parent)));
+    });
+    found.isDir = record->isDir;
     meta = std::move(found);
     return true;
 }
 
 bool FileMetaStore::find(std::string const& parentId, std::string const& name,
                          GoogleDrive::FileMeta& meta) const {
-    auto entry = _index.find(IndexKeyView{parentId, name});
-    if (entry == _index.end()) return false;
-    return find(std::string(entry->second.view()), meta);
+    uint32_t parent;
+    if (!_parents.find(parentId, _text, parent)) return false;
+    TextRef const* id = entryOf(parent, name);
+    return id && *id != kNoText && findById(text(*id), meta);
 }
 
 bool FileMetaStore::insert(std::string const& id, FileMetaRecord const& record) {
@@ -96,60 +147,105 @@ bool FileMetaStore::insert(GoogleDrive::FileMeta const& meta) {
     return insertView(view);
 }
 
-namespace {
-
-template <class Record>
-bool sameRecord(Record const& stored, RecordView const& view) {
-    if (stored.isDir != view.isDir || stored.name.view() != view.name) return false;
-    if (stored.parents.size() != view.parents.size()) return false;
+bool FileMetaStore::sameRecord(Record const& record, RecordView const& view) const {
+    if (bool(record.isDir) != view.isDir || text(record.name) != view.name) return false;
+    if (record.parentCount != view.parents.size()) return false;
     auto wanted = view.parents.begin();
-    for (PoolString parent : stored.parents) {
-        if (parent.view() != *wanted++) return false;
-    }
-    return true;
+    bool same = true;
+    forEachParent(record, [&](uint32_t parent) {
+        same = same && text(_parents.textOf(parent)) == *wanted++;
+    });
+    return same;
 }
 
-}  // namespace
+void FileMetaStore::setParents(Record& record, std::vector<std::string_view> const& parents) {
+    record.parentCount = static_cast<uint32_t>(parents.size());
+    if (parents.size() == 1) {
+        record.parents = _parents.intern(parents[0], _text);
+        return;
+    }
+    record.parents = static_cast<uint32_t>(_parent_lists.size());
+    for (std::string_view parent : parents) _parent_lists.push_back(_parents.intern(parent, _text));
+}
+
+void FileMetaStore::dropParent(Record& record, uint32_t parent) {
+    if (record.parentCount == 1) {
+        if (record.parents == parent) record.parentCount = 0;
+        return;
+    }
+    uint32_t* first = _parent_lists.data() + record.parents;
+    uint32_t* last = first + record.parentCount;
+    uint32_t* found = std::find(first, last, parent);
+    if (found == last) return;
+    std::copy(found + 1, last, found);
+    if (--record.parentCount == 1) record.parents = *first;
+}
 
 bool FileMetaStore::insertView(RecordView const& view) {
     // REQUIRES: view.parents ascending without repeats.
-    auto it = _records.lower_bound(view.id);
-    if (it != _records.end() && it->first.view() == view.id) {
-        if (sameRecord(it->second, view)) return true;
+    Record* slot = slotOf(view.id);
+    if (slot && !slot->dead) {
+        if (sameRecord(*slot, view)) return true;
         removeId(view.id);
-        it = _records.lower_bound(view.id);
+        slot = slotOf(view.id);
     }
-    it = _records.emplace_hint(it, std::piecewise_construct,
-                               std::forward_as_tuple(PoolString::make(_pool, view.id)),
-                               std::forward_as_tuple(PoolAllocator<PoolString>(&_pool)));
-    PooledRecord& record = it->second;
-    record.name = PoolString::make(_pool, view.name);
+    Record record{};
+    record.id = slot ? slot->id : _text.add(view.id);
+    record.name = _text.add(view.name);
     record.isDir = view.isDir;
-    for (std::string_view parent : view.parents)
-        record.parents.emplace_hint(record.parents.end(), PoolString::make(_pool, parent));
+    setParents(record, view.parents);
+    if (slot) {
+        *slot = record;
+        --_dead_rows;
+    } else {
+        _new_records.emplace(record.id, record);
+    }
+    ++_live_records;
 
     // The object inserted last takes over a shared (parent, name).
-    if (view.parents.empty()) setIndex(std::string_view(), view.name, view.id);
-    for (std::string_view parent : view.parents) setIndex(parent, view.name, view.id);
+    if (view.parents.empty())
+        setIndex(_parents.intern(std::string_view(), _text), record.name, record.id);
+    forEachParent(record, [&](uint32_t parent) { setIndex(parent, record.name, record.id); });
     _dirty = true;
+    mergeWhenLarge();
     return true;
 }
 
-void FileMetaStore::setIndex(std::string_view parentId, std::string_view name,
-                             std::string_view id) {
-    auto entry = _index.lower_bound(IndexKeyView{parentId, name});
-    if (entry != _index.end() && entry->first.parent.view() == parentId &&
-        entry->first.name.view() == name) {
-        if (entry->second.view() != id) {
-            PoolString old = entry->second;
-            entry->second = PoolString::make(_pool, id);
-            old.destroy(_pool);
-        }
+void FileMetaStore::setIndex(uint32_t parent, TextRef name, TextRef id) {
+    TextRef* entry = entryOf(parent, text(name));
+    if (!entry) {
+        _new_index.emplace(IndexKey{parent, name}, id);
+    } else if (*entry == kNoText) {
+        *entry = id;
+        --_dead_rows;
+    } else {
+        *entry = id;
         return;
     }
-    _index.emplace_hint(entry,
-                        IndexKey{PoolString::make(_pool, parentId), PoolString::make(_pool, name)},
-                        PoolString::make(_pool, id));
+    ++_live_entries;
+}
+
+void FileMetaStore::eraseIndex(uint32_t parent, std::string_view name) {
+    TextRef* entry = entryOf(parent, name);
+    if (!entry || *entry == kNoText) return;
+    auto added = _new_index.find(IndexProbe{parent, name});
+    if (added != _new_index.end()) {
+        _new_index.erase(added);
+    } else {
+        *entry = kNoText;
+        ++_dead_rows;
+    }
+    --_live_entries;
+}
+
+void FileMetaStore::eraseRecord(Record* record) {
+    --_live_records;
+    if (record >= _records.data() && record < _records.data() + _records.size()) {
+        record->dead = 1;
+        ++_dead_rows;
+        return;
+    }
+    _new_records.erase(record->id);
 }
 
 bool FileMetaStore::remove(std::string const& parentId, std::string const& name) {
@@ -157,22 +253,18 @@ bool FileMetaStore::remove(std::string const& parentId, std::string const& name)
 }
 
 bool FileMetaStore::removePlacement(std::string_view parentId, std::string_view name) {
-    auto entry = _index.find(IndexKeyView{parentId, name});
-    if (entry == _index.end()) return true;
-    auto it = _records.find(entry->second.view());
+    uint32_t parent;
+    if (!_parents.find(parentId, _text, parent)) return true;
+    TextRef const* entry = entryOf(parent, name);
+    if (!entry || *entry == kNoText) return true;
     // An entry under the empty parent id may name an object already removed
     // by id; it is then simply dropped.
-    if (it != _records.end()) {
-        ParentSet& parents = it->second.parents;
-        auto parent = parents.find(parentId);
-        if (parent != parents.end()) {
-            PoolString text = *parent;
-            parents.erase(parent);
-            text.destroy(_pool);
-        }
-        if (parents.empty()) eraseRecord(it);
+    Record* record = slotOf(text(*entry));
+    if (record && !record->dead) {
+        dropParent(*record, parent);
+        if (record->parentCount == 0) eraseRecord(record);
     }
-    eraseIndex(entry);
+    eraseIndex(parent, name);
     _dirty = true;
     return true;
 }
@@ -180,16 +272,13 @@ bool FileMetaStore::removePlacement(std::string_view parentId, std::string_view 
 bool FileMetaStore::remove(std::string const& id) { return removeId(id); }
 
 bool FileMetaStore::removeId(std::string_view id) {
-    auto it = _records.find(id);
-    if (it == _records.end()) return true;
+    Record* record = slotOf(id);
+    if (!record || record->dead) return true;
     // Erased whatever object the entries name by now. A record without
     // parents leaves its entry under the empty parent id in place.
-    std::string_view name = it->second.name.view();
-    for (PoolString parent : it->second.parents) {
-        auto entry = _index.find(IndexKeyView{parent.view(), name});
-        if (entry != _index.end()) eraseIndex(entry);
-    }
-    eraseRecord(it);
+    std::string_view name = text(record->name);
+    forEachParent(*record, [&](uint32_t parent) { eraseIndex(parent, name); });
+    eraseRecord(record);
     _dirty = true;
     return true;
 }
@@ -212,37 +301,72 @@ bool FileMetaStore::removeTree(std::string const& id) {
     while (!folders.empty()) {
         std::string folder = std::move(folders.back());
         folders.pop_back();
-        if (!visited.insert(folder).second) continue;
+        uint32_t parent;
+        if (!visited.insert(folder).second || !_parents.find(folder, _text, parent)) continue;
         // Collected first: removing a placement erases its index entry.
         std::vector<std::pair<std::string, std::string>> children;
-        for (auto entry = _index.lower_bound(IndexKeyView{folder, std::string_view()});
-             entry != _index.end() && entry->first.parent.view() == folder; ++entry)
-            children.emplace_back(entry->first.name.view(), entry->second.view());
+        if (parent + 1 < _index_begin.size()) {
+            for (uint32_t i = _index_begin[parent]; i < _index_begin[parent + 1]; ++i)
+                if (_index[i].id != kNoText)
+                    children.emplace_back(text(_index[i].name), text(_index[i].id));
+        }
+        for (auto it = _new_index.lower_bound(IndexProbe{parent, std::string_view()});
+             it != _new_index.end() && it->first.parent == parent; ++it)
+            children.emplace_back(text(it->first.name), text(it->second));
         for (auto const& [name, child] : children) {
-            bool known = _records.find(child) != _records.end();
+            bool known = liveRecord(child) != nullptr;
             removePlacement(folder, name);
-            if (known && _records.find(child) == _records.end()) folders.push_back(child);
+            if (known && !liveRecord(child)) folders.push_back(child);
         }
     }
     return true;
 }
 
-void FileMetaStore::eraseRecord(RecordMap::iterator it) {
-    PoolString id = it->first;
-    PoolString name = it->second.name;
-    for (PoolString parent : it->second.parents) parent.destroy(_pool);
-    _records.erase(it);
-    id.destroy(_pool);
-    name.destroy(_pool);
+void FileMetaStore::mergeWhenLarge() {
+    if (_loading) return;
+    size_t pending = _new_records.size() + _new_index.size() + _dead_rows;
+    if (pending >= std::max(kMinMerge, (_records.size() + _index.size()) / 4)) merge();
 }
 
-void FileMetaStore::eraseIndex(IndexMap::iterator it) {
-    IndexKey key = it->first;
-    PoolString id = it->second;
-    _index.erase(it);
-    key.parent.destroy(_pool);
-    key.name.destroy(_pool);
-    id.destroy(_pool);
+void FileMetaStore::merge() {
+    if (_new_records.empty() && _new_index.empty() && _dead_rows == 0) return;
+    std::vector<Record> records;
+    records.reserve(_live_records);
+    std::vector<uint32_t> lists;
+    forEachRecord([&](Record const& record) {
+        records.push_back(record);
+        if (record.parentCount < 2) return;
+        records.back().parents = static_cast<uint32_t>(lists.size());
+        forEachParent(record, [&](uint32_t parent) { lists.push_back(parent); });
+    });
+
+    std::vector<IndexEntry> index;
+    index.reserve(_live_entries);
+    internal::IndexOrder order{&_text};
+    auto added = _new_index.begin();
+    for (IndexEntry const& entry : _index) {
+        if (entry.id == kNoText) continue;
+        IndexKey key{entry.parent, entry.name};
+        for (; added != _new_index.end() && order(added->first, key); ++added)
+            index.push_back({added->first.parent, added->first.name, added->second});
+        index.push_back(entry);
+    }
+    for (; added != _new_index.end(); ++added)
+        index.push_back({added->first.parent, added->first.name, added->second});
+
+    _records.swap(records);
+    _parent_lists.swap(lists);
+    _index.swap(index);
+    _new_records.clear();
+    _new_index.clear();
+    _dead_rows = 0;
+    indexParents();
+}
+
+void FileMetaStore::indexParents() {
+    _index_begin.assign(_parents.size() + 1, 0);
+    for (IndexEntry const& entry : _index) ++_index_begin[entry.parent + 1];
+    for (size_t p = 1; p < _index_begin.size(); ++p) _index_begin[p] += _index_begin[p - 1];
 }
 
 }  // namespace GoogleDriveTA

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "file_meta_store_pool.h"
+#include "file_meta_store_tables.h"
 #include "googledrive_meta.h"
 
 namespace TAVO {
@@ -18,7 +18,7 @@ namespace Backup {
 namespace GoogleDriveTA {
 namespace internal {
 struct RecordView;
-}
+}  // namespace internal
 
 // What the cache keeps of one object.
 class FileMetaRecord {
@@ -41,7 +41,9 @@ class FileMetaRecord {
 // Objects by id, and the lookup of an object by (parent id, name). Drive lets
 // several objects share a name in one folder; the index then names the one
 // inserted last, and the others are found by id only. Not thread-safe; never
-// logs except in load and save.
+// logs except in load and save. Held in compact tables (about 80 bytes per
+// object for a large cache): sorted rows for what was loaded or last merged,
+// small ordered maps for what changed since.
 class FileMetaStore {
   public:
     FileMetaStore();
@@ -93,18 +95,19 @@ class FileMetaStore {
     bool removeTree(std::string const& id);
 
     // Replaces the content by that of the cache file at `path`, one JSON
-    // object per line; lines that do not parse are skipped. A missing file
-    // gives an empty store. Afterwards the store is clean and remembers
-    // `path` for save(""). Returns false, the store untouched, when root
-    // privileges or the open fail (other than a missing file). A line of the
-    // wrong JSON types raises JsonCpp's exception; the store then holds the
-    // lines read before it.
+    // object per line; lines that do not parse or whose members have the
+    // wrong JSON types are skipped, and a read error ends the file there
+    // (logged). A missing file gives an empty store. Afterwards the store is
+    // clean and remembers `path` for save(""). Returns false, the store
+    // untouched, when root privileges or the open fail (other than a missing
+    // file). Only memory exhaustion throws, leaving the lines read before.
     bool load(std::string const& path);
     // When dirty, writes every record to a temporary file beside `path` (the
-    // path of the last load when empty) with root privileges and renames it
-    // into place; the store is clean afterwards. A clean store writes nothing.
-    // Returns false on failure, leaving the old file, no temporary file, and
-    // the store dirty.
+    // path of the last load when empty) with root privileges, checks every
+    // write, syncs it, renames it into place (replacing an empty folder
+    // there too) and syncs the folder; the store is clean afterwards. A clean
+    // store writes nothing. Returns false on any failure, logged, leaving the
+    // old file, no temporary file, and the store dirty.
     bool save(std::string const& path);
     // Writes the records, as in the file, and the index to `stream`, for
     // debugging. Returns true.
@@ -115,46 +118,81 @@ class FileMetaStore {
     // The path of the last load (or of the missing file it found).
     std::string const& getPath() const { return _path; }
     // Number of records.
-    size_t size() const { return _records.size(); }
+    size_t size() const { return _live_records; }
 
   private:
     class BulkLoader;
+    using Record = internal::Record;
+    using IndexEntry = internal::IndexEntry;
+    using RecordOverlay = std::map<internal::TextRef, Record, internal::IdOrder>;
+    using IndexOverlay = std::map<internal::IndexKey, internal::TextRef, internal::IndexOrder>;
 
-    using PoolString = internal::PoolString;
-    using ParentSet =
-        std::set<PoolString, internal::StringLess, internal::PoolAllocator<PoolString>>;
-    // FileMetaRecord's content, in the store's own memory.
-    struct PooledRecord {
-        explicit PooledRecord(internal::PoolAllocator<PoolString> const& alloc) : parents(alloc) {}
-        ParentSet parents;
-        PoolString name;
-        bool isDir = true;
-    };
-    using RecordMap = std::map<PoolString, PooledRecord, internal::StringLess,
-                               internal::PoolAllocator<std::pair<PoolString const, PooledRecord>>>;
-    using IndexMap =
-        std::map<internal::IndexKey, PoolString, internal::IndexLess,
-                 internal::PoolAllocator<std::pair<internal::IndexKey const, PoolString>>>;
+    std::string_view text(internal::TextRef ref) const { return _text.view(ref); }
+    template <class Visit>
+    void forEachParent(Record const& record, Visit visit) const;
+    template <class Visit>
+    void forEachRecord(Visit visit) const;
 
+    Record* slotOf(std::string_view id);
+    Record const* liveRecord(std::string_view id) const;
+    internal::TextRef* entryOf(uint32_t parent, std::string_view name);
+    internal::TextRef const* entryOf(uint32_t parent, std::string_view name) const;
+    bool findById(std::string_view id, GoogleDrive::FileMeta& meta) const;
+    bool sameRecord(Record const& record, internal::RecordView const& view) const;
+    void setParents(Record& record, std::vector<std::string_view> const& parents);
+    void dropParent(Record& record, uint32_t parent);
     bool insertView(internal::RecordView const& record);
     bool removeId(std::string_view id);
     bool removePlacement(std::string_view parentId, std::string_view name);
-    void setIndex(std::string_view parentId, std::string_view name, std::string_view id);
-    void eraseRecord(RecordMap::iterator it);
-    void eraseIndex(IndexMap::iterator it);
-    static size_t lineCapacity(RecordMap::value_type const& entry);
-    static char* writeLine(char* out, RecordMap::value_type const& entry);
-
-    // Holds every node and string of the maps below, so it is declared first
-    // and outlives them.
-    internal::StorePool _pool;
+    void setIndex(uint32_t parent, internal::TextRef name, internal::TextRef id);
+    void eraseIndex(uint32_t parent, std::string_view name);
+    void eraseRecord(Record* record);
+    void mergeWhenLarge();
+    void merge();
+    void indexParents();
+    bool writeRecords(FILE* file);
+    size_t lineCapacity(Record const& record) const;
+    char* writeLine(char* out, Record const& record) const;
 
     std::string _path;
     bool _dirty;
     bool _loading;
-    RecordMap _records;
-    IndexMap _index;
+    internal::TextArena _text;
+    internal::ParentTable _parents;
+    // Records sorted by id, as the file lists them, then the ones added since
+    // the last merge. An id is in one of the two at most.
+    std::vector<Record> _records;
+    RecordOverlay _new_records;
+    std::vector<uint32_t> _parent_lists;  // of records with several parents
+    // Index entries sorted by (parent number, name), where the entries of
+    // parent p start at _index_begin[p]; then the entries added since the
+    // last merge. A key is in one of the two at most.
+    std::vector<IndexEntry> _index;
+    std::vector<uint32_t> _index_begin;
+    IndexOverlay _new_index;
+    size_t _live_records;
+    size_t _live_entries;
+    size_t _dead_rows;  // erased rows of _records and _index
 };
+
+template <class Visit>
+inline void FileMetaStore::forEachParent(Record const& record, Visit visit) const {
+    if (record.parentCount == 1) return visit(record.parents);
+    for (uint32_t i = 0; i < record.parentCount; ++i) visit(_parent_lists[record.parents + i]);
+}
+
+template <class Visit>
+inline void FileMetaStore::forEachRecord(Visit visit) const {
+    auto added = _new_records.begin();
+    for (Record const& record : _records) {
+        if (record.dead) continue;
+        std::string_view id = text(record.id);
+        for (; added != _new_records.end() && text(added->first) < id; ++added)
+            visit(added->second);
+        visit(record);
+    }
+    for (; added != _new_records.end(); ++added) visit(added->second);
+}
 
 }  // namespace GoogleDriveTA
 }  // namespace Backup

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "backup/json_text.h"
 
@@ -20,15 +21,39 @@ std::string _meta_to_str(std::string const& id, FileMetaRecord const& record) {
     return JsonText::toString(value);
 }
 
+namespace {
+
+// A member that is absent or null reads as empty; any other type than a
+// string makes the line unusable.
+bool readString(Json::Value const& value, std::string& out) {
+    if (value.isNull()) return true;
+    if (!value.isString()) return false;
+    out = value.asString();
+    return true;
+}
+
+}  // namespace
+
 bool _str_to_meta(std::string const& line, GoogleDrive::FileMeta& meta) {
     Json::Value parsed;
-    if (!JsonText::fromString(line, parsed)) return false;
+    if (!JsonText::fromString(line, parsed) || !parsed.isObject()) return false;
     // Read through a const reference so that absent members are not created.
     Json::Value const& value = parsed;
-    meta.id = value["i"].asString();
-    meta.name = value["n"].asString();
-    meta.isDir = value["d"].asBool();
-    for (Json::Value const& parent : value["p"]) meta.parents.insert(parent.asString());
+    GoogleDrive::FileMeta read;
+    if (!readString(value["i"], read.id) || !readString(value["n"], read.name)) return false;
+    Json::Value const& isDir = value["d"];
+    if (!isDir.isNull() && !isDir.isBool()) return false;
+    read.isDir = isDir.isBool() && isDir.asBool();
+    Json::Value const& parents = value["p"];
+    if (!parents.isNull() && !parents.isArray()) return false;
+    for (Json::Value const& parent : parents) {
+        if (!parent.isString()) return false;
+        read.parents.insert(parent.asString());
+    }
+    meta.id = std::move(read.id);
+    meta.name = std::move(read.name);
+    meta.isDir = read.isDir;
+    meta.parents.insert(read.parents.begin(), read.parents.end());
     return true;
 }
 

@@ -21,9 +21,10 @@ std::string _meta_to_str(std::string const& id, FileMetaRecord const& record);
 
 // Parses one line (a trailing line feed allowed) into `meta`: "i" as the id,
 // "n" as the name, "d" as the folder flag, each element of "p" added to the
-// parents; missing members read as empty or false. Returns false, `meta`
-// untouched, when the line is not one JSON object or array. Members of the
-// wrong JSON type raise JsonCpp's exception.
+// parents; missing or null members read as empty or false. Returns false,
+// `meta` untouched, when the line is not one JSON object or when a member has
+// another type (a string for "i" and "n", a boolean for "d", an array of
+// strings for "p"). Never throws but std::bad_alloc.
 bool _str_to_meta(std::string const& line, GoogleDrive::FileMeta& meta);
 
 namespace internal {

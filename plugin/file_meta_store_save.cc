@@ -1,6 +1,10 @@
 // Writing the node cache file, and the debugging dump.
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -15,14 +19,15 @@ namespace TAVO {
 namespace Backup {
 namespace GoogleDriveTA {
 
-using internal::PoolString;
+using internal::TextRef;
 
 namespace {
 char const kLogSource[] = "file_meta_store";
 // Lines are gathered in memory and written in pieces of about this size.
 size_t const kWriteChunk = size_t(1) << 20;
 
-// Gathers text in a buffer and hands it to a stream in large pieces.
+// Gathers text in a buffer and hands it to a stream in large pieces. The
+// first failed write is remembered; later ones are not attempted.
 class ChunkWriter {
   public:
     explicit ChunkWriter(FILE* stream) : _stream(stream), _buffer(kWriteChunk) {}
@@ -44,16 +49,44 @@ class ChunkWriter {
         if (!text.empty()) memcpy(out, text.data(), text.size());
         commit(out + text.size());
     }
-    void flush() {
-        if (_used) fwrite(_buffer.data(), 1, _used, _stream);
+    // False once any write has failed; errno then tells why.
+    bool flush() {
+        if (_used && _good) _good = fwrite(_buffer.data(), 1, _used, _stream) == _used;
         _used = 0;
+        return _good;
     }
 
   private:
     FILE* _stream;
     std::vector<char> _buffer;
     size_t _used = 0;
+    bool _good = true;
 };
+
+// Syncs the folder that holds `path`, so that a rename into it survives a
+// power cut. Returns false with errno set on failure.
+bool syncFolderOf(std::string const& path) {
+    size_t slash = path.rfind('/');
+    std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool synced = fsync(fd) == 0;
+    int savedErrno = errno;
+    close(fd);
+    errno = savedErrno;
+    return synced;
+}
+
+// rename(), except that an empty folder in the target's place, which no
+// cache file can be read from, is replaced too.
+bool renameOnto(ScopedTempFile& temp, std::string const& target) {
+    if (temp.rename(target)) return true;
+    if (errno != EISDIR) return false;
+    int renameErrno = errno;
+    if (rmdir(target.c_str()) == 0 && temp.rename(target)) return true;
+    errno = renameErrno;
+    return false;
+}
 
 }  // namespace
 
@@ -79,48 +112,74 @@ bool FileMetaStore::save(std::string const& path) {
         syslog(LOG_ERR, "%s:%d open failed, %m [%s]", kLogSource, __LINE__, path.c_str());
         return false;
     }
-    // Write errors are not examined: a short file only costs later lookups a
-    // request to the service.
-    {
-        ChunkWriter out(file);
-        for (auto const& entry : _records)
-            out.commit(writeLine(out.reserve(lineCapacity(entry)), entry));
+    // Every step is checked: nothing goes into place that is not complete
+    // on disk. On failure the temporary file goes with `temp`.
+    bool written = writeRecords(file);
+    if (!written)
+        syslog(LOG_ERR, "%s:%d write failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+    if (written && fflush(file) != 0) {
+        syslog(LOG_ERR, "%s:%d flush failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+        written = false;
     }
-    fclose(file);
-    if (!temp.rename(target)) {
+    if (written && fsync(fileno(file)) != 0) {
+        syslog(LOG_ERR, "%s:%d sync failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+        written = false;
+    }
+    if (fclose(file) != 0 && written) {
+        syslog(LOG_ERR, "%s:%d close failed, %m [%s]", kLogSource, __LINE__, path.c_str());
+        written = false;
+    }
+    if (!written) return false;
+    if (!renameOnto(temp, target)) {
         syslog(LOG_ERR, "%s:%d rename failed, %m, [%s]", kLogSource, __LINE__, path.c_str());
+        return false;
+    }
+    // The new file is in place but may not survive a power cut: stay dirty
+    // so that the next save writes it again.
+    if (!syncFolderOf(target)) {
+        syslog(LOG_ERR, "%s:%d folder sync failed, %m [%s]", kLogSource, __LINE__, path.c_str());
         return false;
     }
     _dirty = false;
     return true;
 }
 
-size_t FileMetaStore::lineCapacity(RecordMap::value_type const& entry) {
-    size_t bytes = 32 + internal::quotedCapacity(entry.first.view().size()) +
-                   internal::quotedCapacity(entry.second.name.view().size());
-    for (PoolString parent : entry.second.parents)
-        bytes += 1 + internal::quotedCapacity(parent.view().size());
+bool FileMetaStore::writeRecords(FILE* file) {
+    // The overlay is walked beside the sorted rows, not merged into them:
+    // a save after a few changes then costs no more than the writing.
+    ChunkWriter out(file);
+    forEachRecord([&](Record const& record) {
+        out.commit(writeLine(out.reserve(lineCapacity(record)), record));
+    });
+    return out.flush();
+}
+
+size_t FileMetaStore::lineCapacity(Record const& record) const {
+    size_t bytes = 32 + internal::quotedCapacity(text(record.id).size()) +
+                   internal::quotedCapacity(text(record.name).size());
+    forEachParent(record, [&](uint32_t parent) {
+        bytes += 1 + internal::quotedCapacity(text(_parents.textOf(parent)).size());
+    });
     return bytes;
 }
 
-char* FileMetaStore::writeLine(char* out, RecordMap::value_type const& entry) {
+char* FileMetaStore::writeLine(char* out, Record const& record) const {
     // The bytes _meta_to_str() gives: members in key order d, i, n, p.
     auto put = [&out](std::string_view text) {
         memcpy(out, text.data(), text.size());
         out += text.size();
     };
-    PooledRecord const& record = entry.second;
     put(record.isDir ? "{\"d\":true,\"i\":" : "{\"d\":false,\"i\":");
-    out = internal::writeQuoted(out, entry.first.view());
+    out = internal::writeQuoted(out, text(record.id));
     put(",\"n\":");
-    out = internal::writeQuoted(out, record.name.view());
+    out = internal::writeQuoted(out, text(record.name));
     put(",\"p\":[");
     bool first = true;
-    for (PoolString parent : record.parents) {
+    forEachParent(record, [&](uint32_t parent) {
         if (!first) *out++ = ',';
         first = false;
-        out = internal::writeQuoted(out, parent.view());
-    }
+        out = internal::writeQuoted(out, text(_parents.textOf(parent)));
+    });
     put("]}\n");
     return out;
 }
@@ -128,15 +187,30 @@ char* FileMetaStore::writeLine(char* out, RecordMap::value_type const& entry) {
 bool FileMetaStore::dump(FILE* stream) const {
     ChunkWriter out(stream);
     out.write("[record]\n");
-    for (auto const& entry : _records)
-        out.commit(writeLine(out.reserve(lineCapacity(entry)), entry));
+    forEachRecord([&](Record const& record) {
+        out.commit(writeLine(out.reserve(lineCapacity(record)), record));
+    });
     out.write("[index]\n");
-    for (auto const& entry : _index) {
-        out.write(entry.first.parent.view());
+    // In the byte order of the parent ids, not of their numbers.
+    struct Line {
+        std::string_view parent, name, id;
+    };
+    std::vector<Line> index;
+    auto add = [&](uint32_t parent, TextRef name, TextRef id) {
+        if (id != internal::kNoText)
+            index.push_back({text(_parents.textOf(parent)), text(name), text(id)});
+    };
+    for (IndexEntry const& entry : _index) add(entry.parent, entry.name, entry.id);
+    for (auto const& [key, id] : _new_index) add(key.parent, key.name, id);
+    std::sort(index.begin(), index.end(), [](Line const& a, Line const& b) {
+        return a.parent != b.parent ? a.parent < b.parent : a.name < b.name;
+    });
+    for (Line const& line : index) {
+        out.write(line.parent);
         out.write(",");
-        out.write(entry.first.name.view());
+        out.write(line.name);
         out.write(" -> ");
-        out.write(entry.second.view());
+        out.write(line.id);
         out.write("\n");
     }
     return true;

@@ -68,11 +68,6 @@ TEST(FileMetaTest, AbsentKeysKeepTheirFieldsAndParentsAccumulate) {
     EXPECT_EQ(1u, fresh.size);
 }
 
-TEST(FileMetaTest, IllTypedValuesRaiseTheLibrarysError) {
-    FileMeta meta;
-    EXPECT_THROW(meta.setFileMeta(parse(R"({"properties":{"isDir":"yes"}})")), Json::Exception);
-}
-
 TEST(FileMetaToFileInfoTest, FileReportsSizeTimeAndChecksum) {
     FileMeta meta;
     meta.setFileMeta(parse(R"({"id":"F","properties":{"isDir":false,"size":5368709120,

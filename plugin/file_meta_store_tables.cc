@@ -1,0 +1,76 @@
+#include "file_meta_store_tables.h"
+
+#include <algorithm>
+#include <functional>
+#include <limits>
+#include <stdexcept>
+
+namespace TAVO {
+namespace Backup {
+namespace GoogleDriveTA {
+namespace internal {
+
+TextRef TextArena::add(std::string_view text) {
+    size_t header = text.size() < kLongSize ? 1 : 1 + sizeof(uint32_t);
+    size_t at = _bytes.size();
+    // kNoText itself is never a valid offset.
+    if (text.size() + header >= std::numeric_limits<TextRef>::max() - at)
+        throw std::length_error("node cache strings beyond 4 GiB");
+    _bytes.resize(at + header + text.size());
+    char* out = _bytes.data() + at;
+    if (header == 1) {
+        *out++ = static_cast<char>(text.size());
+    } else {
+        uint32_t size = static_cast<uint32_t>(text.size());
+        *out++ = static_cast<char>(kLongSize);
+        memcpy(out, &size, sizeof size);
+        out += sizeof size;
+    }
+    if (!text.empty()) memcpy(out, text.data(), text.size());
+    return static_cast<TextRef>(at);
+}
+
+size_t ParentTable::slotOf(std::string_view parentId, TextArena const& text) const {
+    size_t mask = _slots.size() - 1;
+    size_t slot = std::hash<std::string_view>()(parentId) & mask;
+    while (_slots[slot] != 0 && text.view(_texts[_slots[slot] - 1]) != parentId)
+        slot = (slot + 1) & mask;
+    return slot;
+}
+
+bool ParentTable::find(std::string_view parentId, TextArena const& text, uint32_t& number) const {
+    if (_slots.empty()) return false;
+    uint32_t found = _slots[slotOf(parentId, text)];
+    if (found == 0) return false;
+    number = found - 1;
+    return true;
+}
+
+uint32_t ParentTable::intern(std::string_view parentId, TextArena& text) {
+    uint32_t number;
+    if (find(parentId, text, number)) return number;
+    // At most half full, so that probes stay short.
+    if (2 * (_texts.size() + 1) > _slots.size()) grow(text);
+    number = static_cast<uint32_t>(_texts.size());
+    TextRef ref = text.add(parentId);
+    _texts.push_back(ref);
+    _slots[slotOf(parentId, text)] = number + 1;
+    return number;
+}
+
+void ParentTable::grow(TextArena const& text) {
+    std::vector<uint32_t> old(std::max<size_t>(64, 2 * _slots.size()), 0);
+    old.swap(_slots);  // `old` now holds the full table, `_slots` the empty one
+    for (uint32_t slot : old)
+        if (slot != 0) _slots[slotOf(text.view(_texts[slot - 1]), text)] = slot;
+}
+
+void ParentTable::clear() {
+    std::vector<TextRef>().swap(_texts);
+    std::vector<uint32_t>().swap(_slots);
+}
+
+}  // namespace internal
+}  // namespace GoogleDriveTA
+}  // namespace Backup
+}  // namespace TAVO

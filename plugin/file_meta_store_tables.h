@@ -1,0 +1,133 @@
+// The node cache's compact tables. A large backup target holds a million
+// objects, and an agent on a small NAS cannot spend hundreds of bytes on each:
+// the store keeps every string once in one buffer, names parent folders by a
+// small number, and keeps records and index entries as small fixed-size rows.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+namespace TAVO {
+namespace Backup {
+namespace GoogleDriveTA {
+namespace internal {
+
+// Where a string lies in a TextArena.
+using TextRef = uint32_t;
+// An index entry whose object was erased; the row waits for the next merge.
+constexpr TextRef kNoText = UINT32_MAX;
+
+// Immutable strings appended to one buffer and named by their offset, which,
+// unlike a pointer, survives the buffer's growth. Nothing is freed before
+// clear(). A string is one length byte (255: a 4-byte length follows), then
+// its bytes.
+class TextArena {
+  public:
+    // Appends a copy of `text`. Throws std::length_error when the buffer
+    // would pass 4 GiB, std::bad_alloc when memory runs out.
+    TextRef add(std::string_view text);
+
+    // The string at `ref`. Valid until the next add() or clear().
+    std::string_view view(TextRef ref) const {
+        char const* at = _bytes.data() + ref;
+        unsigned char size = static_cast<unsigned char>(*at);
+        if (size != kLongSize) return std::string_view(at + 1, size);
+        uint32_t longSize;
+        memcpy(&longSize, at + 1, sizeof longSize);
+        return std::string_view(at + 1 + sizeof longSize, longSize);
+    }
+
+    // Room for `bytes` bytes of strings without moving the buffer.
+    void reserve(size_t bytes) { _bytes.reserve(bytes); }
+    // Forgets every string and gives back the memory.
+    void clear() { std::vector<char>().swap(_bytes); }
+
+  private:
+    static constexpr unsigned char kLongSize = 255;
+    std::vector<char> _bytes;
+};
+
+// Parent folder ids, each interned once and named by a number given in order
+// of arrival. Numbers stay valid until clear().
+class ParentTable {
+  public:
+    // The number of `parentId`, interned (its text in `text`) when new.
+    uint32_t intern(std::string_view parentId, TextArena& text);
+    // False when `parentId` was never interned; otherwise its number.
+    bool find(std::string_view parentId, TextArena const& text, uint32_t& number) const;
+    // The text of a number.
+    TextRef textOf(uint32_t number) const { return _texts[number]; }
+    size_t size() const { return _texts.size(); }
+    void clear();
+
+  private:
+    size_t slotOf(std::string_view parentId, TextArena const& text) const;
+    void grow(TextArena const& text);
+
+    std::vector<TextRef> _texts;   // by number
+    std::vector<uint32_t> _slots;  // open addressing: number + 1, 0 when free
+};
+
+// One object. Its parents are, by count: none; one, whose number is
+// `parents`; or several, whose numbers sit in the store's parent lists from
+// position `parents` on, in the byte order of their ids.
+struct Record {
+    TextRef id;
+    TextRef name;
+    uint32_t parents;
+    uint32_t parentCount : 30;
+    uint32_t isDir : 1;
+    uint32_t dead : 1;  // erased; the row waits for the next merge
+};
+
+// The index entry (parent number, name) -> object id.
+struct IndexEntry {
+    uint32_t parent;
+    TextRef name;
+    TextRef id;  // kNoText when erased
+};
+
+// Key and lookup form of an index entry in the ordered overlay.
+struct IndexKey {
+    uint32_t parent;
+    TextRef name;
+};
+struct IndexProbe {
+    uint32_t parent;
+    std::string_view name;
+};
+
+// Orders record ids byte-wise, with lookups by text.
+struct IdOrder {
+    using is_transparent = void;
+    TextArena const* text;
+    bool operator()(TextRef a, TextRef b) const { return text->view(a) < text->view(b); }
+    bool operator()(TextRef a, std::string_view b) const { return text->view(a) < b; }
+    bool operator()(std::string_view a, TextRef b) const { return a < text->view(b); }
+};
+
+// Orders index entries by parent number, then name byte-wise.
+struct IndexOrder {
+    using is_transparent = void;
+    TextArena const* text;
+    static bool less(uint32_t p1, std::string_view n1, uint32_t p2, std::string_view n2) {
+        return p1 != p2 ? p1 < p2 : n1 < n2;
+    }
+    bool operator()(IndexKey a, IndexKey b) const {
+        return less(a.parent, text->view(a.name), b.parent, text->view(b.name));
+    }
+    bool operator()(IndexKey a, IndexProbe b) const {
+        return less(a.parent, text->view(a.name), b.parent, b.name);
+    }
+    bool operator()(IndexProbe a, IndexKey b) const {
+        return less(a.parent, a.name, b.parent, text->view(b.name));
+    }
+};
+
+}  // namespace internal
+}  // namespace GoogleDriveTA
+}  // namespace Backup
+}  // namespace TAVO
