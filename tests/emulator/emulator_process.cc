@@ -176,6 +176,13 @@ int EmulatorProcess::finish() {
     return WIFEXITED(*_status) ? WEXITSTATUS(*_status) : 128 + WTERMSIG(*_status);
 }
 
+void EmulatorProcess::hangUp() {
+    for (int* fd : {&_to, &_from}) {
+        if (*fd >= 0) ::close(*fd);
+        *fd = -1;
+    }
+}
+
 Json::Value parseJson(std::string const& text) {
     Json::CharReaderBuilder builder;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());

@@ -52,6 +52,10 @@ class EmulatorProcess {
 
     // Closes stdin and waits; the exit status, or 128 + signal.
     int finish();
+    // Closes both pipe ends without waiting, as a client that gives up does.
+    void hangUp();
+    // What was read after the last complete line.
+    std::string const& unfinished() const { return _buffer; }
     pid_t pid() const { return _pid; }
 
   private:
