@@ -21,13 +21,8 @@ using namespace EmulatorTest;
 
 namespace {
 
-class PendingBlobs : public ::testing::Test {
+class PendingBlobs : public AccountTest {
   protected:
-    void SetUp() override { drive.emplace(Drive::init(data)); }
-    void TearDown() override {
-        drive.reset();
-        removeTree(data);
-    }
     std::vector<std::string> pending() const {
         std::vector<std::string> names;
         if (DIR* dir = ::opendir((data + "/blobs/tmp").c_str())) {
@@ -38,9 +33,6 @@ class PendingBlobs : public ::testing::Test {
         }
         return names;
     }
-
-    std::string data = makeTempFolder("emulator-cleanup");
-    std::optional<Drive> drive;
 };
 
 TEST_F(PendingBlobs, AStartSweepsThoseOfDeadWritersOnly) {
@@ -63,14 +55,9 @@ TEST_F(PendingBlobs, AnUploadStoppedHalfWayLeavesNone) {
         SCOPED_TRACE(terminate ? "SIGTERM" : "client hung up");
         std::string const fifo = data + "/fifo";
         ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
-        EmulatorProcess emulator(data);
-        ASSERT_TRUE(emulator.handshake());
-        Json::Value up;
-        up["fn"] = "uploadFile";
-        up["name"] = "big";
-        up["parentId"] = "root";
-        up["inputPath"] = fifo;
-        emulator.send(up);
+        auto emulator = start();
+        emulator->send(req(
+            {{"fn", "uploadFile"}, {"name", "big"}, {"parentId", "root"}, {"inputPath", fifo}}));
         int writer = ::open(fifo.c_str(), O_WRONLY);
         std::string const chunk(1 << 16, 'x');
         ASSERT_EQ(ssize_t(chunk.size()), ::write(writer, chunk.data(), chunk.size()));
@@ -79,14 +66,14 @@ TEST_F(PendingBlobs, AnUploadStoppedHalfWayLeavesNone) {
         }
         ASSERT_EQ(1u, pending().size());
         if (terminate) {
-            ::kill(emulator.pid(), SIGTERM);
+            ::kill(emulator->pid(), SIGTERM);
         } else {
             // The client is gone; the next chunk tells the emulator so.
-            emulator.hangUp();
+            emulator->hangUp();
             ASSERT_EQ(ssize_t(chunk.size()), ::write(writer, chunk.data(), chunk.size()));
         }
         ::close(writer);
-        EXPECT_EQ(terminate ? 128 + SIGTERM : 0, emulator.finish());
+        EXPECT_EQ(terminate ? 128 + SIGTERM : 0, emulator->finish());
         EXPECT_TRUE(pending().empty());
         EXPECT_TRUE(drive->lookup("root", "big").empty());
         ::unlink(fifo.c_str());
