@@ -1,6 +1,5 @@
 #include "backup_script.h"
 
-#include <algorithm>
 #include <list>
 #include <optional>
 #include <set>
@@ -34,15 +33,14 @@ class Checker {
             std::function<void()> const& afterEach)
         : _box(box), _findings(findings), _failed(failed), _after_each(afterEach) {}
 
-    // Records a failed operation; true when `ok`, so that checks run only then.
-    bool reported(bool ok, std::string const& operation) {
+    // Records the outcome of `operation`; when it reported success, `holds`
+    // (asked only then; none: nothing to check) must say that it did what it says.
+    void expect(bool ok, std::string const& operation, std::function<bool()> const& holds) {
         if (_after_each) _after_each();
-        if (!ok) _failed.push_back(operation);
-        return ok;
-    }
-    // A path found twice on the way is told apart from a plain wrong result.
-    void expect(bool holds, std::string const& operation) {
-        if (!holds) {
+        if (!ok) {
+            _failed.push_back(operation);
+        } else if (holds && !holds()) {
+            // A path found twice on the way is told apart from a plain wrong result.
             _findings.push_back(
                 {_ambiguous ? "no two objects of one name" : "success did what it said",
                  operation});
@@ -69,20 +67,22 @@ class Checker {
         auto object = at(path);
         return object && !object->isDir && _box.drive().content(object->id) == content;
     }
-    // Every file below `folder`, as paths relative to it.
-    std::set<std::string> filesBelow(std::string const& id, std::string const& prefix) {
-        std::set<std::string> files;
-        for (auto const& child : _box.drive().children(id)) {
-            if (!child.isDir) files.insert(prefix + child.name);
-            if (child.isDir) {
-                auto below = filesBelow(child.id, prefix + child.name + "/");
-                files.insert(below.begin(), below.end());
-            }
-        }
-        return files;
+    // The children of `path` by name, or every file below it by relative path.
+    std::set<std::string> below(std::string const& path, bool recursive) {
+        std::set<std::string> names;
+        if (auto folder = at(path)) collect(folder->id, "", recursive, names);
+        return names;
     }
 
   private:
+    void collect(std::string const& id, std::string const& prefix, bool recursive,
+                 std::set<std::string>& names) {
+        for (auto const& child : _box.drive().children(id)) {
+            if (!recursive || !child.isDir) names.insert(prefix + child.name);
+            if (recursive && child.isDir) collect(child.id, prefix + child.name + "/", true, names);
+        }
+    }
+
     Sandbox& _box;
     std::vector<Finding>& _findings;
     std::vector<std::string>& _failed;
@@ -90,14 +90,9 @@ class Checker {
     bool _ambiguous = false;
 };
 
-std::string baseName(std::string path) {
-    while (!path.empty() && path.back() == '/') path.pop_back();
-    return path.substr(path.rfind('/') + 1);
-}
-
-bool cacheLoads(std::string const& path) {
-    TAVO::Backup::GoogleDriveTA::FileMetaStore store;
-    return store.load(path);
+std::string relative(std::string const& rpath, bool baseNameOnly) {
+    std::string path = rpath.substr(std::min(rpath.size(), rpath.find_first_not_of('/')));
+    return baseNameOnly ? path.substr(path.rfind('/') + 1) : path;
 }
 
 }  // namespace
@@ -116,75 +111,66 @@ void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Findin
                std::vector<std::string>& failed, std::function<void()> const& afterEach) {
     Checker check(box, findings, failed, afterEach);
 
-    if (check.reported(agent.createContainer("C"), "createContainer C")) {
-        check.expect(check.isFolder(".."), "createContainer C");
-    }
+    check.expect(agent.createContainer("C"), "createContainer C",
+                 [&] { return check.isFolder(".."); });
     agent.setTargetId("");  // the target folder is made beside the others
     bool targetMade = agent.createDir("T");
     agent.setTargetId("T");
-    if (check.reported(targetMade, "createDir target")) {
-        check.expect(check.isFolder(""), "createDir target");
+    check.expect(targetMade, "createDir target", [&] { return check.isFolder(""); });
+    for (std::string dir : {"Pool", "Control", "Pool/0", "Pool/0/1", "Pool/old"}) {
+        check.expect(agent.createDir(dir), "createDir " + dir, [&] { return check.isFolder(dir); });
     }
-    for (char const* dir : {"Pool", "Control", "Pool/0", "Pool/0/1", "Pool/old"}) {
-        std::string op = std::string("createDir ") + dir;
-        if (check.reported(agent.createDir(dir), op)) check.expect(check.isFolder(dir), op);
-    }
-
-    struct Upload {
-        char const* local;
-        char const* remote;
-    };
-    for (auto const& up : {Upload{"empty", "Pool/0/empty"}, Upload{"one", "Pool/0/1/one"},
-                           Upload{"big1", "Pool/0/big1"}, Upload{"big3", "Pool/big3"},
-                           Upload{"lock1", "Control/lock"}, Upload{"lock2", "Control/lock"},
-                           Upload{"scratch", "Control/scratch"}, Upload{"one", "Pool/old/f"}}) {
-        std::string op = std::string("sendFile ") + up.local + " " + up.remote;
-        if (check.reported(agent.sendFile(box.local(up.local), up.remote), op)) {
-            check.expect(check.holds(up.remote, readFile(box.local(up.local))), op);
-        }
+    // Local source, remote path; the second "Control/lock" overwrites the first.
+    std::pair<std::string, std::string> const uploads[] = {
+        {"empty", "Pool/0/empty"},      {"one", "Pool/0/1/one"},   {"big1", "Pool/0/big1"},
+        {"big3", "Pool/big3"},          {"lock1", "Control/lock"}, {"lock2", "Control/lock"},
+        {"scratch", "Control/scratch"}, {"one", "Pool/old/f"}};
+    for (auto const& [local, remote] : uploads) {
+        check.expect(agent.sendFile(box.local(local), remote), "sendFile " + local + " " + remote,
+                     [&] { return check.holds(remote, readFile(box.local(local))); });
     }
 
-    std::list<FileInfo> listed;
-    if (check.reported(agent.listDir("Pool", listed), "listDir Pool")) {
-        std::set<std::string> names, expected;
-        for (auto const& info : listed) names.insert(baseName(info.getRpath()));
-        if (auto pool = check.at("Pool")) {
-            for (auto const& child : box.drive().children(pool->id)) expected.insert(child.name);
-        }
-        check.expect(names == expected, "listDir Pool");
-    }
-
-    std::set<std::string> files;
-    auto hook = [&files](FileInfo const& info, void*) {
-        std::string rpath = info.getRpath();
-        if (info.isRegType()) files.insert(rpath.substr(rpath.find_first_not_of('/')));
-        return true;
-    };
-    if (check.reported(agent.listDirRecursive("Pool", hook, nullptr), "listDirRecursive Pool")) {
-        auto pool = check.at("Pool");
-        check.expect(pool && files == check.filesBelow(pool->id, ""), "listDirRecursive Pool");
+    for (bool recursive : {false, true}) {
+        std::set<std::string> listed;
+        std::list<FileInfo> infos;
+        auto hook = [&listed](FileInfo const& info, void*) {
+            if (info.isRegType()) listed.insert(relative(info.getRpath(), false));
+            return true;
+        };
+        bool ok = recursive ? agent.listDirRecursive("Pool", hook, nullptr)
+                            : agent.listDir("Pool", infos);
+        for (auto const& info : infos) listed.insert(relative(info.getRpath(), true));
+        check.expect(ok, recursive ? "listDirRecursive Pool" : "listDir Pool",
+                     [&] { return listed == check.below("Pool", recursive); });
     }
 
     // The engine fetches over a file it already has: it must end up whole or untouched.
     std::string const restored = box.local("restored");
     writeFile(restored, kOldLocal);
     bool fetched = agent.recvFile("Pool/0/big1", restored);
-    if (check.reported(fetched, "recvFile Pool/0/big1")) {
-        check.expect(readFile(restored) == readFile(box.local("big1")), "recvFile Pool/0/big1");
-    } else if (readFile(restored) != kOldLocal) {
+    check.expect(fetched, "recvFile Pool/0/big1",
+                 [&] { return readFile(restored) == readFile(box.local("big1")); });
+    if (!fetched && readFile(restored) != kOldLocal) {
         findings.push_back({"no partial local content", "recvFile Pool/0/big1"});
     }
 
-    if (check.reported(agent.removeFile("Control/scratch"), "removeFile Control/scratch")) {
-        check.expect(!check.at("Control/scratch"), "removeFile Control/scratch");
-    }
-    if (check.reported(agent.removeDirRecursive("Pool/old"), "removeDirRecursive Pool/old")) {
-        check.expect(!check.at("Pool/old"), "removeDirRecursive Pool/old");
-    }
-    check.reported(agent.checkCache(), "checkCache");
-    if (check.reported(agent.flushCache(), "flushCache")) {
-        check.expect(cacheLoads(box.cacheFile()), "flushCache");
-    }
+    check.expect(agent.removeFile("Control/scratch"), "removeFile Control/scratch",
+                 [&] { return !check.at("Control/scratch"); });
+    check.expect(agent.removeDirRecursive("Pool/old"), "removeDirRecursive Pool/old",
+                 [&] { return !check.at("Pool/old"); });
+    // The cache file must load after every flush, and nothing in this run
+    // gives checkCache a reason to drop what the cache holds.
+    auto cacheRecords = [&box]() -> long {
+        TAVO::Backup::GoogleDriveTA::FileMetaStore store;
+        return store.load(box.cacheFile()) ? long(store.size()) : -1;
+    };
+    check.expect(agent.flushCache(), "flushCache", [&] { return cacheRecords() >= 0; });
+    long const cached = cacheRecords();
+    check.expect(agent.checkCache(), "checkCache", {});
+    bool flushed = agent.flushCache();
+    check.expect(flushed, "flushCache", [&] { return cacheRecords() >= 0; });
+    if (flushed && cacheRecords() < cached)
+        findings.push_back({"checkCache keeps the cache", "checkCache"});
 }
 
 }  // namespace Sweep

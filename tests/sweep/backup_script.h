@@ -14,8 +14,9 @@ namespace Sweep {
 void writeSources(Sandbox& box);
 
 // Runs the backup on `agent`. Every operation that reports success must have
-// done what it says, and a failed fetch must leave its destination as it
-// was; what does not hold is added to `findings`. Operations that reported
+// done what it says, a failed fetch must leave its destination as it was,
+// and checkCache must not drop the cache; what does not hold is added to
+// `findings`. Operations that reported
 // failure are added to `failed`. `afterEach` is called when an operation has returned.
 void runBackup(Sandbox& box, TAVO::Backup::TransferAgentGoogleDrive& agent,
                std::vector<Finding>& findings, std::vector<std::string>& failed,
