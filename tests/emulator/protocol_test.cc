@@ -153,6 +153,14 @@ TEST_F(Protocol, ListingsFilterByParentAndNameWithoutCase) {
     EXPECT_EQ((std::vector<std::string>{"Target"}),
               names(list("('" + a + "' in parents) and (name = 'TARGET')")));
     EXPECT_TRUE(names(list("('" + a + "' in parents) and (name = 'nothing')")).empty());
+    // "and" binds tighter than "or"; "contains" matches the start of a word.
+    EXPECT_EQ((std::vector<std::string>{"Target", "other"}),
+              names(list("name = 'other' or name = 'target' and '" + a + "' in parents")));
+    EXPECT_EQ((std::vector<std::string>{"Target"}),
+              names(list("'" + a + "' in parents and not name = 'other'")));
+    EXPECT_EQ((std::vector<std::string>{"Target"}),
+              names(list("'" + a + "' in parents and name contains 'tar'")));
+    EXPECT_TRUE(names(list("'" + a + "' in parents and name contains 'arg'")).empty());
 
     // Raw Drive lists the trash too; the setting switches to that.
     Settings s = drive->settings();

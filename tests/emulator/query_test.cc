@@ -10,49 +10,6 @@
 
 using namespace DriveEmulator;
 
-namespace {
-
-// The query rendered back as SQL with its parameters inlined: a compact way
-// to compare parse trees in a table.
-std::string shape(std::string const& text) {
-    ParsedQuery parsed = parseQuery(text);
-    std::vector<std::string> params;
-    std::string sql = queryToSql(*parsed.root, params, "ROOT");
-    for (auto const& p : params) {
-        size_t at = sql.find('?');
-        sql.replace(at, 1, "<" + p + ">");
-    }
-    return sql;
-}
-
-}  // namespace
-
-TEST(Query, ParsesWhatThePluginSendsAndALittleMore) {
-    struct Case {
-        char const* query;
-        char const* sql;
-    } const cases[] = {
-        {"('P' in parents)", "(o.id IN (SELECT child FROM parents WHERE parent = <P>))"},
-        {"('P' in parents) and (name = 'Pool')",
-         "((o.id IN (SELECT child FROM parents WHERE parent = <P>)) AND (o.folded = <pool>))"},
-        // Drive's escapes: \' is an apostrophe, \\ a backslash.
-        {"name = 'it\\'s'", "(o.folded = <it's>)"},
-        {"name = 'a\\\\b'", "(o.folded = <a\\b>)"},
-        {"name != 'x'", "(NOT (o.folded = <x>))"},
-        {"name contains 'Back'", "(instr(' ' || o.folded, ' ' || <back>) > 0)"},
-        {"trashed = false and mimeType = 'application/vnd.google-apps.folder'",
-         "((o.trashed = 0) AND (o.is_dir = 1))"},
-        {"not name = 'a' or name = 'b' and trashed = true",
-         "((NOT (o.folded = <a>)) OR ((o.folded = <b>) AND (o.trashed = 1)))"},
-        {"  'P'  IN   parents AND name='x'  ",
-         "((o.id IN (SELECT child FROM parents WHERE parent = <P>)) AND (o.folded = <x>))"},
-    };
-    for (auto const& c : cases) {
-        SCOPED_TRACE(c.query);
-        EXPECT_EQ(c.sql, shape(c.query));
-    }
-}
-
 TEST(Query, RefusesIllFormedQueriesWithInvalidValue) {
     char const* const cases[] = {
         "",
