@@ -1,45 +1,18 @@
 #include "sweep_sandbox.h"
 
-#include <dirent.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
+namespace fs = std::filesystem;
 using TAVO::Backup::Repository;
-using TAVO::Backup::TransferAgentGoogleDrive;
 
 namespace Sweep {
-
-namespace {
-
-void run(std::string const& command) {
-    if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
-}
-
-std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
-    return s;
-}
-
-void listNames(std::string const& folder, std::string const& pattern,
-               std::vector<std::string>& out) {
-    DIR* dir = opendir(folder.c_str());
-    if (!dir) return;
-    while (dirent* e = readdir(dir)) {
-        std::string name = e->d_name;
-        if (name != "." && name != ".." && name.find(pattern) != std::string::npos) {
-            out.push_back(folder + "/" + name);
-        }
-    }
-    closedir(dir);
-}
-
-}  // namespace
 
 std::string readFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
@@ -69,16 +42,19 @@ Sandbox::Sandbox() {
 
 Sandbox::~Sandbox() {
     _drive.reset();
-    std::system(("rm -rf '" + _dir + "'").c_str());
+    std::error_code ignored;
+    fs::remove_all(_dir, ignored);
 }
 
 void Sandbox::reset() {
     _drive = std::make_unique<DriveEmulator::Drive>(DriveEmulator::Drive::init(_dir + "/data"));
-    run("rm -rf '" + _dir + "/cache' '" + _dir + "/local' && mkdir '" + _dir + "/local'");
+    fs::remove_all(_dir + "/cache");
+    fs::remove_all(_dir + "/local");
+    fs::create_directory(_dir + "/local");
 }
 
-std::unique_ptr<TransferAgentGoogleDrive> Sandbox::newAgent() {
-    auto agent = std::make_unique<TransferAgentGoogleDrive>(_repository);
+std::unique_ptr<TAVO::Backup::TransferAgentGoogleDrive> Sandbox::newAgent() {
+    auto agent = std::make_unique<TAVO::Backup::TransferAgentGoogleDrive>(_repository);
     agent->setTargetId("T");
     agent->setTransferOption(TAVO::Backup::Task("T"));
     return agent;
@@ -86,19 +62,17 @@ std::unique_ptr<TransferAgentGoogleDrive> Sandbox::newAgent() {
 
 std::string Sandbox::snapshot(std::vector<Finding>& findings) {
     std::vector<std::string> lines;
-    std::function<void(std::string const&, std::string const&)> walk =
-        [&](std::string const& id, std::string const& path) {
-            std::vector<std::string> seen;
-            for (auto const& child : _drive->children(id)) {
-                std::string childPath = path + "/" + child.name;
-                if (std::find(seen.begin(), seen.end(), lower(child.name)) != seen.end()) {
-                    findings.push_back({"no two objects of one name", childPath});
-                }
-                seen.push_back(lower(child.name));
-                lines.push_back(childPath + (child.isDir ? " folder" : " file " + child.md5));
-                if (child.isDir) walk(child.id, childPath);
-            }
-        };
+    std::function<void(std::string const&, std::string const&)> walk = [&](auto& id, auto& path) {
+        std::set<std::string> seen;  // names as Drive compares them (ASCII here)
+        for (auto const& child : _drive->children(id)) {
+            std::string childPath = path + "/" + child.name, folded = child.name;
+            std::transform(folded.begin(), folded.end(), folded.begin(), ::tolower);
+            if (!seen.insert(folded).second)
+                findings.push_back({"no two objects of one name", childPath});
+            lines.push_back(childPath + (child.isDir ? " folder" : " file " + child.md5));
+            if (child.isDir) walk(child.id, childPath);
+        }
+    };
     walk(_drive->rootId(), "");
     std::sort(lines.begin(), lines.end());
     std::string text;
@@ -108,9 +82,16 @@ std::string Sandbox::snapshot(std::vector<Finding>& findings) {
 
 std::vector<std::string> Sandbox::leftovers() const {
     std::vector<std::string> found;
-    listNames(_dir + "/local", ".tmp.", found);
-    listNames(_dir + "/cache/T", ".tmp.", found);
-    listNames(_dir + "/data/blobs/tmp", "", found);
+    for (auto const& [folder, mark] : {std::pair<std::string, std::string>{"/local", ".tmp."},
+                                       {"/cache/T", ".tmp."},
+                                       {"/data/blobs/tmp", ""}}) {
+        std::error_code missing;
+        for (auto const& entry : fs::directory_iterator(_dir + folder, missing)) {
+            if (entry.path().filename().string().find(mark) != std::string::npos) {
+                found.push_back(entry.path());
+            }
+        }
+    }
     return found;
 }
 
