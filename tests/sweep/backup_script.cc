@@ -158,19 +158,23 @@ void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Findin
                  [&] { return !check.at("Control/scratch"); });
     check.expect(agent.removeDirRecursive("Pool/old"), "removeDirRecursive Pool/old",
                  [&] { return !check.at("Pool/old"); });
-    // The cache file must load after every flush, and nothing in this run
-    // gives checkCache a reason to drop what the cache holds.
+    // The cache file must load after every flush. checkCache drops the cache
+    // when a folder of the backup layout is missing; while all of them are
+    // there, nothing in this run gives it a reason to drop anything.
     auto cacheRecords = [&box]() -> long {
         TAVO::Backup::GoogleDriveTA::FileMetaStore store;
         return store.load(box.cacheFile()) ? long(store.size()) : -1;
     };
     check.expect(agent.flushCache(), "flushCache", [&] { return cacheRecords() >= 0; });
-    long const cached = cacheRecords();
+    bool const layoutThere = check.isFolder("..") && check.isFolder("") && check.isFolder("Pool") &&
+                             check.isFolder("Control");
+    long const cached = layoutThere ? cacheRecords() : -1;
     check.expect(agent.checkCache(), "checkCache", {});
     bool flushed = agent.flushCache();
     check.expect(flushed, "flushCache", [&] { return cacheRecords() >= 0; });
-    if (flushed && cacheRecords() < cached)
+    if (flushed && cacheRecords() < cached) {
         findings.push_back({"checkCache keeps the cache", "checkCache"});
+    }
 }
 
 }  // namespace Sweep
