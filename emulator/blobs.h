@@ -1,6 +1,8 @@
 // The contents of files, one file per stored version in "<data>/blobs/". A new
 // version is written to "blobs/tmp/" first and renamed into place before the
 // database commit that points at it, so a reader never sees a partial blob.
+// A pending blob's name starts with the writer's pid, so that a later process
+// can tell the leftovers of a dead writer from a transfer still running.
 #pragma once
 
 #include <string>
@@ -10,8 +12,8 @@ namespace DriveEmulator {
 class Blobs {
   public:
     // Uses "<dataFolder>/blobs", creating it and its "tmp" folder when missing
-    // (Error(500) when that fails), and clears temporary files abandoned there
-    // more than a day ago.
+    // (Error(500) when that fails), and removes the pending blobs there whose
+    // writer is no longer alive (unnamed ones once they are a day old).
     explicit Blobs(std::string const& dataFolder);
 
     // The path of the published blob `name`.
@@ -54,5 +56,9 @@ class PendingBlob {
     bool _published = false;
     bool _owned = true;
 };
+
+// Makes SIGTERM, SIGINT and SIGHUP end the process at once, removing the
+// pending blob being written, if any, on the way out.
+void removePendingBlobOnTermination();
 
 }  // namespace DriveEmulator

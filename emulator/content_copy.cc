@@ -122,14 +122,18 @@ class ProgressPoints {
     std::int64_t _reported = 0;
 };
 
+void stopIfAbandoned(AbandonCheck const& abandoned) {
+    if (abandoned && abandoned()) throw Error(-1, "transfer abandoned: the client went away");
+}
+
 std::int64_t chunkFor(std::int64_t progressStep) {
     return progressStep > 0 ? std::min(progressStep, kCopyChunk) : kCopyChunk;
 }
 
 }  // namespace
 
-CopyResult copyWithMd5(int in, int out, std::int64_t progressStep,
-                       ProgressCallback const& progress) {
+CopyResult copyWithMd5(int in, int out, std::int64_t progressStep, ProgressCallback const& progress,
+                       AbandonCheck const& abandoned) {
     std::mutex mutex;
     std::condition_variable changed;
     std::int64_t copied = 0;
@@ -190,6 +194,7 @@ CopyResult copyWithMd5(int in, int out, std::int64_t progressStep,
             }
             changed.notify_one();
             points.advance(total);
+            stopIfAbandoned(abandoned);
         }
     } catch (...) {
         stopHasher();
@@ -205,7 +210,7 @@ CopyResult copyWithMd5(int in, int out, std::int64_t progressStep,
 }
 
 CopyResult copyBytes(int in, int out, std::int64_t length, std::int64_t progressStep,
-                     ProgressCallback const& progress) {
+                     ProgressCallback const& progress, AbandonCheck const& abandoned) {
     ChunkMover mover(in, out);
     ProgressPoints points(progressStep, progress);
     std::int64_t chunk = chunkFor(progressStep);
@@ -215,6 +220,7 @@ CopyResult copyBytes(int in, int out, std::int64_t length, std::int64_t progress
         if (n == 0) break;
         total += n;
         points.advance(total);
+        stopIfAbandoned(abandoned);
     }
     points.finish(total);
     return {total, ""};

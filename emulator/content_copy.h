@@ -20,16 +20,19 @@ struct CopyResult {
     std::string md5;  // lower-case hex; empty from copyBytes
 };
 
+// Asked between chunks; true stops the copy with Error(-1) (nobody wants it any more).
+using AbandonCheck = std::function<bool()>;
+
 // Copies `in` from its current offset to its end into `out`, which must be
 // open for reading and writing at offset 0, and hashes the bytes as stored in
 // `out`. `progressStep` <= 0 calls no progress. Throws Error(-1) naming the
 // errno when reading or writing fails.
-CopyResult copyWithMd5(int in, int out, std::int64_t progressStep,
-                       ProgressCallback const& progress);
+CopyResult copyWithMd5(int in, int out, std::int64_t progressStep, ProgressCallback const& progress,
+                       AbandonCheck const& abandoned = {});
 
 // Copies up to `length` bytes (fewer if `in` ends first) from `in` to `out`.
 CopyResult copyBytes(int in, int out, std::int64_t length, std::int64_t progressStep,
-                     ProgressCallback const& progress);
+                     ProgressCallback const& progress, AbandonCheck const& abandoned = {});
 
 // The MD5 of `data`, as lower-case hex.
 std::string md5Hex(std::string const& data);

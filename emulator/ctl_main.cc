@@ -39,10 +39,12 @@ The data folder is DIR, else $DRIVE_EMULATOR_DATA.
   rm OBJ                           delete for good (descendants without another parent too)
   touch OBJ SECONDS                set the modification time
   settings [KEY=VALUE ...]         page_size, list_trashed, progress_bytes, fsync
-  fault add KIND [--fn NAME] [--nth N | --times N | --always] [--code C]
+  fault add KIND [--fn NAME] [--nth N] [--times N | --always] [--code C]
                  [--message TEXT] [--number N] [--fractions F,F,...]
-        KIND: fail delay exit exit_after_apply exit_after_progress garbage
-              short_download long_download progress refuse_handshake listing_lag
+        fires on N (default 1) matching requests from the nth on
+        KIND: fail delay exit exit_after_apply cut_answer exit_after_progress
+              garbage short_download long_download progress refuse_handshake
+              listing_lag
   fault list | fault clear
   log [--fn NAME] | log clear | log count [FN]
   stats                            object counts, sizes and requests by name
@@ -123,9 +125,8 @@ void printTree(Drive& drive, std::string const& id, std::string const& indent) {
 
 void printFault(Fault const& f) {
     std::cout << "#" << f.id << " " << faultKindName(f.kind) << " fn=" << f.fn;
-    if (f.nth > 0) {
-        std::cout << " nth=" << f.nth;
-    } else if (f.times < 0) {
+    if (f.nth > 0) std::cout << " nth=" << f.nth;
+    if (f.times < 0) {
         std::cout << " always";
     } else {
         std::cout << " remaining=" << f.times;

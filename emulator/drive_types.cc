@@ -25,6 +25,7 @@ KindName const kKindNames[] = {
     {FaultKind::Progress, "progress"},
     {FaultKind::RefuseHandshake, "refuse_handshake"},
     {FaultKind::ListingLag, "listing_lag"},
+    {FaultKind::CutAnswer, "cut_answer"},
 };
 
 Fault make(FaultKind kind, std::string fn) {
@@ -133,19 +134,19 @@ Fault Fault::listingLag(std::int64_t listings, std::string fn) {
     return fault;
 }
 
+Fault Fault::cutAnswer(std::string fn) { return make(FaultKind::CutAnswer, std::move(fn)); }
+
 Fault& Fault::onNth(int n) {
     nth = n;
     return *this;
 }
 
 Fault& Fault::forNext(int n) {
-    nth = 0;
     times = n;
     return *this;
 }
 
 Fault& Fault::always() {
-    nth = 0;
     times = -1;
     return *this;
 }

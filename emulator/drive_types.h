@@ -78,12 +78,13 @@ enum class FaultKind {
     Progress,           // transfers: send `fractions` as the progress messages
     RefuseHandshake,    // at start: write `text` as the first line instead of "start" and exit
     ListingLag,  // objects this request creates miss the next `number` name-filtered listings
+    CutAnswer,   // do the request, write the first half of its answer line, then exit
 };
 
 // A fault rule. It watches the requests whose "fn" equals `fn` ("*": every
-// request; RefuseHandshake rules watch process starts instead) and fires:
-// with `nth` > 0, on the nth of them after the rule was added and never again;
-// otherwise on each of the next `times` of them, or on all with `times` < 0.
+// request; RefuseHandshake rules watch process starts instead) and fires on
+// `times` of them in a row (all with `times` < 0), starting from the `nth`
+// after the rule was added (the next one when `nth` is 0).
 struct Fault {
     FaultKind kind = FaultKind::Fail;
     std::string fn = "*";
@@ -99,8 +100,9 @@ struct Fault {
     std::int64_t seen = 0;   // matching requests since the rule was added
     std::int64_t fired = 0;  // how often it fired
 
-    // Readable constructors for the common rules; chain onNth/times/always to
-    // change the trigger (default: the next matching request only).
+    // Readable constructors for the common rules; chain onNth (where the
+    // firing starts) and forNext/always (how long it lasts) to change the
+    // trigger (default: the next matching request only).
     static Fault fail(std::string fn, int code, std::string message = "");
     static Fault delay(std::string fn, std::int64_t milliseconds);
     static Fault exitBeforeAnswer(std::string fn);
@@ -112,6 +114,7 @@ struct Fault {
     static Fault progress(std::string fn, std::vector<double> fractions);
     static Fault refuseHandshake(std::string line);
     static Fault listingLag(std::int64_t listings, std::string fn = "*");
+    static Fault cutAnswer(std::string fn);
     Fault& onNth(int n);
     Fault& forNext(int n);
     Fault& always();

@@ -60,8 +60,8 @@ std::vector<Fault> fire(Db& db, std::string const& where, std::string const& fn)
     std::vector<Fault> fired;
     for (auto& rule : candidates) {
         ++rule.seen;
-        bool fires = rule.nth > 0 ? rule.seen == rule.nth : rule.times != 0;
-        if (fires && rule.nth == 0 && rule.times > 0) --rule.times;
+        bool fires = rule.seen >= rule.nth && rule.times != 0;
+        if (fires && rule.times > 0) --rule.times;
         if (fires) ++rule.fired;
         db.query("UPDATE faults SET seen = ?, remaining = ?, fired = ? WHERE id = ?")
             .bind(1, rule.seen)
@@ -113,6 +113,7 @@ FiredFaults fireRequestFaults(Db& db, std::string const& fn) {
             case FaultKind::Fail:
             case FaultKind::Exit:
             case FaultKind::ExitAfterApply:
+            case FaultKind::CutAnswer:
             case FaultKind::Garbage:
                 if (!result.stop) result.stop = rule;
                 break;

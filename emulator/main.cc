@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "blobs.h"
 #include "faults.h"
 #include "server.h"
 #include "startup.h"
@@ -34,6 +35,9 @@ void firstLine(std::string line) {
 int main(int argc, char** argv) {
     // A reader that goes away must end us through a failed write, not a signal.
     ::signal(SIGPIPE, SIG_IGN);
+    // Killed politely (the plug-in's channel on a cancel, Ctrl-C), leave no
+    // partial upload behind.
+    removePendingBlobOnTermination();
     EnvLookup env = [](char const* name) -> char const* { return std::getenv(name); };
 
     std::string problem = environmentProblem(env);

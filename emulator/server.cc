@@ -1,6 +1,7 @@
 #include "server.h"
 
 #include <json/reader.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -179,7 +180,8 @@ void Server::serve(Request const& request) {
     {
         WriteTransaction txn(_store.db());
         fired = fireRequestFaults(_store.db(), request.fn);
-        if (fired.stop && fired.stop->kind != FaultKind::ExitAfterApply) {
+        if (fired.stop && fired.stop->kind != FaultKind::ExitAfterApply &&
+            fired.stop->kind != FaultKind::CutAnswer) {
             Fault const& fault = *fired.stop;
             if (fault.kind == FaultKind::Fail) {
                 std::string message =
@@ -227,7 +229,7 @@ void Server::serve(Request const& request) {
 }
 
 void Server::serveMeta(Request const& request, FiredFaults const& fired, WriteTransaction& txn) {
-    bool const exitAfter = fired.stop.has_value();  // only ExitAfterApply gets this far
+    bool const exitAfter = fired.stop.has_value();  // only the exits after applying get this far
     Json::Value response;
     bool ok = true;
     _discard.clear();
@@ -252,7 +254,7 @@ void Server::serveMeta(Request const& request, FiredFaults const& fired, WriteTr
     // Only now is nothing left that points at the old contents.
     for (auto const& blob : _discard) _store.blobs().discard(blob);
     _discard.clear();
-    if (exitAfter) ::_exit(kFaultExitStatus);
+    if (exitAfter) exitAfterApplying(fired, response);
     send(response);
 }
 
@@ -330,6 +332,29 @@ void Server::exitNow(Request const& request, std::string const& why) {
     } catch (Error const&) {
     }
     ::_exit(kFaultExitStatus);
+}
+
+void Server::exitAfterApplying(FiredFaults const& fired, Json::Value const& answer) {
+    if (fired.stop && fired.stop->kind == FaultKind::CutAnswer) {
+        std::string line = _writer.render(answer);
+        line.resize(line.size() / 2);
+        for (size_t done = 0; done < line.size();) {
+            ssize_t n = ::write(_out, line.data() + done, line.size() - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<size_t>(n);
+        }
+    }
+    ::_exit(kFaultExitStatus);
+}
+
+bool Server::clientGone() {
+    if (_reader_gone) return true;
+    // A pipe's write end reports POLLERR once nobody can read it; asking does
+    // not depend on our input, which a client may close early on purpose.
+    pollfd out{_out, 0, 0};
+    if (::poll(&out, 1, 0) > 0 && (out.revents & (POLLERR | POLLHUP)) != 0) _reader_gone = true;
+    return _reader_gone;
 }
 
 bool Server::send(Json::Value const& message) { return sendLine(_writer.render(message)); }

@@ -60,7 +60,13 @@ class Server {
     void logOutcome(Request const& request, bool success, int code, std::string const& message);
     // Logs and ends the process without an answer.
     [[noreturn]] void exitNow(Request const& request, std::string const& why);
+    // Ends the process after an applied request whose answer a fault withholds:
+    // nothing is written, or the first half of `answer` without its line feed.
+    [[noreturn]] void exitAfterApplying(FiredFaults const& fired, Json::Value const& answer);
 
+    // True once the reader of our answers has gone away (a failed write, or
+    // the pipe reporting that its read end is closed): a transfer then stops.
+    bool clientGone();
     bool send(Json::Value const& message);
     bool sendLine(std::string line);
 

@@ -116,8 +116,8 @@ void Server::download(Request const& request, FiredFaults const& fired) {
             length = fired.shortDownload ? std::max<std::int64_t>(0, size - 1) : size;
         }
         Fd blob(in);
-        CopyResult copied =
-            copyBytes(blob.get(), out.get(), length, settings.progressBytes, progress.callback());
+        CopyResult copied = copyBytes(blob.get(), out.get(), length, settings.progressBytes,
+                                      progress.callback(), [this] { return clientGone(); });
         if (copied.bytes != length) {
             throw Error(500, "Internal Error (content of " + id + " is shorter than its size)");
         }
@@ -139,7 +139,7 @@ void Server::download(Request const& request, FiredFaults const& fired) {
             return done;
         },
         exitAfter ? "exited after applying (fault)" : "");
-    if (exitAfter) ::_exit(kFaultExitStatus);
+    if (exitAfter) exitAfterApplying(fired, response);
     send(response);
 }
 
@@ -181,8 +181,8 @@ void Server::upload(Request const& request, FiredFaults const& fired) {
                          static_cast<std::int64_t>(st.st_size), fired,
                          [&](std::string const& why) { exitNow(request, why); });
         blob.emplace(_store.blobs());
-        CopyResult copied =
-            copyWithMd5(in.get(), blob->fd(), settings.progressBytes, progress->callback());
+        CopyResult copied = copyWithMd5(in.get(), blob->fd(), settings.progressBytes,
+                                        progress->callback(), [this] { return clientGone(); });
         if (copied.bytes > 0) {
             content = NewContent{blob->name(), copied.bytes, copied.md5};
             blob->publish(settings.fsync);
@@ -209,7 +209,7 @@ void Server::upload(Request const& request, FiredFaults const& fired) {
         },
         exitAfter ? "exited after applying (fault)" : "");
     if (!content.blob.empty()) blob->keep();
-    if (exitAfter) ::_exit(kFaultExitStatus);
+    if (exitAfter) exitAfterApplying(fired, response);
     send(response);
 }
 

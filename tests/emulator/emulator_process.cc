@@ -164,6 +164,14 @@ std::vector<Json::Value> EmulatorProcess::transfer(Json::Value const& request) {
     }
 }
 
+Json::Value EmulatorProcess::finalAnswer() {
+    Json::Value message;
+    do {
+        message = receive();
+    } while (message.isObject() && !message.get("complete", true).asBool());
+    return message;
+}
+
 int EmulatorProcess::finish() {
     if (_to >= 0) ::close(_to);
     _to = -1;
@@ -174,6 +182,36 @@ int EmulatorProcess::finish() {
         _status = status;
     }
     return WIFEXITED(*_status) ? WEXITSTATUS(*_status) : 128 + WTERMSIG(*_status);
+}
+
+void EmulatorProcess::hangUp() {
+    for (int* fd : {&_to, &_from}) {
+        if (*fd >= 0) ::close(*fd);
+        *fd = -1;
+    }
+}
+
+Json::Value req(std::initializer_list<std::pair<char const*, std::string>> members) {
+    Json::Value r(Json::objectValue);
+    for (auto const& m : members) r[m.first] = m.second;
+    return r;
+}
+
+void AccountTest::TearDown() {
+    drive.reset();
+    removeTree(data);
+}
+
+std::unique_ptr<EmulatorProcess> AccountTest::start() {
+    auto process = std::make_unique<EmulatorProcess>(data);
+    EXPECT_TRUE(process->handshake());
+    return process;
+}
+
+void AccountTest::progressEvery(std::int64_t bytes) {
+    DriveEmulator::Settings s = drive->settings();
+    s.progressBytes = bytes;
+    drive->setSettings(s);
 }
 
 Json::Value parseJson(std::string const& text) {

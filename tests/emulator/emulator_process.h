@@ -3,14 +3,18 @@
 // as the plug-in's channel does.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <json/value.h>
 #include <json/writer.h>  // operator<< for Json::Value in test messages
 #include <sys/types.h>
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "drive_control.h"
 
 namespace EmulatorTest {
 
@@ -49,9 +53,15 @@ class EmulatorProcess {
     Json::Value call(Json::Value const& request);
     // Sends a transfer and reads up to and including its final message.
     std::vector<Json::Value> transfer(Json::Value const& request);
+    // Reads past progress messages to the final answer of a request (null if none).
+    Json::Value finalAnswer();
 
     // Closes stdin and waits; the exit status, or 128 + signal.
     int finish();
+    // Closes both pipe ends without waiting, as a client that gives up does.
+    void hangUp();
+    // What was read after the last complete line.
+    std::string const& unfinished() const { return _buffer; }
     pid_t pid() const { return _pid; }
 
   private:
@@ -69,5 +79,21 @@ std::string makeTempFolder(char const* tag);
 void removeTree(std::string const& path);
 void writeFile(std::string const& path, std::string const& content);
 std::string readFile(std::string const& path);
+
+// A request object from (member, value) pairs.
+Json::Value req(std::initializer_list<std::pair<char const*, std::string>> members);
+
+// A fresh account in a private folder, removed afterwards.
+class AccountTest : public ::testing::Test {
+  protected:
+    void SetUp() override { drive.emplace(DriveEmulator::Drive::init(data)); }
+    void TearDown() override;
+    // An emulator started on the account; the test fails if it does not say "start".
+    std::unique_ptr<EmulatorProcess> start();
+    void progressEvery(std::int64_t bytes);
+
+    std::string data = makeTempFolder("emulator-test");
+    std::optional<DriveEmulator::Drive> drive;
+};
 
 }  // namespace EmulatorTest

