@@ -7,6 +7,7 @@
 #include <json/value.h>
 
 #include <list>
+#include <set>
 #include <string>
 
 #include "backup/transfer_agent.h"
@@ -163,6 +164,10 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // false (nothing deleted) otherwise.
     bool settleDuplicates(std::string const& name, std::list<GoogleDrive::FileMeta> const& found,
                           GoogleDrive::FileMeta& kept);
+    // Remembers a creation of `name` in `pid` whose answer was lost (the
+    // channel closed before it came), so that the next lookup of that name
+    // does not trust a lagging name listing.
+    void noteLostCreation(std::string const& pid, std::string const& name);
     // One listing request for the folder `id`: does it hold anything?
     bool folderHasChildren(std::string const& id, bool& hasChildren);
     // The object at `remotePath`; when the walk was answered by the node
@@ -190,6 +195,8 @@ class TransferAgentGoogleDrive : public TransferAgent {
     std::string _cache_path;
     std::string _target_id;
     GoogleDriveTA::FileMetaStore _node_cache;
+    // (parent id, name) of creations that may have been applied unseen.
+    std::set<std::pair<std::string, std::string>> _creations_in_doubt;
 };
 
 // Reads the access token (empty when missing) and the refresh token from the

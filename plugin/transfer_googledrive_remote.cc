@@ -10,6 +10,7 @@
 #include "plugin_log.h"
 #include "transfer_googledrive.h"
 #include "transfer_googledrive_edge.h"
+#include "transfer_googledrive_names.h"
 #include "transfer_googledrive_trace.h"
 
 namespace TAVO {
@@ -17,27 +18,6 @@ namespace Backup {
 namespace {
 char const kLogSource[] = "transfer_googledrive";
 
-// A value inside the quotes of a Drive query: Drive's query language reads
-// \' as an apostrophe and \\ as a backslash, and nothing else needs escaping.
-std::string _escape_query_literal(std::string const& value) {
-    if (value.find_first_of("'\\") == std::string::npos) return value;
-    std::string escaped;
-    escaped.reserve(value.size() + 8);
-    for (char c : value) {
-        if (c == '\'' || c == '\\') escaped += '\\';
-        escaped += c;
-    }
-    return escaped;
-}
-
-// Drive compares names case-insensitively; folding ASCII letters covers the
-// names a backup writes.
-std::string _fold_name(std::string name) {
-    for (char& c : name) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return name;
-}
 }  // namespace
 
 // The opening every request shares: a drive agent, the node cache, and (for
@@ -98,8 +78,8 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
     GD_OPEN_REQUEST(true, false);
 
     list.clear();
-    std::string query = "('" + _escape_query_literal(pid) + "' in parents)";
-    if (!name.empty()) query += " and (name = '" + _escape_query_literal(name) + "')";
+    std::string query = "('" + escapeQueryLiteral(pid) + "' in parents)";
+    if (!name.empty()) query += " and (name = '" + escapeQueryLiteral(name) + "')";
 
     std::string pageToken;
     // A token seen twice would make the listing go round for ever.
@@ -157,10 +137,10 @@ void TransferAgentGoogleDrive::learnListing(std::string const& pid, std::string 
     // the index, and an entry learned before is dropped: a later walk must ask
     // the service and be refused again, not pick one of them from the cache.
     std::map<std::string, int> spellings;
-    for (auto const& meta : list) ++spellings[_fold_name(meta.name)];
+    for (auto const& meta : list) ++spellings[foldName(meta.name)];
     if (!name.empty() && list.size() > 1) _node_cache.remove(pid, name);
     for (auto const& meta : list) {
-        bool clashing = (!name.empty() && list.size() > 1) || spellings[_fold_name(meta.name)] > 1;
+        bool clashing = (!name.empty() && list.size() > 1) || spellings[foldName(meta.name)] > 1;
         if (clashing) {
             _node_cache.remove(pid, meta.name);
         } else {
@@ -169,13 +149,19 @@ void TransferAgentGoogleDrive::learnListing(std::string const& pid, std::string 
     }
 }
 
+void TransferAgentGoogleDrive::noteLostCreation(std::string const& pid, std::string const& name) {
+    // A closed channel means the answer never came: the service may have
+    // made the object all the same.
+    if (!_client.isConnected()) _creations_in_doubt.insert({pid, name});
+}
+
 bool TransferAgentGoogleDrive::folderHasChildren(std::string const& id, bool& hasChildren) {
     GD_LOG(LOG_DEBUG, "@folderHasChildren: id=[%s]", id.c_str());
     GD_OPEN_REQUEST(false, false);
 
     Json::Value request;
     request["fn"] = "listObjects";
-    request["queryFilter"] = "('" + _escape_query_literal(id) + "' in parents)";
+    request["queryFilter"] = "('" + escapeQueryLiteral(id) + "' in parents)";
     if (!_client.send(request, _response)) {
         return googledriveConverTransferResponse(false, _response, true, "listObjects", __LINE__);
     }
@@ -198,6 +184,7 @@ bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string
     request["name"] = name;
     request["parentId"] = pid;
     if (!_client.send(request, _response)) {
+        noteLostCreation(pid, name);
         return googledriveConverTransferResponse(false, _response, true, "createFolder", __LINE__);
     }
     if (!readResponseRecord(meta)) return false;

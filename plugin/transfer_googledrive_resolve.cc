@@ -8,6 +8,7 @@
 #include "backup/path_check.h"
 #include "plugin_log.h"
 #include "transfer_googledrive.h"
+#include "transfer_googledrive_names.h"
 
 namespace TAVO {
 namespace Backup {
@@ -47,6 +48,18 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
         GD_LOG(LOG_ERR, "listObjects failed: pid=[%s], name=[%s], error[%d]", pid.c_str(),
                name.c_str(), getError());
         return false;
+    }
+    if (found.empty() && _creations_in_doubt.count({pid, name}) != 0) {
+        // A creation of this name lost its answer: name listings lag behind
+        // writes, a listing of the whole folder does not.
+        if (!listObjects(pid, "", found)) {
+            GD_LOG(LOG_ERR, "listObjects failed: pid=[%s], name=[%s], error[%d]", pid.c_str(), "",
+                   getError());
+            return false;
+        }
+        _creations_in_doubt.erase({pid, name});
+        std::string folded = foldName(name);
+        found.remove_if([&](GoogleDrive::FileMeta const& m) { return foldName(m.name) != folded; });
     }
     if (found.empty()) {
         GD_LOG(LOG_DEBUG, "not found, pid=%s, name=%s", pid.c_str(), name.c_str());
@@ -163,7 +176,11 @@ bool TransferAgentGoogleDrive::statMeta(std::string const& path, GoogleDrive::Fi
         std::string id = meta.id;
         if (!getObjectMeta(id, meta)) {
             GD_LOG(LOG_DEBUG, "getObjectMeta(%s) failed, error[%d]", id.c_str(), getError());
-            return false;
+            if (getError() != ERR_REMOTE_NOT_FOUND) return false;
+            // The remembered object is gone (and forgotten); the path may name
+            // another one now. Taken for absent, it would be uploaded twice.
+            if (!findFileMetaByPath(false, path, meta)) return false;
+            if (meta.status.empty()) return getObjectMeta(meta.id, meta);
         }
     }
     return true;

@@ -133,7 +133,9 @@ bool TransferAgentGoogleDrive::uploadFile(std::string const& name, std::string c
     request["name"] = name;
     request["parentId"] = parentId;
     request["inputPath"] = localPath;
-    return storeContent(request, fileSize, progress, meta);
+    if (storeContent(request, fileSize, progress, meta)) return true;
+    noteLostCreation(parentId, name);
+    return false;
 }
 
 bool TransferAgentGoogleDrive::overwriteFile(std::string const& id, std::string const& localPath,

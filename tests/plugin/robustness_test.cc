@@ -107,6 +107,9 @@ TEST_F(RobustnessTest, DeleteOfAStaleCachedPathSparesTheMovedObject) {
     ASSERT_TRUE(agent->stat("b/x", info));
     drive->remove(fileId);
     drive->put(bId, "x", "new");  // same path, another object
+    ASSERT_TRUE(agent->sendFile(writeLocal("l", "newer"), "b/x")) << getError();
+    EXPECT_EQ(1, objectsNamed(bId, "x")) << "overwritten, not uploaded beside it";
+    drive->remove(drive->lookup(bId, "x")[0].id);
     EXPECT_TRUE(agent->removeFile("b/x"));
     EXPECT_EQ(0, objectsNamed(bId, "x"));
 }
@@ -207,14 +210,23 @@ TEST_F(RobustnessTest, NamesWithQuotesAndBackslashesWorkEverywhere) {
 TEST_F(RobustnessTest, CopiesLeftByLostAnswersAreSettledByTheNextLookup) {
     std::string local = writeLocal("up", "content");
     // The agent applies the request, then dies before answering; the name
-    // listings lag, so the engine's retry makes a second object.
-    for (char const* fn : {"uploadFile", "createFolder"}) {
+    // listings lag behind. The same agent knows that its answer was lost and
+    // looks again; an engine that restarted in between makes a second object.
+    auto loseNextAnswer = [&](char const* fn) {
         drive->addFault(Fault::exitAfterApply(fn));
         drive->addFault(Fault::listingLag(1, fn));
-    }
+    };
+    loseNextAnswer("uploadFile");
+    EXPECT_FALSE(agent->sendFile(local, "once"));
+    EXPECT_TRUE(agent->sendFile(local, "once")) << getError();
+    EXPECT_EQ(1, objectsNamed(targetId, "once"));
+    loseNextAnswer("uploadFile");
     EXPECT_FALSE(agent->sendFile(local, "f"));
+    recreateAgent();
     EXPECT_TRUE(agent->sendFile(local, "f")) << getError();
+    loseNextAnswer("createFolder");
     EXPECT_FALSE(agent->createDir("d"));
+    recreateAgent();
     EXPECT_TRUE(agent->createDir("d")) << getError();
     ASSERT_EQ(2, objectsNamed(targetId, "f"));
     auto folders = drive->lookup(targetId, "d");
