@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <set>
 
 #include "backup/error.h"
@@ -62,37 +63,41 @@ TEST_F(DriveAgentTest, HandshakeSucceedsAndLeavesNoCredentialsBehind) {
     EXPECT_EQ(1u, servingPids(*drive).size());
 }
 
-TEST_F(DriveAgentTest, TokenTheAgentCannotDecodeIsACredentialsError) {
-    unsetenv("LANG");
-    repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "not base64 at all!");
+TEST_F(DriveAgentTest, FailedStartsAreToldApartAndLeaveNoCredentials) {
+    std::string const root = getenv("TAVO_ROOT");
+    struct Row {
+        std::function<void()> arrange;
+        int wantError;
+        int wantCoreError;
+        char const* logged;
+    } const rows[] = {
+        {[&] { drive->addFault(Fault::refuseHandshake("startle")); }, 1, 0x2a00,
+         "agent start failed: startle"},
+        {[&] { setenv("TAVO_ROOT", "/nonexistent-root", 1); }, 1, 0x2a00, "TAVOPipeOpen failed"},
+        {[&] {
+             setenv("TAVO_ROOT", root.c_str(), 1);
+             repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "not base64!");
+             recreateAgent();
+         },
+         2107, 0x300, "connect failed"},
+    };
+    AccountInfo info;
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.logged);
+        unsetenv("LANG");
+        TestSupport::clearSyslog();
+        row.arrange();
+        EXPECT_FALSE(agent->getAccountInfo(info));
+        EXPECT_EQ(row.wantError, getError());
+        EXPECT_EQ(row.wantCoreError, TLIBCErrGet());
+        EXPECT_TRUE(TestSupport::syslogHas(row.logged, LOG_ERR));
+        expectNoCredentialsInEnvironment();
+        EXPECT_EQ(nullptr, getenv("LANG"));
+    }
+    // Once the cause is gone the next operation starts an agent.
+    repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
     recreateAgent();
-    AccountInfo info;
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(2107, getError());
-    EXPECT_EQ(0x300, TLIBCErrGet());
-    expectNoCredentialsInEnvironment();
-    EXPECT_EQ(nullptr, getenv("LANG"));
-    EXPECT_TRUE(TestSupport::syslogHas("connect failed", LOG_ERR));
-}
-
-TEST_F(DriveAgentTest, AnyOtherFirstLineIsAGeneralFailure) {
-    drive->addFault(Fault::refuseHandshake("startle"));
-    AccountInfo info;
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(1, getError());
-    EXPECT_EQ(0x2a00, TLIBCErrGet());
-    EXPECT_TRUE(TestSupport::syslogHas("agent start failed: startle", LOG_ERR));
-    expectNoCredentialsInEnvironment();
-    // The next operation tries again and succeeds.
     ASSERT_TRUE(agent->getAccountInfo(info));
-}
-
-TEST_F(DriveAgentTest, MissingAgentProgramFailsToStart) {
-    setenv("TAVO_ROOT", "/nonexistent-root", 1);
-    AccountInfo info;
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(1, getError());
-    expectNoCredentialsInEnvironment();
 }
 
 TEST_F(DriveAgentTest, ReconnectingReplacesTheAgentAndReapsIt) {
@@ -106,10 +111,7 @@ TEST_F(DriveAgentTest, ReconnectingReplacesTheAgentAndReapsIt) {
     client.close();
     EXPECT_FALSE(client.isConnected());
     EXPECT_TRUE(processGone(second));
-}
-
-TEST_F(DriveAgentTest, CancelHookStopsTheStartWithoutSideEffects) {
-    InspectableClient client;
+    // A cancel hook that fires stops the start without side effects.
     client.setCancelHook([] { return true; });
     EXPECT_FALSE(client.connect("a", "cmVmcmVzaA==", true));
     EXPECT_FALSE(client.isConnected());
@@ -123,37 +125,6 @@ TEST_F(DriveAgentTest, TransientFailuresAreRetriedUntilSuccess) {
     EXPECT_EQ(4, requests("getAccountInfo"));
 }
 
-TEST_F(DriveAgentTest, RetryDecisionsByCode) {
-    struct Row {
-        int code;
-        char const* message;
-        bool retried;
-        int wantError;
-    } const rows[] = {
-        {403, "User Rate Limit Exceeded", true, 0},
-        {403, "Forbidden", false, 2000},
-        {408, "", true, 0},
-        {-2, "agent failure", true, 0},
-        {-4, "agent failure", true, 0},
-        {-3, "user canceled", false, 4},
-        {-1, "unknown", false, 1},
-        {401, "Invalid Credentials", false, 2107},
-    };
-    AccountInfo info;
-    ASSERT_TRUE(agent->getAccountInfo(info));  // connect once
-    for (auto const& row : rows) {
-        SCOPED_TRACE(row.code);
-        drive->clearRequestLog();
-        drive->addFault(Fault::fail("getAccountInfo", row.code, row.message));
-        setError(0);
-        EXPECT_EQ(row.retried, agent->getAccountInfo(info));
-        EXPECT_EQ(row.retried ? 2 : 1, requests("getAccountInfo"));
-        if (!row.retried) {
-            EXPECT_EQ(row.wantError, getError());
-        }
-    }
-}
-
 TEST_F(DriveAgentTest, RateLimitThatOutlastsTheRetriesIsARefusal) {
     drive->addFault(Fault::fail("getAccountInfo", 403, "User Rate Limit Exceeded").always());
     AccountInfo info;
@@ -162,22 +133,16 @@ TEST_F(DriveAgentTest, RateLimitThatOutlastsTheRetriesIsARefusal) {
     EXPECT_EQ(10, requests("getAccountInfo"));
 }
 
-TEST_F(DriveAgentTest, AgentDyingMidRequestFailsItAndTheNextOperationReconnects) {
+TEST_F(DriveAgentTest, BrokenAnswerFailsTheRequestAndTheNextOperationReconnects) {
     AccountInfo info;
+    for (Fault fault : {Fault::exitBeforeAnswer("getAccountInfo"), Fault::garbage("getAccountInfo")}) {
+        ASSERT_TRUE(agent->getAccountInfo(info));
+        drive->addFault(fault);
+        EXPECT_FALSE(agent->getAccountInfo(info));
+        EXPECT_EQ(1, getError());
+    }
     ASSERT_TRUE(agent->getAccountInfo(info));
-    drive->addFault(Fault::exitBeforeAnswer("getAccountInfo"));
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(1, getError());
-    ASSERT_TRUE(agent->getAccountInfo(info));
-    EXPECT_EQ(2u, servingPids(*drive).size());
-}
-
-TEST_F(DriveAgentTest, GarbageLineFailsTheRequestAndReconnects) {
-    drive->addFault(Fault::garbage("getAccountInfo"));
-    AccountInfo info;
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(1, getError());
-    ASSERT_TRUE(agent->getAccountInfo(info));
+    EXPECT_EQ(3u, servingPids(*drive).size());
 }
 
 TEST_F(DriveAgentTest, CancelHookStopsRequestsThatChangeThings) {
@@ -240,42 +205,24 @@ TEST_F(NodeCacheFileTest, WrittenOnlyWhenChangedAndNeverByTheDestructor) {
     EXPECT_FALSE(fileExists(cacheFile()));
 }
 
-TEST_F(NodeCacheFileTest, ANewAgentResolvesFromTheSavedCache) {
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    ASSERT_TRUE(agent->flushCache());
-    recreateAgent();
-    drive->clearRequestLog();
-    ASSERT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
-    EXPECT_EQ(targetId, id);
-    EXPECT_EQ(0, requests());
-}
-
-TEST_F(NodeCacheFileTest, WithoutACacheFolderTheCacheLivesInMemoryOnly) {
-    repository().setCacheRoot("");
-    recreateAgent();
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    EXPECT_TRUE(agent->flushCache());
-    EXPECT_FALSE(fileExists(cacheFile()));
-    // Still answers from memory.
-    drive->clearRequestLog();
-    EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
-    EXPECT_EQ(0, requests());
-}
-
-TEST_F(NodeCacheFileTest, UnreadableFileIsReplacedByTheNextFlush) {
-    if (geteuid() == 0) GTEST_SKIP() << "root reads any file";
-    std::string dir = cacheFile().substr(0, cacheFile().rfind('/'));
-    ASSERT_EQ(0, system(("mkdir -p '" + dir + "'").c_str()));
-    writeLocal("junk", "{\"i\":\"x\"}\n");
-    ASSERT_EQ(0, rename(localPath("junk").c_str(), cacheFile().c_str()));
-    ASSERT_EQ(0, chmod(cacheFile().c_str(), 0));
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    ASSERT_TRUE(agent->flushCache());
-    ASSERT_EQ(0, chmod(cacheFile().c_str(), 0600));
-    EXPECT_NE(std::string::npos, readFile(cacheFile()).find(targetId));
+TEST_F(NodeCacheFileTest, ANewAgentResolvesFromTheSavedCacheOrMemoryWithoutAFolder) {
+    for (bool withFolder : {true, false}) {
+        SCOPED_TRACE(withFolder);
+        if (!withFolder) repository().setCacheRoot("");
+        recreateAgent();
+        std::string id;
+        ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
+        ASSERT_TRUE(agent->flushCache());
+        EXPECT_EQ(withFolder, fileExists(cacheFile()));
+        if (withFolder) recreateAgent();
+        drive->clearRequestLog();
+        ASSERT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
+        EXPECT_EQ(targetId, id);
+        EXPECT_EQ(0, requests());
+        if (withFolder) {
+            ASSERT_EQ(0, unlink(cacheFile().c_str()));
+        }
+    }
 }
 
 TEST_F(NodeCacheFileTest, GarbageFileIsReplacedByTheNextFlush) {

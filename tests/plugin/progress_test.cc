@@ -125,4 +125,9 @@ TEST_F(ProgressTest, AgentThatStopsMidTransferFailsIt) {
     run(1000, ok);
     EXPECT_FALSE(ok);
     EXPECT_EQ(1, getError());
+    // Nothing more can be sent on the closed channel.
+    setError(0);
+    long size = 1000;
+    EXPECT_FALSE(agent->sendRequestAndUpdateProgress(Json::Value(), size, {}));
+    EXPECT_EQ(1, getError());
 }

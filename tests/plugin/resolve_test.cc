@@ -128,6 +128,10 @@ TEST_F(ResolveTest, TrashedObjectIsAbsentAndLeavesTheCache) {
     std::string id;
     EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a/b/f", id));
     EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T/a/b", id));
+    // Found by a listing instead: just as absent.
+    recreateAgent();
+    EXPECT_FALSE(agent->stat("a/b/f", info));
+    EXPECT_EQ(2003, getError());
 }
 
 TEST_F(ResolveTest, DeletedObjectIsForgotten) {
@@ -217,7 +221,9 @@ TEST_F(ResolveTest, FrozenCacheStillAnswersButLearnsNothing) {
     std::string id;
     ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
     agent->freezeNodeCache(true);
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a", id));
+    GoogleDrive::FileMeta meta;
+    ASSERT_TRUE(agent->getObjectMeta(aId, meta));
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
     agent->freezeNodeCache(false);
     EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
     EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a", id));

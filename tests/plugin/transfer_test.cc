@@ -174,6 +174,17 @@ TEST_F(TransferTest, CancellationBeforeAnyRequestAndBetweenMessages) {
     EXPECT_EQ(4, getError());
     EXPECT_FALSE(fileExists(down));
     EXPECT_EQ(0, countTempFilesBeside(down));
+
+    // Canceled once the object's status is known: nothing is fetched.
+    recreateAgent();
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/f", id));
+    drive->clearRequestLog();
+    agent->setCancelHook([&] { return requests("getObjectMeta") > 0; });
+    EXPECT_FALSE(agent->recvFile("f", down));
+    EXPECT_EQ(4, getError());
+    agent.reset();  // the drive agent has logged every request once it is gone
+    EXPECT_EQ(0, requests("downloadFile"));
 }
 
 TEST_F(TransferTest, ProgressReportsOnlyGrowth) {
