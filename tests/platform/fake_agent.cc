@@ -15,7 +15,6 @@
 //   argv          answer with the argument list
 //   closein       close stdin, say "stdin closed", exit once stdout has no reader
 //   hang          ignore SIGTERM and the end of stdin, sleep until killed
-//   sleep:MS      sleep MS milliseconds
 //   exit          exit at once
 #include <dirent.h>
 #include <poll.h>
@@ -92,8 +91,6 @@ void runStep(std::string const& step, int argc, char** argv) {
         writeOut(text + "\n");
     } else if (verb == "exit") {
         _exit(0);
-    } else if (verb == "sleep") {
-        usleep(static_cast<useconds_t>(atoi(arg.c_str())) * 1000);
     } else if (verb == "closein") {
         close(STDIN_FILENO);
         writeOut("stdin closed\n");

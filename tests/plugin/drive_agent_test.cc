@@ -133,18 +133,6 @@ TEST_F(DriveAgentTest, RateLimitThatOutlastsTheRetriesIsARefusal) {
     EXPECT_EQ(10, requests("getAccountInfo"));
 }
 
-TEST_F(DriveAgentTest, BrokenAnswerFailsTheRequestAndTheNextOperationReconnects) {
-    AccountInfo info;
-    for (Fault fault : {Fault::exitBeforeAnswer("getAccountInfo"), Fault::garbage("getAccountInfo")}) {
-        ASSERT_TRUE(agent->getAccountInfo(info));
-        drive->addFault(fault);
-        EXPECT_FALSE(agent->getAccountInfo(info));
-        EXPECT_EQ(1, getError());
-    }
-    ASSERT_TRUE(agent->getAccountInfo(info));
-    EXPECT_EQ(3u, servingPids(*drive).size());
-}
-
 TEST_F(DriveAgentTest, CancelHookStopsRequestsThatChangeThings) {
     AccountInfo info;
     GoogleDrive::FileMeta meta;

@@ -25,10 +25,8 @@ protected:
         setenv("TAVO_ROOT", (_dir + "/root").c_str(), 1);
         setenv("TAVO_AGENT_PAUSE_UNIT_MS", "0", 1);
         setenv("SCRIPTED_AGENT_TRANSCRIPT", (_dir + "/transcript").c_str(), 1);
-        Repository repo;
         repo.options().set(Repository::SZK_REMOTE_BUCKET, "C");
         repo.options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
-        agent = std::make_unique<TransferAgentGoogleDrive>(repo);
     }
     void TearDown() override {
         agent.reset();
@@ -59,73 +57,55 @@ protected:
         return increments;
     }
 
+    Repository repo;
     std::unique_ptr<TransferAgentGoogleDrive> agent;
-
-private:
     std::string _dir;
 };
 
-TEST_F(ProgressTest, ReportsOnlyGrowthOfTheHighestPosition) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.5}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.5}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.25}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":1.0}\n"
-        "> {\"success\":true}\n");
-    bool ok = false;
-    EXPECT_EQ((std::vector<long>{500, 500}), run(1000, ok));
-    EXPECT_TRUE(ok);  // a final message without "complete" ends the transfer
+// Transcript lines: one progress message for each fraction, then `final`.
+std::string progressing(std::vector<double> const& fractions, std::string const& final) {
+    std::string out;
+    for (double f : fractions)
+        out += "> {\"success\":true,\"complete\":false,\"progress\":" + std::to_string(f) + "}\n";
+    return out + (final.empty() ? "" : "> " + final + "\n");
 }
 
-TEST_F(ProgressTest, ResentRequestKeepsThePositionAlreadyReported) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.6}\n"
-        "> {\"success\":false,\"error_code\":503,\"error_message\":\"Backend Error\"}\n"
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.3}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.8}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":1.0}\n"
-        "> {\"success\":true,\"complete\":true}\n");
-    bool ok = false;
-    EXPECT_EQ((std::vector<long>{600, 200, 200}), run(1000, ok));
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(2, requestsSent());
-}
-
-TEST_F(ProgressTest, EmptyFileNeverReportsProgress) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.5}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":1.0}\n"
-        "> {\"success\":true,\"complete\":true}\n");
-    bool ok = false;
-    EXPECT_TRUE(run(0, ok).empty());
-    EXPECT_TRUE(ok);
-}
-
-TEST_F(ProgressTest, NonRetryableFailureEndsTheTransferWithItsCode) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.4}\n"
-        "> {\"success\":false,\"error_code\":404,\"error_message\":\"File not found\"}\n");
-    bool ok = true;
-    EXPECT_EQ((std::vector<long>{400}), run(1000, ok));
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(2003, getError());
-    EXPECT_EQ(1, requestsSent());
-}
-
-TEST_F(ProgressTest, AgentThatStopsMidTransferFailsIt) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.4}\n");
-    bool ok = true;
-    run(1000, ok);
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(1, getError());
-    // Nothing more can be sent on the closed channel.
+TEST_F(ProgressTest, ReportsOnlyGrowthAndEndsOnTheFinalAnswer) {
+    struct Row {
+        std::string transcript;
+        long size;
+        std::vector<long> increments;
+        bool ok;
+        int error;
+        int requests;
+    } const rows[] = {
+        // A final message without "complete" ends the transfer.
+        {"<\n" + progressing({0.5, 0.5, 0.25, 1.0}, R"({"success":true})"), 1000, {500, 500}, true,
+         0, 1},
+        // A re-sent request keeps the position already reported.
+        {"<\n" + progressing({0.6}, R"({"success":false,"error_code":503})") + "<\n" +
+             progressing({0.3, 0.8, 1.0}, R"({"success":true,"complete":true})"),
+         1000, {600, 200, 200}, true, 0, 2},
+        {"<\n" + progressing({0.5, 1.0}, R"({"success":true,"complete":true})"), 0, {}, true, 0, 1},
+        // A final failure ends the transfer with its code.
+        {"<\n" + progressing({0.4}, R"({"success":false,"error_code":404})"), 1000, {400}, false,
+         2003, 1},
+        // So does an agent that stops mid-transfer.
+        {"<\n" + progressing({0.4}, ""), 1000, {400}, false, 1, 1},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.transcript);
+        transcript(row.transcript);
+        agent = std::make_unique<TransferAgentGoogleDrive>(repo);
+        setError(0);
+        bool ok = !row.ok;
+        EXPECT_EQ(row.increments, run(row.size, ok));
+        EXPECT_EQ(row.ok, ok);
+        EXPECT_EQ(row.error, getError());
+        EXPECT_EQ(row.requests, requestsSent());
+        unlink((_dir + "/transcript.requests").c_str());
+    }
+    // Nothing more can be sent on the channel the last agent closed.
     setError(0);
     long size = 1000;
     EXPECT_FALSE(agent->sendRequestAndUpdateProgress(Json::Value(), size, {}));
