@@ -95,38 +95,6 @@ TEST_F(PipeOpenTest, OnlyTheStandardDescriptorsReachTheChild) {
     close(strayPipe[1]);
 }
 
-TEST_F(PipeOpenTest, RootRedirectsAnAbsoluteProgramThatExistsUnderIt) {
-    TempFolder root;
-    ASSERT_FALSE(root.path().empty());
-    std::string const program = "/tavo-test-absent/bin/agent";
-    std::string const rooted = root.path() + program;
-    ASSERT_EQ(0, system(("mkdir -p '" + root.path() + "/tavo-test-absent/bin'").c_str()));
-    ASSERT_EQ(0, symlink(FAKE_AGENT_PATH, rooted.c_str()));
-
-    for (std::string const suffix : {"", "/"}) {
-        SCOPED_TRACE("TAVO_ROOT with suffix [" + suffix + "]");
-        setenv("TAVO_ROOT", (root.path() + suffix).c_str(), 1);
-        pid_t pid = -1;
-        TAVOPipe* pipe = TAVOPipeOpen(&pid, program.c_str(), "argv", "/an/absolute/arg", nullptr);
-        ASSERT_NE(nullptr, pipe) << strerror(errno);
-        Json::Value argv = ask(pipe)["argv"];
-        ASSERT_EQ(3u, argv.size());
-        EXPECT_EQ(rooted, argv[0].asString()) << "argv[0] is the file run";
-        EXPECT_EQ("/an/absolute/arg", argv[2].asString()) << "arguments are not rooted";
-        finish(pipe, pid);
-    }
-
-    // A program missing under the root runs from its own path, its arguments as given.
-    setenv("TAVO_ROOT", root.path().c_str(), 1);
-    pid_t pid = -1;
-    TAVOPipe* pipe = TAVOPipeOpen(&pid, FAKE_AGENT_PATH, "argv", "", "two words", "x\"y", nullptr);
-    ASSERT_NE(nullptr, pipe) << strerror(errno);
-    Json::Value const argv = ask(pipe)["argv"];
-    EXPECT_EQ(R"([")" FAKE_AGENT_PATH R"(","argv","","two words","x\"y"])",
-              TAVO::JsonText::toString(argv));
-    finish(pipe, pid);
-}
-
 TEST_F(PipeOpenTest, ProgramThatCannotRunGivesNullAndNoChild) {
     TempFolder folder;
     ASSERT_FALSE(folder.path().empty());

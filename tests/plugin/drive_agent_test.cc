@@ -58,9 +58,15 @@ TEST_F(DriveAgentTest, HandshakeSucceedsAndLeavesNoCredentialsBehind) {
     EXPECT_STREQ("C.UTF-8", getenv("LANG"));
 
     // A second operation reuses the running agent.
+    drive->setQuota(1000);
+    drive->put(targetId, "f", std::string(10, 'x'));
+    info = AccountInfo();
     ASSERT_TRUE(agent->getAccountInfo(info));
     EXPECT_EQ(2, requests("getAccountInfo"));
     EXPECT_EQ(1u, servingPids(*drive).size());
+    EXPECT_EQ(1000, info.quota);
+    EXPECT_EQ(10, info.usedSize);
+    EXPECT_FALSE(info.isUnlimitedQuota);
 }
 
 TEST_F(DriveAgentTest, FailedStartsAreToldApartAndLeaveNoCredentials) {
@@ -155,17 +161,6 @@ TEST_F(DriveAgentTest, CancelHookStopsRequestsThatChangeThings) {
     EXPECT_EQ(4, getError());
     EXPECT_EQ(0, requests());
     EXPECT_TRUE(drive->exists(targetId));
-}
-
-TEST_F(DriveAgentTest, AccountQuotaIsReported) {
-    drive->setQuota(1000);
-    drive->put(targetId, "f", std::string(10, 'x'));
-    AccountInfo info;
-    info.isUnlimitedQuota = false;
-    ASSERT_TRUE(agent->getAccountInfo(info));
-    EXPECT_EQ(1000, info.quota);
-    EXPECT_EQ(10, info.usedSize);
-    EXPECT_FALSE(info.isUnlimitedQuota);
 }
 
 // ---- Node cache attachment and persistence ----

@@ -87,16 +87,6 @@ TEST_F(OperationsTest, StatusQueries) {
     ASSERT_TRUE(agent->stat("f", info));
     EXPECT_EQ(5, info.getSize());
     EXPECT_TRUE(info.isRegType());
-
-    std::vector<std::string> trace;
-    TransferAgent::setDebugSink([&](std::string const& line) { trace.push_back(line); });
-    TransferAgent::setDebug(true);
-    setError(2003);
-    EXPECT_TRUE(agent->isExist("d"));
-    TransferAgent::setDebug(false);
-    TransferAgent::setDebugSink(boost::function<void(std::string const&)>());
-    ASSERT_EQ(1u, trace.size());
-    EXPECT_NE(std::string::npos, trace[0].find(" isExist(d) [0]"));
 }
 
 TEST_F(OperationsTest, ListDirAndContainer) {
