@@ -16,26 +16,6 @@
 
 namespace {
 
-// A fresh folder for one test, removed with everything in it.
-class TempFolder {
-  public:
-    TempFolder() {
-        char pattern[] = "/tmp/pipe_open_test.XXXXXX";
-        char* made = mkdtemp(pattern);
-        if (made != nullptr) _path = made;
-    }
-    ~TempFolder() {
-        if (!_path.empty()) {
-            std::string command = "rm -rf '" + _path + "'";
-            if (system(command.c_str()) != 0) ADD_FAILURE() << "could not remove " << _path;
-        }
-    }
-    std::string const& path() const { return _path; }
-
-  private:
-    std::string _path;
-};
-
 // One request to a started fake_agent and its parsed answer, over the raw pipe.
 Json::Value ask(TAVOPipe* pipe) {
     static char const kRequest[] = "{}\n";
@@ -96,24 +76,15 @@ TEST_F(PipeOpenTest, OnlyTheStandardDescriptorsReachTheChild) {
 }
 
 TEST_F(PipeOpenTest, ProgramThatCannotRunGivesNullAndNoChild) {
-    TempFolder folder;
-    ASSERT_FALSE(folder.path().empty());
-    std::string const plain = folder.path() + "/not-executable";
-    int fd = open(plain.c_str(), O_WRONLY | O_CREAT, 0644);
-    ASSERT_GE(fd, 0);
-    close(fd);
-
     struct Case {
-        std::string program;
+        char const* program;
         int error;
-    } const cases[] = {
-        {folder.path() + "/missing", ENOENT}, {plain, EACCES}, {folder.path(), EACCES},  // a folder
-    };
+    } const cases[] = {{"/nonexistent/agent", ENOENT}, {"/etc/passwd", EACCES}, {"/tmp", EACCES}};
     for (Case const& c : cases) {
         SCOPED_TRACE(c.program);
         pid_t pid = 12345;
         errno = 0;
-        EXPECT_EQ(nullptr, TAVOPipeOpen(&pid, c.program.c_str(), nullptr));
+        EXPECT_EQ(nullptr, TAVOPipeOpen(&pid, c.program, nullptr));
         EXPECT_EQ(c.error, errno) << strerror(errno);
         EXPECT_EQ(12345, pid) << "the pid is left untouched";
         EXPECT_TRUE(noChildLeft());

@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "backup/error.h"
 #include "emulated_drive.h"
@@ -166,29 +167,30 @@ TEST_F(CheckCacheTest, KeepsACacheThatStillMatches) {
     EXPECT_EQ(0, requests("listObjects"));
 }
 
-TEST_F(CheckCacheTest, DropsTheWholeCacheWhenPoolMoved) {
-    std::string elsewhere = drive->mkdir(containerId, "other");
-    drive->move(poolId, elsewhere);
-    EXPECT_TRUE(agent->checkCache());
-    EXPECT_TRUE(TestSupport::syslogHas("node not below the original parent, [/C/T/Pool]", LOG_ERR));
-    EXPECT_TRUE(TestSupport::syslogHas("drop node cache", LOG_ERR));
-    EXPECT_FALSE(cacheKnows("/C/T"));
-    EXPECT_EQ("", readFile(cacheFile()));
-    // Later operations fill it again.
-    std::string id;
-    EXPECT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-}
-
-TEST_F(CheckCacheTest, RenamedEntriesDropTheCache) {
-    for (auto renamed : {std::make_pair(poolId, "[/C/T/Pool]"), std::make_pair(containerId, "[/C]")}) {
-        SCOPED_TRACE(renamed.second);
-        ASSERT_TRUE(cacheKnows("/C/T")) << "the cache is warm";
-        drive->rename(renamed.first, "Other");
+TEST_F(CheckCacheTest, AMovedOrRenamedEntryDropsTheWholeCache) {
+    std::string const elsewhere = drive->mkdir(containerId, "other");
+    struct Row {
+        std::function<void()> change, undo;
+        char const* logged;
+    } const rows[] = {
+        {[&] { drive->move(poolId, elsewhere); }, [&] { drive->move(poolId, targetId); },
+         "node not below the original parent, [/C/T/Pool]"},
+        {[&] { drive->rename(poolId, "P"); }, [&] { drive->rename(poolId, "Pool"); },
+         "node has been renamed, [/C/T/Pool]"},
+        {[&] { drive->rename(containerId, "X"); }, [&] { drive->rename(containerId, "C"); },
+         "node has been renamed, [/C]"},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.logged);
+        TestSupport::clearSyslog();
+        row.change();
         EXPECT_TRUE(agent->checkCache());
-        EXPECT_TRUE(TestSupport::syslogHas(std::string("node has been renamed, ") + renamed.second,
-                                           LOG_ERR));
+        EXPECT_TRUE(TestSupport::syslogHas(row.logged, LOG_ERR));
+        EXPECT_TRUE(TestSupport::syslogHas("drop node cache", LOG_ERR));
         EXPECT_FALSE(cacheKnows("/C/T"));
-        drive->rename(renamed.first, renamed.first == poolId ? "Pool" : "C");
+        EXPECT_EQ("", readFile(cacheFile()));
+        // Later operations fill it again.
+        row.undo();
         std::list<FileInfo> list;
         ASSERT_TRUE(agent->listDir("", list));
     }
