@@ -16,7 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     GoogleDriveTA::FileMetaStore store;
     store.insert(meta);
     GoogleDrive::FileMeta found;
-    if (!store.find(meta.id, found) || found.name != meta.name || found.isDir != meta.isDir) abort();
+    if (!store.find(meta.id, found) || found.name != meta.name || found.isDir != meta.isDir)
+        abort();
 
     GoogleDriveTA::FileMetaRecord record(meta.parents, meta.name, meta.isDir);
     GoogleDrive::FileMeta again;

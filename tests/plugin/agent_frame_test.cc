@@ -58,11 +58,11 @@ TEST(RemotePath, MapsUnderContainerAndTarget) {
         bool trim;
         char const* want;
     } const rows[] = {
-        {agent, "", true, "/C/T"},         {agent, "/", true, "/C/T"},
-        {agent, "a/b/", true, "/C/T/a/b"}, {agent, "a/b", true, "/C/T/a/b"},
-        {agent, "a//", true, "/C/T/a"},    {agent, "///", true, "/C/T"},
+        {agent, "", true, "/C/T"},          {agent, "/", true, "/C/T"},
+        {agent, "a/b/", true, "/C/T/a/b"},  {agent, "a/b", true, "/C/T/a/b"},
+        {agent, "a//", true, "/C/T/a"},     {agent, "///", true, "/C/T"},
         {agent, "a//b", true, "/C/T/a//b"}, {agent, "a/", false, "/C/T/a/"},
-        {noTarget, "x", true, "/C/x"},     {nothing, "", true, "/"},
+        {noTarget, "x", true, "/C/x"},      {nothing, "", true, "/"},
         {nothing, "/", true, "/"},
     };
     for (auto const& row : rows) {

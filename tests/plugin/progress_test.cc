@@ -14,7 +14,7 @@
 using namespace TAVO::Backup;
 
 class ProgressTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/progress-test-XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
@@ -71,40 +71,32 @@ std::string progressing(std::vector<double> const& fractions, std::string const&
 }
 
 TEST_F(ProgressTest, ReportsOnlyGrowthAndEndsOnTheFinalAnswer) {
-    struct Row {
-        std::string transcript;
-        long size;
-        std::vector<long> increments;
-        bool ok;
-        int error;
-        int requests;
-    } const rows[] = {
-        // A final message without "complete" ends the transfer.
-        {"<\n" + progressing({0.5, 0.5, 0.25, 1.0}, R"({"success":true})"), 1000, {500, 500}, true,
-         0, 1},
-        // A re-sent request keeps the position already reported.
-        {"<\n" + progressing({0.6}, R"({"success":false,"error_code":503})") + "<\n" +
-             progressing({0.3, 0.8, 1.0}, R"({"success":true,"complete":true})"),
-         1000, {600, 200, 200}, true, 0, 2},
-        {"<\n" + progressing({0.5, 1.0}, R"({"success":true,"complete":true})"), 0, {}, true, 0, 1},
-        // A final failure ends the transfer with its code.
-        {"<\n" + progressing({0.4}, R"({"success":false,"error_code":404})"), 1000, {400}, false,
-         2003, 1},
-        // So does an agent that stops mid-transfer.
-        {"<\n" + progressing({0.4}, ""), 1000, {400}, false, 1, 1},
-    };
-    for (auto const& row : rows) {
-        SCOPED_TRACE(row.transcript);
-        transcript(row.transcript);
+    auto expect = [&](long size, std::vector<long> increments, bool wantOk, int error, int requests,
+                      std::string const& text) {
+        SCOPED_TRACE(text);
+        transcript(text);
         agent = std::make_unique<TransferAgentGoogleDrive>(repo);
         setError(0);
-        bool ok = !row.ok;
-        EXPECT_EQ(row.increments, run(row.size, ok));
-        EXPECT_EQ(row.ok, ok);
-        EXPECT_EQ(row.error, getError());
-        EXPECT_EQ(row.requests, requestsSent());
+        bool ok = !wantOk;
+        EXPECT_EQ(increments, run(size, ok));
+        EXPECT_EQ(wantOk, ok);
+        EXPECT_EQ(error, getError());
+        EXPECT_EQ(requests, requestsSent());
         unlink((_dir + "/transcript.requests").c_str());
-    }
+    };
+    // A final message without "complete" ends the transfer.
+    expect(1000, {500, 500}, true, 0, 1,
+           "<\n" + progressing({0.5, 0.5, 0.25, 1.0}, R"({"success":true})"));
+    // A re-sent request keeps the position already reported.
+    expect(1000, {600, 200, 200}, true, 0, 2,
+           "<\n" + progressing({0.6}, R"({"success":false,"error_code":503})") + "<\n" +
+               progressing({0.3, 0.8, 1.0}, R"({"success":true,"complete":true})"));
+    expect(0, {}, true, 0, 1,
+           "<\n" + progressing({0.5, 1.0}, R"({"success":true,"complete":true})"));
+    // A final failure ends the transfer with its code; so does an agent that stops.
+    expect(1000, {400}, false, 2003, 1,
+           "<\n" + progressing({0.4}, R"({"success":false,"error_code":404})"));
+    expect(1000, {400}, false, 1, 1, "<\n" + progressing({0.4}, ""));
     // Nothing more can be sent on the channel the last agent closed.
     setError(0);
     long size = 1000;

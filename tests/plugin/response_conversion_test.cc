@@ -76,20 +76,11 @@ TEST(ResponseConversion, MapsEveryCodeAndLogsAtTheRightPriority) {
 }
 
 TEST(RetryPredicate, RetriesOnlyTransientFailures) {
-    struct Row {
-        Json::Value response;
-        bool retry;
-    } const rows[] = {
-        {answer(403, "User Rate Limit Exceeded"), true}, {answer(403, "Rate Limit Exceeded"), false},
-        {answer(408), true},  {answer(400), false}, {answer(404), false}, {answer(499), false},
-        {answer(500), true},  {answer(503), true},  {answer(599), true},  {answer(600), false},
-        {answer(200), false}, {answer(-2), true},   {answer(-4), true},   {answer(-3), false},
-        {answer(-5), false},  {answer(0), false},
-    };
-    for (auto const& row : rows) {
-        SCOPED_TRACE(TAVO::JsonText::toString(row.response));
-        EXPECT_EQ(row.retry, needRetry(row.response));
-    }
+    for (int code : {408, 500, 503, 599, -2, -4}) EXPECT_TRUE(needRetry(answer(code))) << code;
+    for (int code : {400, 404, 499, 600, 200, -3, -5, 0})
+        EXPECT_FALSE(needRetry(answer(code))) << code;
+    EXPECT_TRUE(needRetry(answer(403, "User Rate Limit Exceeded")));
+    EXPECT_FALSE(needRetry(answer(403, "Rate Limit Exceeded")));
     TestSupport::clearSyslog();
     Json::Value success = answer(503);
     success["success"] = true;
