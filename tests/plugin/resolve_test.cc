@@ -93,7 +93,7 @@ TEST_F(ResolveTest, DuplicateNamesMakeThePathUnresolvable) {
 }
 
 TEST_F(ResolveTest, TrashedOrDeletedObjectIsAbsentAndLeavesTheCache) {
-    for (bool trash : {true, false}) {
+    for (bool trash : {false, true}) {
         SCOPED_TRACE(trash ? "trashed" : "deleted");
         std::string fileId = drive->put(bId, "f", "data");
         FileInfo info;
@@ -106,7 +106,10 @@ TEST_F(ResolveTest, TrashedOrDeletedObjectIsAbsentAndLeavesTheCache) {
         std::string id;
         EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a/b/f", id));
         EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T/a/b", id));
-        // Found by a listing instead: just as absent.
+        // Found by a listing instead (one that shows the trash): just as absent.
+        auto settings = drive->settings();
+        settings.listTrashed = true;
+        drive->setSettings(settings);
         recreateAgent();
         EXPECT_FALSE(agent->stat("a/b/f", info));
         EXPECT_EQ(2003, getError());
