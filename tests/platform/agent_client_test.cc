@@ -108,9 +108,13 @@ TEST_F(AgentClientTest, BudgetCountsEveryAttempt) {
     } const cases[] = {{3, 3}, {1, 1}, {0, 1}, {-2, 1}};
     for (Case const& c : cases) {
         SCOPED_TRACE("maxAttempts " + std::to_string(c.maxAttempts));
+        // The failure that spends the budget returns without a pause.
+        setenv("TAVO_AGENT_PAUSE_UNIT_MS", c.sends == 1 ? "10000" : "0", 1);
         client.setRetryPolicy(c.maxAttempts, 1, retryServerErrors);
         ASSERT_TRUE(client.start("fail:503;fail:503;fail:503;fail:503;echo"));
+        auto const started = std::chrono::steady_clock::now();
         EXPECT_FALSE(client.send(request("a"), response));
+        EXPECT_LT(elapsedMs(started), 1000);
         EXPECT_EQ(503, response["error_code"].asInt());
         EXPECT_EQ(c.sends, response["n"].asInt());
         client.close();
@@ -118,15 +122,15 @@ TEST_F(AgentClientTest, BudgetCountsEveryAttempt) {
 }
 
 TEST_F(AgentClientTest, PausesDoubleAndFollowTheUnitOverride) {
-    // Units 1 then 2 of 40 ms: 120 ms. Without doubling it would be 80 ms;
-    // with the default one-second unit, 3 s.
-    setenv("TAVO_AGENT_PAUSE_UNIT_MS", "40", 1);
-    ASSERT_TRUE(client.start("fail:503;fail:503;echo"));
+    // Units 1, 2 and 4 of 100 ms: 700 ms. Tripling would take 1.3 s, not
+    // growing 300 ms, the default one-second unit 7 s.
+    setenv("TAVO_AGENT_PAUSE_UNIT_MS", "100", 1);
+    ASSERT_TRUE(client.start("fail:503;fail:503;fail:503;echo"));
     auto const started = std::chrono::steady_clock::now();
     ASSERT_TRUE(client.send(request("a"), response));
     long const took = elapsedMs(started);
-    EXPECT_GE(took, 120);
-    EXPECT_LT(took, 1000);
+    EXPECT_GE(took, 700);
+    EXPECT_LT(took, 1150);
 }
 
 TEST_F(AgentClientTest, CancelHookStopsSendingAndCutsPausesShort) {

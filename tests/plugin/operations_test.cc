@@ -167,6 +167,13 @@ TEST_F(CheckCacheTest, KeepsACacheThatStillMatches) {
     EXPECT_TRUE(cacheKnows("/C/T/Pool"));
     EXPECT_EQ(4, requests("getObjectMeta"));  // container, target, Pool, Control
     EXPECT_EQ(0, requests("listObjects"));
+    // A cache without the Pool folder is not the backup layout.
+    agent->dropNodeCache();
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/Control", id));
+    EXPECT_TRUE(agent->checkCache());
+    EXPECT_TRUE(TestSupport::syslogHas("missing [/C/T/Pool] in cache", LOG_ERR));
+    EXPECT_FALSE(cacheKnows("/C/T"));
 }
 
 TEST_F(CheckCacheTest, AMovedOrRenamedEntryDropsTheWholeCache) {
