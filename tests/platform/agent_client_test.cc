@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
@@ -42,6 +43,11 @@ class FakeAgentClient : public AgentClient {
         return true;
     }
     pid_t childPid() const { return _child_pid; }
+    // Bytes the helper has written that the channel has not read yet.
+    int unread() const {
+        int n = 0;
+        return ioctl(_pipe->readFd, FIONREAD, &n) == 0 ? n : -1;
+    }
 
   private:
     std::string _script;
@@ -259,6 +265,19 @@ TEST_F(AgentClientTest, LongMessagesCrossTheBufferIntact) {
     }
     ASSERT_TRUE(client.send(request("small"), response));
     EXPECT_EQ(3, response["n"].asInt());
+}
+
+TEST_F(AgentClientTest, LineFeedJustPastAFullReadIsFound) {
+    // One read takes the pipe's 64 KiB: "short" and all of the long line but
+    // its feed, which the next read brings after the partial line moved up.
+    std::string const longLine(65536 - 6, 'x');
+    ASSERT_TRUE(client.start("say:short|" + longLine + "|next;exit"));
+    for (int waited = 0; client.unread() < 65536 && waited < 5000; ++waited) usleep(1000);
+    std::string line;
+    for (std::string const& want : {std::string("short"), longLine, std::string("next")}) {
+        ASSERT_TRUE(client.readString(line));
+        EXPECT_TRUE(line == want) << line.size();
+    }
 }
 
 TEST_F(AgentClientTest, NothingWorksWhenNotConnected) {
