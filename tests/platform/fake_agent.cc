@@ -12,10 +12,8 @@
 //   die           read the request, then die by SIGKILL
 //   closeout      read the request, close stdout, exit when stdin ends
 //   fds           answer with the list of open descriptors
-//   argv          answer with the argument list
 //   closein       close stdin, say "stdin closed", exit once stdout has no reader
 //   hang          ignore SIGTERM and the end of stdin, sleep until killed
-//   sleep:MS      sleep MS milliseconds
 //   exit          exit at once
 #include <dirent.h>
 #include <poll.h>
@@ -53,15 +51,6 @@ bool readRequest(std::string& line) {
     return true;
 }
 
-std::string quoted(std::string const& text) {
-    std::string out = "\"";
-    for (char c : text) {
-        if (c == '"' || c == '\\') out += '\\';
-        out += c;
-    }
-    return out + "\"";
-}
-
 std::string openDescriptors() {
     std::string list;
     DIR* dir = opendir("/proc/self/fd");
@@ -79,7 +68,7 @@ void sleepForever() {
     for (;;) pause();
 }
 
-void runStep(std::string const& step, int argc, char** argv) {
+void runStep(std::string const& step) {
     size_t colon = step.find(':');
     std::string const verb = step.substr(0, colon);
     std::string const arg = colon == std::string::npos ? "" : step.substr(colon + 1);
@@ -92,8 +81,6 @@ void runStep(std::string const& step, int argc, char** argv) {
         writeOut(text + "\n");
     } else if (verb == "exit") {
         _exit(0);
-    } else if (verb == "sleep") {
-        usleep(static_cast<useconds_t>(atoi(arg.c_str())) * 1000);
     } else if (verb == "closein") {
         close(STDIN_FILENO);
         writeOut("stdin closed\n");
@@ -129,10 +116,6 @@ void runStep(std::string const& step, int argc, char** argv) {
             _exit(0);
         } else if (verb == "fds") {
             writeOut("{\"success\":true,\"fds\":[" + openDescriptors() + "]}\n");
-        } else if (verb == "argv") {
-            std::string list;
-            for (int i = 0; i < argc; ++i) list += (i ? "," : "") + quoted(argv[i]);
-            writeOut("{\"success\":true,\"argv\":[" + list + "]}\n");
         } else {
             fprintf(stderr, "fake_agent: unknown step [%s]\n", step.c_str());
             _exit(2);
@@ -148,8 +131,8 @@ int main(int argc, char** argv) {
     while (start < script.size()) {
         size_t stop = script.find(';', start);
         if (stop == std::string::npos) stop = script.size();
-        if (stop > start) runStep(script.substr(start, stop - start), argc, argv);
+        if (stop > start) runStep(script.substr(start, stop - start));
         start = stop + 1;
     }
-    for (;;) runStep("echo", argc, argv);
+    for (;;) runStep("echo");
 }

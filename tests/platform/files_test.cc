@@ -10,7 +10,6 @@
 
 #include "backup/error.h"
 #include "backup/json_text.h"
-#include "backup/process_privilege.h"
 #include "backup/repository.h"
 #include "backup/scoped_temp_file.h"
 
@@ -70,20 +69,6 @@ TEST(ScopedTempFile, FailedRenameKeepsOwnership) {
     rmdir(dir.c_str());
 }
 
-TEST(ProcessPrivilege, CarriesOnUnlessForcedToFail) {
-    {
-        ProcessPrivilege p;
-        EXPECT_TRUE(p.BeRoot());
-    }
-    ProcessPrivilege::forceFailureForTesting(true);
-    {
-        ProcessPrivilege p;
-        EXPECT_FALSE(p.BeRoot());
-        EXPECT_EQ(EPERM, errno);
-    }
-    ProcessPrivilege::forceFailureForTesting(false);
-}
-
 TEST(ErrorState, IsPerThread) {
     setError(2003);
     int other = -1;
@@ -106,24 +91,6 @@ TEST(TargetCache, MakesThePerTargetFolder) {
     rmdir(got.c_str());
     rmdir((dir + "/cache").c_str());
     rmdir(dir.c_str());
-}
-
-TEST(JsonText, WritesOneSortedLine) {
-    Json::Value v;
-    v["n"] = "a\"b\\c\n\x01/\xc3\xa9";
-    v["d"] = true;
-    v["p"] = Json::Value(Json::arrayValue);
-    v["p"].append("x");
-    v["i"] = -5;
-    v["r"] = 0.5;
-    v["z"] = Json::Value();
-    EXPECT_EQ(
-        "{\"d\":true,\"i\":-5,\"n\":\"a\\\"b\\\\c\\n\\u0001/\xc3\xa9\",\"p\":[\"x\"],"
-        "\"r\":0.5,\"z\":null}",
-        TAVO::JsonText::toString(v));
-    Json::Value back;
-    ASSERT_TRUE(TAVO::JsonText::fromString(TAVO::JsonText::toString(v), back));
-    EXPECT_EQ(v, back);
 }
 
 TEST(JsonText, ParserIsStrict) {

@@ -16,26 +16,6 @@
 
 namespace {
 
-// A fresh folder for one test, removed with everything in it.
-class TempFolder {
-  public:
-    TempFolder() {
-        char pattern[] = "/tmp/pipe_open_test.XXXXXX";
-        char* made = mkdtemp(pattern);
-        if (made != nullptr) _path = made;
-    }
-    ~TempFolder() {
-        if (!_path.empty()) {
-            std::string command = "rm -rf '" + _path + "'";
-            if (system(command.c_str()) != 0) ADD_FAILURE() << "could not remove " << _path;
-        }
-    }
-    std::string const& path() const { return _path; }
-
-  private:
-    std::string _path;
-};
-
 // One request to a started fake_agent and its parsed answer, over the raw pipe.
 Json::Value ask(TAVOPipe* pipe) {
     static char const kRequest[] = "{}\n";
@@ -95,69 +75,16 @@ TEST_F(PipeOpenTest, OnlyTheStandardDescriptorsReachTheChild) {
     close(strayPipe[1]);
 }
 
-TEST_F(PipeOpenTest, ArgumentsArePassedInOrder) {
-    pid_t pid = -1;
-    TAVOPipe* pipe = TAVOPipeOpen(&pid, FAKE_AGENT_PATH, "argv", "", "two words", "x\"y", nullptr);
-    ASSERT_NE(nullptr, pipe) << strerror(errno);
-    Json::Value argv = ask(pipe)["argv"];
-    ASSERT_EQ(5u, argv.size());
-    EXPECT_EQ(FAKE_AGENT_PATH, argv[0].asString());
-    EXPECT_EQ("argv", argv[1].asString());
-    EXPECT_EQ("", argv[2].asString());
-    EXPECT_EQ("two words", argv[3].asString());
-    EXPECT_EQ("x\"y", argv[4].asString());
-    finish(pipe, pid);
-}
-
-TEST_F(PipeOpenTest, RootRedirectsAnAbsoluteProgramThatExistsUnderIt) {
-    TempFolder root;
-    ASSERT_FALSE(root.path().empty());
-    std::string const program = "/tavo-test-absent/bin/agent";
-    std::string const rooted = root.path() + program;
-    ASSERT_EQ(0, system(("mkdir -p '" + root.path() + "/tavo-test-absent/bin'").c_str()));
-    ASSERT_EQ(0, symlink(FAKE_AGENT_PATH, rooted.c_str()));
-
-    for (std::string const suffix : {"", "/"}) {
-        SCOPED_TRACE("TAVO_ROOT with suffix [" + suffix + "]");
-        setenv("TAVO_ROOT", (root.path() + suffix).c_str(), 1);
-        pid_t pid = -1;
-        TAVOPipe* pipe = TAVOPipeOpen(&pid, program.c_str(), "argv", "/an/absolute/arg", nullptr);
-        ASSERT_NE(nullptr, pipe) << strerror(errno);
-        Json::Value argv = ask(pipe)["argv"];
-        ASSERT_EQ(3u, argv.size());
-        EXPECT_EQ(rooted, argv[0].asString()) << "argv[0] is the file run";
-        EXPECT_EQ("/an/absolute/arg", argv[2].asString()) << "arguments are not rooted";
-        finish(pipe, pid);
-    }
-
-    // A program missing under the root runs from its own path.
-    setenv("TAVO_ROOT", root.path().c_str(), 1);
-    pid_t pid = -1;
-    TAVOPipe* pipe = TAVOPipeOpen(&pid, FAKE_AGENT_PATH, "argv", nullptr);
-    ASSERT_NE(nullptr, pipe) << strerror(errno);
-    EXPECT_EQ(FAKE_AGENT_PATH, ask(pipe)["argv"][0].asString());
-    finish(pipe, pid);
-}
-
 TEST_F(PipeOpenTest, ProgramThatCannotRunGivesNullAndNoChild) {
-    TempFolder folder;
-    ASSERT_FALSE(folder.path().empty());
-    std::string const plain = folder.path() + "/not-executable";
-    int fd = open(plain.c_str(), O_WRONLY | O_CREAT, 0644);
-    ASSERT_GE(fd, 0);
-    close(fd);
-
     struct Case {
-        std::string program;
+        char const* program;
         int error;
-    } const cases[] = {
-        {folder.path() + "/missing", ENOENT}, {plain, EACCES}, {folder.path(), EACCES},  // a folder
-    };
+    } const cases[] = {{"/nonexistent/agent", ENOENT}, {"/etc/passwd", EACCES}, {"/tmp", EACCES}};
     for (Case const& c : cases) {
         SCOPED_TRACE(c.program);
         pid_t pid = 12345;
         errno = 0;
-        EXPECT_EQ(nullptr, TAVOPipeOpen(&pid, c.program.c_str(), nullptr));
+        EXPECT_EQ(nullptr, TAVOPipeOpen(&pid, c.program, nullptr));
         EXPECT_EQ(c.error, errno) << strerror(errno);
         EXPECT_EQ(12345, pid) << "the pid is left untouched";
         EXPECT_TRUE(noChildLeft());

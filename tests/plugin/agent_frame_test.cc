@@ -36,45 +36,40 @@ TEST(AgentSettings, IsValidNeedsContainerAndRefreshToken) {
     EXPECT_EQ(3, getError());
     EXPECT_TRUE(TestSupport::syslogHas("transfer_googledrive:", LOG_ERR));
     EXPECT_TRUE(TestSupport::syslogHas(" getRemoteConnect failed", LOG_ERR));
-
-    // The access token is optional: the agent refreshes it.
-    TransferAgentGoogleDrive ok(makeRepository(true, true));
-    EXPECT_TRUE(ok.isValid());
-}
-
-TEST(AgentSettings, RemoteOperationsFailBeforeStartingAnything) {
-    TransferAgentGoogleDrive agent(makeRepository(true, false));
+    // Remote operations fail before starting anything.
     AccountInfo info;
     setError(0);
-    EXPECT_FALSE(agent.getAccountInfo(info));
+    EXPECT_FALSE(noRefresh.getAccountInfo(info));
     EXPECT_EQ(3, getError());
     EXPECT_TRUE(TestSupport::syslogHas("create client failed [3]", LOG_ERR));
+
+    // The access token is optional: the agent refreshes it.
+    EXPECT_TRUE(TransferAgentGoogleDrive(makeRepository(true, true)).isValid());
 }
 
 TEST(RemotePath, MapsUnderContainerAndTarget) {
     TransferAgentGoogleDrive agent(makeRepository(true, true));
+    TransferAgentGoogleDrive noTarget(makeRepository(true, true));
+    TransferAgentGoogleDrive nothing(makeRepository(false, true));
     agent.setTargetId("T");
     struct Row {
+        TransferAgentGoogleDrive const& agent;
         char const* path;
+        bool trim;
         char const* want;
     } const rows[] = {
-        {"", "/C/T"},      {"/", "/C/T"},   {"a/b/", "/C/T/a/b"},  {"a/b", "/C/T/a/b"},
-        {"a//", "/C/T/a"}, {"///", "/C/T"}, {"a//b", "/C/T/a//b"},
+        {agent, "", true, "/C/T"},          {agent, "/", true, "/C/T"},
+        {agent, "a/b/", true, "/C/T/a/b"},  {agent, "a/b", true, "/C/T/a/b"},
+        {agent, "a//", true, "/C/T/a"},     {agent, "///", true, "/C/T"},
+        {agent, "a//b", true, "/C/T/a//b"}, {agent, "a/", false, "/C/T/a/"},
+        {noTarget, "x", true, "/C/x"},      {nothing, "", true, "/"},
+        {nothing, "/", true, "/"},
     };
     for (auto const& row : rows) {
         SCOPED_TRACE(row.path);
-        EXPECT_EQ(row.want, agent.getRemotePath(row.path, true));
+        EXPECT_EQ(row.want, row.agent.getRemotePath(row.path, row.trim));
     }
-    EXPECT_EQ("/C/T/a/", agent.getRemotePath("a/", false));
-}
-
-TEST(RemotePath, WithoutTargetOrContainer) {
-    TransferAgentGoogleDrive noTarget(makeRepository(true, true));
-    EXPECT_EQ("/C/x", noTarget.getRemotePath("x", true));
-    TransferAgentGoogleDrive nothing(makeRepository(false, true));
     EXPECT_EQ("", nothing.getContainer());
-    EXPECT_EQ("/", nothing.getRemotePath("", true));
-    EXPECT_EQ("/", nothing.getRemotePath("/", true));
 }
 
 TEST(OperationTrace, WritesOneLineOnlyWhenDebugging) {

@@ -2,11 +2,13 @@
 // emulator: handshake outcomes, the environment left behind, reconnection,
 // and the retry policy as the emulator's request log shows it.
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <set>
 
 #include "backup/error.h"
@@ -57,42 +59,52 @@ TEST_F(DriveAgentTest, HandshakeSucceedsAndLeavesNoCredentialsBehind) {
     EXPECT_STREQ("C.UTF-8", getenv("LANG"));
 
     // A second operation reuses the running agent.
+    drive->setQuota(1000);
+    drive->put(targetId, "f", std::string(10, 'x'));
+    info = AccountInfo();
     ASSERT_TRUE(agent->getAccountInfo(info));
     EXPECT_EQ(2, requests("getAccountInfo"));
     EXPECT_EQ(1u, servingPids(*drive).size());
+    EXPECT_EQ(1000, info.quota);
+    EXPECT_EQ(10, info.usedSize);
+    EXPECT_FALSE(info.isUnlimitedQuota);
 }
 
-TEST_F(DriveAgentTest, TokenTheAgentCannotDecodeIsACredentialsError) {
-    unsetenv("LANG");
-    repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "not base64 at all!");
+TEST_F(DriveAgentTest, FailedStartsAreToldApartAndLeaveNoCredentials) {
+    std::string const root = getenv("TAVO_ROOT");
+    struct Row {
+        std::function<void()> arrange;
+        int wantError;
+        int wantCoreError;
+        char const* logged;
+    } const rows[] = {
+        {[&] { drive->addFault(Fault::refuseHandshake("startle")); }, 1, 0x2a00,
+         "agent start failed: startle"},
+        {[&] { setenv("TAVO_ROOT", "/nonexistent-root", 1); }, 1, 0x2a00, "TAVOPipeOpen failed"},
+        {[&] {
+             setenv("TAVO_ROOT", root.c_str(), 1);
+             repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "not base64!");
+             recreateAgent();
+         },
+         2107, 0x300, "connect failed"},
+    };
+    AccountInfo info;
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.logged);
+        unsetenv("LANG");
+        TestSupport::clearSyslog();
+        row.arrange();
+        EXPECT_FALSE(agent->getAccountInfo(info));
+        EXPECT_EQ(row.wantError, getError());
+        EXPECT_EQ(row.wantCoreError, TLIBCErrGet());
+        EXPECT_TRUE(TestSupport::syslogHas(row.logged, LOG_ERR));
+        expectNoCredentialsInEnvironment();
+        EXPECT_EQ(nullptr, getenv("LANG"));
+    }
+    // Once the cause is gone the next operation starts an agent.
+    repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
     recreateAgent();
-    AccountInfo info;
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(2107, getError());
-    EXPECT_EQ(0x300, TLIBCErrGet());
-    expectNoCredentialsInEnvironment();
-    EXPECT_EQ(nullptr, getenv("LANG"));
-    EXPECT_TRUE(TestSupport::syslogHas("connect failed", LOG_ERR));
-}
-
-TEST_F(DriveAgentTest, AnyOtherFirstLineIsAGeneralFailure) {
-    drive->addFault(Fault::refuseHandshake("startle"));
-    AccountInfo info;
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(1, getError());
-    EXPECT_EQ(0x2a00, TLIBCErrGet());
-    EXPECT_TRUE(TestSupport::syslogHas("agent start failed: startle", LOG_ERR));
-    expectNoCredentialsInEnvironment();
-    // The next operation tries again and succeeds.
     ASSERT_TRUE(agent->getAccountInfo(info));
-}
-
-TEST_F(DriveAgentTest, MissingAgentProgramFailsToStart) {
-    setenv("TAVO_ROOT", "/nonexistent-root", 1);
-    AccountInfo info;
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(1, getError());
-    expectNoCredentialsInEnvironment();
 }
 
 TEST_F(DriveAgentTest, ReconnectingReplacesTheAgentAndReapsIt) {
@@ -106,10 +118,7 @@ TEST_F(DriveAgentTest, ReconnectingReplacesTheAgentAndReapsIt) {
     client.close();
     EXPECT_FALSE(client.isConnected());
     EXPECT_TRUE(processGone(second));
-}
-
-TEST_F(DriveAgentTest, CancelHookStopsTheStartWithoutSideEffects) {
-    InspectableClient client;
+    // A cancel hook that fires stops the start without side effects.
     client.setCancelHook([] { return true; });
     EXPECT_FALSE(client.connect("a", "cmVmcmVzaA==", true));
     EXPECT_FALSE(client.isConnected());
@@ -123,61 +132,12 @@ TEST_F(DriveAgentTest, TransientFailuresAreRetriedUntilSuccess) {
     EXPECT_EQ(4, requests("getAccountInfo"));
 }
 
-TEST_F(DriveAgentTest, RetryDecisionsByCode) {
-    struct Row {
-        int code;
-        char const* message;
-        bool retried;
-        int wantError;
-    } const rows[] = {
-        {403, "User Rate Limit Exceeded", true, 0},
-        {403, "Forbidden", false, 2000},
-        {408, "", true, 0},
-        {-2, "agent failure", true, 0},
-        {-4, "agent failure", true, 0},
-        {-3, "user canceled", false, 4},
-        {-1, "unknown", false, 1},
-        {401, "Invalid Credentials", false, 2107},
-    };
-    AccountInfo info;
-    ASSERT_TRUE(agent->getAccountInfo(info));  // connect once
-    for (auto const& row : rows) {
-        SCOPED_TRACE(row.code);
-        drive->clearRequestLog();
-        drive->addFault(Fault::fail("getAccountInfo", row.code, row.message));
-        setError(0);
-        EXPECT_EQ(row.retried, agent->getAccountInfo(info));
-        EXPECT_EQ(row.retried ? 2 : 1, requests("getAccountInfo"));
-        if (!row.retried) {
-            EXPECT_EQ(row.wantError, getError());
-        }
-    }
-}
-
 TEST_F(DriveAgentTest, RateLimitThatOutlastsTheRetriesIsARefusal) {
     drive->addFault(Fault::fail("getAccountInfo", 403, "User Rate Limit Exceeded").always());
     AccountInfo info;
     EXPECT_FALSE(agent->getAccountInfo(info));
     EXPECT_EQ(2000, getError());
     EXPECT_EQ(10, requests("getAccountInfo"));
-}
-
-TEST_F(DriveAgentTest, AgentDyingMidRequestFailsItAndTheNextOperationReconnects) {
-    AccountInfo info;
-    ASSERT_TRUE(agent->getAccountInfo(info));
-    drive->addFault(Fault::exitBeforeAnswer("getAccountInfo"));
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(1, getError());
-    ASSERT_TRUE(agent->getAccountInfo(info));
-    EXPECT_EQ(2u, servingPids(*drive).size());
-}
-
-TEST_F(DriveAgentTest, GarbageLineFailsTheRequestAndReconnects) {
-    drive->addFault(Fault::garbage("getAccountInfo"));
-    AccountInfo info;
-    EXPECT_FALSE(agent->getAccountInfo(info));
-    EXPECT_EQ(1, getError());
-    ASSERT_TRUE(agent->getAccountInfo(info));
 }
 
 TEST_F(DriveAgentTest, CancelHookStopsRequestsThatChangeThings) {
@@ -202,17 +162,6 @@ TEST_F(DriveAgentTest, CancelHookStopsRequestsThatChangeThings) {
     EXPECT_EQ(4, getError());
     EXPECT_EQ(0, requests());
     EXPECT_TRUE(drive->exists(targetId));
-}
-
-TEST_F(DriveAgentTest, AccountQuotaIsReported) {
-    drive->setQuota(1000);
-    drive->put(targetId, "f", std::string(10, 'x'));
-    AccountInfo info;
-    info.isUnlimitedQuota = false;
-    ASSERT_TRUE(agent->getAccountInfo(info));
-    EXPECT_EQ(1000, info.quota);
-    EXPECT_EQ(10, info.usedSize);
-    EXPECT_FALSE(info.isUnlimitedQuota);
 }
 
 // ---- Node cache attachment and persistence ----
@@ -240,48 +189,44 @@ TEST_F(NodeCacheFileTest, WrittenOnlyWhenChangedAndNeverByTheDestructor) {
     EXPECT_FALSE(fileExists(cacheFile()));
 }
 
-TEST_F(NodeCacheFileTest, ANewAgentResolvesFromTheSavedCache) {
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    ASSERT_TRUE(agent->flushCache());
-    recreateAgent();
-    drive->clearRequestLog();
-    ASSERT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
-    EXPECT_EQ(targetId, id);
-    EXPECT_EQ(0, requests());
+TEST_F(NodeCacheFileTest, ANewAgentResolvesFromTheSavedCacheOrMemoryWithoutAFolder) {
+    for (bool withFolder : {true, false}) {
+        SCOPED_TRACE(withFolder);
+        if (!withFolder) repository().setCacheRoot("");
+        recreateAgent();
+        std::string id;
+        ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
+        ASSERT_TRUE(agent->flushCache());
+        EXPECT_EQ(withFolder, fileExists(cacheFile()));
+        if (withFolder) recreateAgent();
+        drive->clearRequestLog();
+        ASSERT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
+        EXPECT_EQ(targetId, id);
+        EXPECT_EQ(0, requests());
+        if (withFolder) {
+            ASSERT_EQ(0, unlink(cacheFile().c_str()));
+        }
+    }
 }
 
-TEST_F(NodeCacheFileTest, WithoutACacheFolderTheCacheLivesInMemoryOnly) {
-    repository().setCacheRoot("");
-    recreateAgent();
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    EXPECT_TRUE(agent->flushCache());
-    EXPECT_FALSE(fileExists(cacheFile()));
-    // Still answers from memory.
-    drive->clearRequestLog();
-    EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
-    EXPECT_EQ(0, requests());
-}
-
-TEST_F(NodeCacheFileTest, UnreadableFileIsReplacedByTheNextFlush) {
-    // A folder in the file's place cannot be read, not even by root.
-    ASSERT_EQ(0, system(("mkdir -p '" + cacheFile() + "'").c_str()));
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    ASSERT_TRUE(agent->flushCache());
-    EXPECT_NE(std::string::npos, readFile(cacheFile()).find(targetId));
-}
-
-TEST_F(NodeCacheFileTest, GarbageFileIsReplacedByTheNextFlush) {
+TEST_F(NodeCacheFileTest, UnreadableOrGarbageFileIsReplacedByTheNextFlush) {
     std::string dir = cacheFile().substr(0, cacheFile().rfind('/'));
-    ASSERT_EQ(0, system(("mkdir -p '" + dir + "'").c_str()));
-    writeLocal("junk", std::string("\x00\x01garbage\n{\"broken\n", 18));
-    ASSERT_EQ(0, rename(localPath("junk").c_str(), cacheFile().c_str()));
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    ASSERT_TRUE(agent->flushCache());
-    std::string saved = readFile(cacheFile());
-    EXPECT_EQ(std::string::npos, saved.find("garbage"));
-    EXPECT_NE(std::string::npos, saved.find(targetId));
+    for (bool folderInItsPlace : {true, false}) {
+        SCOPED_TRACE(folderInItsPlace);
+        ASSERT_EQ(0, system(("rm -rf '" + dir + "' && mkdir -p '" + dir + "'").c_str()));
+        if (folderInItsPlace) {
+            // Cannot be read, not even by root.
+            ASSERT_EQ(0, mkdir(cacheFile().c_str(), 0700));
+        } else {
+            writeLocal("junk", std::string("\x00\x01garbage\n{\"broken\n", 18));
+            ASSERT_EQ(0, rename(localPath("junk").c_str(), cacheFile().c_str()));
+        }
+        recreateAgent();
+        std::string id;
+        ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
+        ASSERT_TRUE(agent->flushCache());
+        std::string saved = readFile(cacheFile());
+        EXPECT_EQ(std::string::npos, saved.find("garbage"));
+        EXPECT_NE(std::string::npos, saved.find(targetId));
+    }
 }

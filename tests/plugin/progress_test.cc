@@ -14,7 +14,7 @@
 using namespace TAVO::Backup;
 
 class ProgressTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/progress-test-XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
@@ -25,10 +25,8 @@ protected:
         setenv("TAVO_ROOT", (_dir + "/root").c_str(), 1);
         setenv("TAVO_AGENT_PAUSE_UNIT_MS", "0", 1);
         setenv("SCRIPTED_AGENT_TRANSCRIPT", (_dir + "/transcript").c_str(), 1);
-        Repository repo;
         repo.options().set(Repository::SZK_REMOTE_BUCKET, "C");
         repo.options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
-        agent = std::make_unique<TransferAgentGoogleDrive>(repo);
     }
     void TearDown() override {
         agent.reset();
@@ -59,70 +57,49 @@ protected:
         return increments;
     }
 
+    Repository repo;
     std::unique_ptr<TransferAgentGoogleDrive> agent;
-
-private:
     std::string _dir;
 };
 
-TEST_F(ProgressTest, ReportsOnlyGrowthOfTheHighestPosition) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.5}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.5}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.25}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":1.0}\n"
-        "> {\"success\":true}\n");
-    bool ok = false;
-    EXPECT_EQ((std::vector<long>{500, 500}), run(1000, ok));
-    EXPECT_TRUE(ok);  // a final message without "complete" ends the transfer
+// Transcript lines: one progress message for each fraction, then `final`.
+std::string progressing(std::vector<double> const& fractions, std::string const& final) {
+    std::string out;
+    for (double f : fractions)
+        out += "> {\"success\":true,\"complete\":false,\"progress\":" + std::to_string(f) + "}\n";
+    return out + (final.empty() ? "" : "> " + final + "\n");
 }
 
-TEST_F(ProgressTest, ResentRequestKeepsThePositionAlreadyReported) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.6}\n"
-        "> {\"success\":false,\"error_code\":503,\"error_message\":\"Backend Error\"}\n"
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.3}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.8}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":1.0}\n"
-        "> {\"success\":true,\"complete\":true}\n");
-    bool ok = false;
-    EXPECT_EQ((std::vector<long>{600, 200, 200}), run(1000, ok));
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(2, requestsSent());
-}
-
-TEST_F(ProgressTest, EmptyFileNeverReportsProgress) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.5}\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":1.0}\n"
-        "> {\"success\":true,\"complete\":true}\n");
-    bool ok = false;
-    EXPECT_TRUE(run(0, ok).empty());
-    EXPECT_TRUE(ok);
-}
-
-TEST_F(ProgressTest, NonRetryableFailureEndsTheTransferWithItsCode) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.4}\n"
-        "> {\"success\":false,\"error_code\":404,\"error_message\":\"File not found\"}\n");
-    bool ok = true;
-    EXPECT_EQ((std::vector<long>{400}), run(1000, ok));
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(2003, getError());
-    EXPECT_EQ(1, requestsSent());
-}
-
-TEST_F(ProgressTest, AgentThatStopsMidTransferFailsIt) {
-    transcript(
-        "<\n"
-        "> {\"success\":true,\"complete\":false,\"progress\":0.4}\n");
-    bool ok = true;
-    run(1000, ok);
-    EXPECT_FALSE(ok);
+TEST_F(ProgressTest, ReportsOnlyGrowthAndEndsOnTheFinalAnswer) {
+    auto expect = [&](long size, std::vector<long> increments, bool wantOk, int error, int requests,
+                      std::string const& text) {
+        SCOPED_TRACE(text);
+        transcript(text);
+        agent = std::make_unique<TransferAgentGoogleDrive>(repo);
+        setError(0);
+        bool ok = !wantOk;
+        EXPECT_EQ(increments, run(size, ok));
+        EXPECT_EQ(wantOk, ok);
+        EXPECT_EQ(error, getError());
+        EXPECT_EQ(requests, requestsSent());
+        unlink((_dir + "/transcript.requests").c_str());
+    };
+    // A final message without "complete" ends the transfer.
+    expect(1000, {500, 500}, true, 0, 1,
+           "<\n" + progressing({0.5, 0.5, 0.25, 1.0}, R"({"success":true})"));
+    // A re-sent request keeps the position already reported.
+    expect(1000, {600, 200, 200}, true, 0, 2,
+           "<\n" + progressing({0.6}, R"({"success":false,"error_code":503})") + "<\n" +
+               progressing({0.3, 0.8, 1.0}, R"({"success":true,"complete":true})"));
+    expect(0, {}, true, 0, 1,
+           "<\n" + progressing({0.5, 1.0}, R"({"success":true,"complete":true})"));
+    // A final failure ends the transfer with its code; so does an agent that stops.
+    expect(1000, {400}, false, 2003, 1,
+           "<\n" + progressing({0.4}, R"({"success":false,"error_code":404})"));
+    expect(1000, {400}, false, 1, 1, "<\n" + progressing({0.4}, ""));
+    // Nothing more can be sent on the channel the last agent closed.
+    setError(0);
+    long size = 1000;
+    EXPECT_FALSE(agent->sendRequestAndUpdateProgress(Json::Value(), size, {}));
     EXPECT_EQ(1, getError());
 }

@@ -3,8 +3,6 @@
 // names, trash, listings that lag behind writes) come out to the engine.
 #include <syslog.h>
 
-#include <functional>
-
 #include "backup/error.h"
 #include "emulated_drive.h"
 #include "support/syslog_capture.h"
@@ -29,23 +27,17 @@ TEST_F(ResolveTest, ColdWalkCostsOneRequestPerLevelAndWarmWalkNone) {
     EXPECT_EQ(bId, id);
     EXPECT_EQ(1, requests("getObjectMeta"));
     EXPECT_EQ(4, requests("listObjects"));
-    EXPECT_EQ(5, requests());
+    auto log = drive->requestLog();
+    ASSERT_EQ(5u, log.size());
+    // The name filter exactly as Drive's query language wants it.
+    EXPECT_EQ("('" + rootId + "' in parents) and (name = 'C')",
+              log[1].args["queryFilter"].asString());
+    EXPECT_FALSE(log[1].args.isMember("pageToken"));
 
     drive->clearRequestLog();
     ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
     EXPECT_EQ(bId, id);
     EXPECT_EQ(0, requests());
-    // The walk sends the name filter exactly as Drive's query language wants it.
-}
-
-TEST_F(ResolveTest, ListingQueryCarriesParentAndName) {
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C", id));
-    auto log = drive->requestLog();
-    ASSERT_EQ(2u, log.size());
-    EXPECT_EQ("('" + rootId + "' in parents) and (name = 'C')",
-              log[1].args["queryFilter"].asString());
-    EXPECT_FALSE(log[1].args.isMember("pageToken"));
 }
 
 TEST_F(ResolveTest, StatFromTheCacheAsksOnlyForTheLastObject) {
@@ -86,30 +78,14 @@ TEST_F(ResolveTest, SplitEdgeCases) {
 TEST_F(ResolveTest, DuplicateNamesMakeThePathUnresolvable) {
     drive->put(aId, "B", "x");  // Drive compares names without case
     std::string local = writeLocal("f", "x");
-    // Each check on a fresh agent that reuses the cache file: the refusal
-    // holds on every run, not only on the first walk.
-    struct Check {
-        char const* what;
-        std::function<bool()> run;
-    } const checks[] = {
-        {"walk",
-         [&] {
-             std::string id;
-             return agent->findNodeIdByPath(false, "/C/T/a/b", id);
-         }},
-        {"sendFile", [&] { return agent->sendFile(local, "a/b/f"); }},
-        {"stat",
-         [&] {
-             FileInfo info;
-             return agent->stat("a/b", info);
-         }},
-    };
-    for (auto const& check : checks) {
-        SCOPED_TRACE(check.what);
+    // Each on a fresh agent that reuses the cache file: the refusal holds on
+    // every run, not only on the first walk.
+    for (bool store : {false, true}) {
         ASSERT_TRUE(agent->flushCache());
         recreateAgent();
         TestSupport::clearSyslog();
-        EXPECT_FALSE(check.run());
+        FileInfo info;
+        EXPECT_FALSE(store ? agent->sendFile(local, "a/b/f") : agent->stat("a/b", info));
         EXPECT_EQ(1, getError());
         EXPECT_TRUE(
             TestSupport::syslogHas("list more than one children with the same name", LOG_ERR));
@@ -117,29 +93,28 @@ TEST_F(ResolveTest, DuplicateNamesMakeThePathUnresolvable) {
     EXPECT_TRUE(drive->lookup(bId, "f").empty());
 }
 
-TEST_F(ResolveTest, TrashedObjectIsAbsentAndLeavesTheCache) {
-    std::string fileId = drive->put(bId, "f", "data");
-    FileInfo info;
-    ASSERT_TRUE(agent->stat("a/b/f", info));
-    drive->trash(fileId);
-    setError(0);
-    EXPECT_FALSE(agent->stat("a/b/f", info));
-    EXPECT_EQ(2003, getError());
-    // Gone from the cache: a cache-only walk no longer finds it.
-    std::string id;
-    EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a/b/f", id));
-    EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T/a/b", id));
-}
-
-TEST_F(ResolveTest, DeletedObjectIsForgotten) {
-    std::string fileId = drive->put(bId, "f", "data");
-    FileInfo info;
-    ASSERT_TRUE(agent->stat("a/b/f", info));
-    drive->remove(fileId);
-    EXPECT_FALSE(agent->stat("a/b/f", info));
-    EXPECT_EQ(2003, getError());
-    std::string id;
-    EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a/b/f", id));
+TEST_F(ResolveTest, TrashedOrDeletedObjectIsAbsentAndLeavesTheCache) {
+    for (bool trash : {false, true}) {
+        SCOPED_TRACE(trash ? "trashed" : "deleted");
+        std::string fileId = drive->put(bId, "f", "data");
+        FileInfo info;
+        ASSERT_TRUE(agent->stat("a/b/f", info));
+        trash ? drive->trash(fileId) : drive->remove(fileId);
+        setError(0);
+        EXPECT_FALSE(agent->stat("a/b/f", info));
+        EXPECT_EQ(2003, getError());
+        // Gone from the cache: a cache-only walk no longer finds it.
+        std::string id;
+        EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a/b/f", id));
+        EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T/a/b", id));
+        // Found by a listing instead (one that shows the trash): just as absent.
+        auto settings = drive->settings();
+        settings.listTrashed = true;
+        drive->setSettings(settings);
+        recreateAgent();
+        EXPECT_FALSE(agent->stat("a/b/f", info));
+        EXPECT_EQ(2003, getError());
+    }
 }
 
 TEST_F(ResolveTest, ObjectWithTwoParentsResolvesThroughEither) {
@@ -166,31 +141,25 @@ TEST_F(ResolveTest, PagedListingsAreJoined) {
     EXPECT_TRUE(log[1].args.isMember("pageToken"));
 }
 
-
 // ---- Requests counted for the common transfers ----
 
-TEST_F(ResolveTest, UploadIntoACachedFolderCostsOneListingAndOneUpload) {
+TEST_F(ResolveTest, StoringIntoACachedFolderCostsOneRequestBesidesTheTransfer) {
     std::string id;
     ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
     drive->clearRequestLog();
     std::string local = writeLocal("f", "content");
     ASSERT_TRUE(agent->sendFile(local, "a/b/new"));
-    EXPECT_EQ(1, requests("listObjects"));
+    EXPECT_EQ(1, requests("listObjects"));  // is it there?
     EXPECT_EQ(1, requests("uploadFile"));
     EXPECT_EQ(2, requests());
-}
 
-TEST_F(ResolveTest, OverwritingACachedFileCostsOneStatAndOneUpdate) {
-    drive->put(bId, "f", "old");
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b/f", id));
     drive->clearRequestLog();
-    std::string local = writeLocal("f", "new content");
-    ASSERT_TRUE(agent->sendFile(local, "a/b/f"));
-    EXPECT_EQ(1, requests("getObjectMeta"));
+    local = writeLocal("f", "new content");
+    ASSERT_TRUE(agent->sendFile(local, "a/b/new"));
+    EXPECT_EQ(1, requests("getObjectMeta"));  // still a file?
     EXPECT_EQ(1, requests("updateFile"));
     EXPECT_EQ(2, requests());
-    EXPECT_EQ("new content", drive->content(id));
+    EXPECT_EQ("new content", drive->content(drive->lookup(bId, "new")[0].id));
 }
 
 TEST_F(ResolveTest, ListingLagDoesNotCauseADuplicateUpload) {
@@ -209,7 +178,9 @@ TEST_F(ResolveTest, FrozenCacheStillAnswersButLearnsNothing) {
     std::string id;
     ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
     agent->freezeNodeCache(true);
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a", id));
+    GoogleDrive::FileMeta meta;
+    ASSERT_TRUE(agent->getObjectMeta(aId, meta));
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
     agent->freezeNodeCache(false);
     EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
     EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a", id));

@@ -58,7 +58,7 @@ class TransferTest : public EmulatedDriveTest {
         std::string down = localPath("down" + std::to_string(size));
         FileInfo got;
         ASSERT_TRUE(agent->recvFile(name, down, TransferAgent::ProgressHook(), got)) << getError();
-        EXPECT_TRUE(readFile(down) == content);
+        EXPECT_TRUE(fileExists(down) && readFile(down) == content);
         EXPECT_EQ(0, countTempFilesBeside(down));
         if (size > 0) {
             EXPECT_EQ(static_cast<int64_t>(size), got.getSize());
