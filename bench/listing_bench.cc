@@ -11,9 +11,12 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -107,32 +110,65 @@ int walk(TransferAgentGoogleDrive& agent) {
     return agent.listDirRecursive("", countFile, &files) ? files : -1;
 }
 
+// The listing pages of every folder of the tree, asked straight over the pipe
+// in the walk's order, each page's token taken from the answer's text.
+void listPages(EmulatorPipe& emulator, ListingTree const& tree) {
+    for (auto const& id : tree.foldersInWalkOrder) {
+        std::string const query = "\"queryFilter\":\"('" + id + "' in parents)\"}\n";
+        std::string token;
+        do {
+            std::string request = "{\"fn\":\"listObjects\",";
+            if (!token.empty()) request += "\"pageToken\":\"" + token + "\",";
+            std::string answer = emulator.exchange(request + query);
+            token = BenchSupport::stringMember(answer, "nextPageToken");
+            benchmark::DoNotOptimize(answer);
+        } while (!token.empty());
+    }
+}
+
+double secondsOf(std::function<void()> const& step) {
+    auto start = std::chrono::steady_clock::now();
+    step();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+// Each iteration lists the pages over the pipe (the reference), then walks the
+// tree through the plug-in on a fresh agent: the load of this machine changes
+// too much for a reference taken at another moment. The iteration time is the
+// walk's; `time_ratio` is the median walk over the median reference.
 void BM_ListDirRecursive(benchmark::State& state) {
     ListingTree const& tree = listingTree(static_cast<int>(state.range(0)));
     BenchSupport::useEmulatorFor(tree.agentRoot, tree.data);
     auto drive = DriveEmulator::Drive::open(tree.data);
+    EmulatorPipe reference(tree.data);
     // Debug lines masked, as on a NAS in normal operation.
     int oldMask = setlogmask(LOG_UPTO(LOG_INFO));
     BenchSupport::PeakRssProbe probe;
     auto agent = readyAgent();
-    if (!agent || walk(*agent) != tree.files) {  // warm-up: database pages in memory
+    listPages(reference, tree);                  // warm-up
+    if (!agent || walk(*agent) != tree.files) {  // warm-up
         state.SkipWithError("warm-up walk failed");
         setlogmask(oldMask);
         return;
     }
     std::int64_t listings = 0, growth = 0;
+    std::vector<double> walkSeconds, referenceSeconds;
     for (auto _ : state) {
-        state.PauseTiming();
+        referenceSeconds.push_back(secondsOf([&] { listPages(reference, tree); }));
         agent = readyAgent();
         drive.clearRequestLog();
         probe.start();
-        state.ResumeTiming();
-        int files = agent ? walk(*agent) : -1;
-        state.PauseTiming();
+        int files = -1;
+        walkSeconds.push_back(secondsOf([&] { files = agent ? walk(*agent) : -1; }));
         growth = std::max(growth, probe.growth());
         listings += drive.countRequests("listObjects");
         agent.reset();
-        state.ResumeTiming();
+        state.SetIterationTime(walkSeconds.back());
         if (files != tree.files) {
             state.SkipWithError("walk failed");
             break;
@@ -148,32 +184,21 @@ void BM_ListDirRecursive(benchmark::State& state) {
         }
     }
     setlogmask(oldMask);
+    if (walkSeconds.empty()) return;
     double const iterations = static_cast<double>(state.iterations());
     state.counters["requests_per_folder"] =
         static_cast<double>(listings) / iterations / tree.foldersInWalkOrder.size();
-    state.counters["files_per_second"] =
-        benchmark::Counter(tree.files * iterations, benchmark::Counter::kIsRate);
+    state.counters["files_per_second"] = tree.files / median(walkSeconds);
+    state.counters["time_ratio"] = median(walkSeconds) / median(referenceSeconds);
     state.counters["rss_growth_bytes"] = static_cast<double>(growth);
 }
 
+// The reference alone.
 void BM_EmulatorListPages(benchmark::State& state) {
     ListingTree const& tree = listingTree(static_cast<int>(state.range(0)));
     EmulatorPipe emulator(tree.data);
-    auto listAll = [&] {
-        for (auto const& id : tree.foldersInWalkOrder) {
-            std::string const query = "\"queryFilter\":\"('" + id + "' in parents)\"}\n";
-            std::string token;
-            do {
-                std::string request = "{\"fn\":\"listObjects\",";
-                if (!token.empty()) request += "\"pageToken\":\"" + token + "\",";
-                std::string answer = emulator.exchange(request + query);
-                token = BenchSupport::stringMember(answer, "nextPageToken");
-                benchmark::DoNotOptimize(answer);
-            } while (!token.empty());
-        }
-    };
-    listAll();  // warm-up, untimed
-    for (auto _ : state) listAll();
+    listPages(emulator, tree);  // warm-up, untimed
+    for (auto _ : state) listPages(emulator, tree);
     state.counters["files_per_second"] = benchmark::Counter(
         static_cast<double>(tree.files) * state.iterations(), benchmark::Counter::kIsRate);
 }
@@ -182,8 +207,8 @@ void BM_EmulatorListPages(benchmark::State& state) {
 
 BENCHMARK(BM_ListDirRecursive)
     ->Arg(100000)
-    ->Iterations(3)
-    ->UseRealTime()
+    ->Iterations(5)
+    ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EmulatorListPages)
     ->Arg(100000)
