@@ -35,6 +35,13 @@ void removeTree(std::string const& folder) {
         std::fprintf(stderr, "cannot remove %s: %s\n", folder.c_str(), error.message().c_str());
 }
 
+void settle(std::string const& folder) {
+    int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    ::syncfs(fd);
+    ::close(fd);
+}
+
 EmulatorPipe::EmulatorPipe(std::string const& dataFolder) {
     int in[2], out[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {

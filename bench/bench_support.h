@@ -20,6 +20,10 @@ std::string makeScratchFolder(std::string const& prefix);
 // Removes `folder` and everything below it; a failure is only reported.
 void removeTree(std::string const& folder);
 
+// Writes back what is dirty on the file system of `folder`, so that a timed
+// step does not pay for the writeback of an earlier one.
+void settle(std::string const& folder);
+
 // An emulator process on the account in `dataFolder`, started at once and
 // ready (its "start" line read). Requests are written as given; answers are
 // read back line by line. Destroying it closes its input and reaps it.
