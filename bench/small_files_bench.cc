@@ -39,6 +39,10 @@ struct SourceFiles {
     std::string scratch;
     int perFolder = 0;
 
+    ~SourceFiles() {
+        if (!scratch.empty()) BenchSupport::removeTree(scratch);
+    }
+
     std::string local(int d, int f) const {
         return scratch + "/src/" + folderName(d) + "/" + fileName(f);
     }
