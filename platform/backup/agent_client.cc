@@ -249,6 +249,11 @@ bool AgentClient::writeAll(std::string const& text, char const*& why) {
     return true;
 }
 
+bool AgentClient::hasBufferedLine() const {
+    return _read_pos < _read_end &&
+           memchr(_read_buffer.data() + _read_pos, '\n', _read_end - _read_pos) != nullptr;
+}
+
 bool AgentClient::readString(std::string& line) {
     char const* begin = nullptr;
     char const* end = nullptr;

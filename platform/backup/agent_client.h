@@ -86,6 +86,10 @@ class AgentClient {
     // helper's input pipe is full.
     bool sendRequest(Json::Value const& request);
 
+    // True when a complete line from the helper is already buffered, so that
+    // the next readString() or readResponse() returns without waiting.
+    bool hasBufferedLine() const;
+
     // Reads the next message into `response`. True when it is a success by
     // isSuccessResponse. On false `response` is the failure: the helper's own
     // failure response, or one made up by the channel ({"success": false,
