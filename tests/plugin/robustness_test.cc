@@ -112,6 +112,10 @@ TEST_F(RobustnessTest, DeleteOfAStaleCachedPathSparesTheMovedObject) {
     drive->remove(drive->lookup(bId, "x")[0].id);
     EXPECT_TRUE(agent->removeFile("b/x"));
     EXPECT_EQ(0, objectsNamed(bId, "x"));
+    drive->put(bId, "y", "data");
+    drive->addFault(Fault::fail("deleteObject", 404));  // gone between lookup and delete
+    EXPECT_TRUE(agent->removeFile("b/y"));
+    EXPECT_EQ(2003, getError());
 }
 
 TEST_F(RobustnessTest, RemovedFolderTakesItsDescendantsOutOfTheCache) {
