@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -72,14 +71,11 @@ void EmulatorProcess::send(Json::Value const& request) {
 }
 
 Json::Value EmulatorProcess::receive() {
-    auto line = readLine();
     Json::Value value;
+    std::istringstream line(readLine().value_or(""));
     std::string errors;
-    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (!line || !reader->parse(line->data(), line->data() + line->size(), &value, &errors)) {
-        return Json::Value();
-    }
-    return value;
+    return Json::parseFromStream(Json::CharReaderBuilder(), line, &value, &errors) ? value
+                                                                                   : Json::Value();
 }
 
 std::vector<Json::Value> EmulatorProcess::answers() {
@@ -92,22 +88,17 @@ std::vector<Json::Value> EmulatorProcess::answers() {
 }
 
 int EmulatorProcess::finish() {
-    if (_pipe->writeFd >= 0) ::close(_pipe->writeFd);
+    ::close(_pipe->writeFd);
     _pipe->writeFd = -1;
-    if (!_status) {
-        int status = 0;
-        while (::waitpid(_pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        _status = status;
-    }
+    int status = 0;
+    if (!_status && ::waitpid(_pid, &status, 0) == _pid) _status = status;
     return WIFEXITED(*_status) ? WEXITSTATUS(*_status) : 128 + WTERMSIG(*_status);
 }
 
 void EmulatorProcess::hangUp() {
-    for (int* fd : {&_pipe->writeFd, &_pipe->readFd}) {
-        if (*fd >= 0) ::close(*fd);
-        *fd = -1;
-    }
+    ::close(_pipe->writeFd);
+    ::close(_pipe->readFd);
+    _pipe->writeFd = _pipe->readFd = -1;
 }
 
 Json::Value req(std::initializer_list<std::pair<char const*, std::string>> members) {
@@ -134,9 +125,8 @@ void AccountTest::changeSettings(std::function<void(DriveEmulator::Settings&)> c
     drive->setSettings(s);
 }
 
-std::string makeTempFolder(char const* tag) {
-    char const* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/" + tag + "-XXXXXX";
+std::string makeTempFolder() {
+    std::string pattern = std::filesystem::temp_directory_path() / "emulator-test-XXXXXX";
     if (!::mkdtemp(&pattern[0])) throw std::runtime_error("mkdtemp failed");
     return pattern;
 }

@@ -26,8 +26,7 @@ using Env = std::map<std::string, std::optional<std::string>>;
 
 class EmulatorProcess {
   public:
-    // Starts the emulator on `dataFolder` (through DRIVE_EMULATOR_DATA, unless `env` says
-    // otherwise).
+    // Starts the emulator on `dataFolder`, unless `env` names another.
     explicit EmulatorProcess(std::string const& dataFolder, Env const& env = {});
     // Closes both pipes and reaps it.
     ~EmulatorProcess();
@@ -67,7 +66,7 @@ class EmulatorProcess {
     std::optional<int> _status;
 };
 
-std::string makeTempFolder(char const* tag);
+std::string makeTempFolder();
 void writeFile(std::string const& path, std::string const& content);
 std::string readFile(std::string const& path);
 // A request object from (member, value) pairs.
@@ -82,7 +81,7 @@ class AccountTest : public ::testing::Test {
     std::unique_ptr<EmulatorProcess> start();
     void changeSettings(std::function<void(DriveEmulator::Settings&)> const& change);
 
-    std::string data = makeTempFolder("emulator-test");
+    std::string data = makeTempFolder();
     std::optional<DriveEmulator::Drive> drive;
 };
 

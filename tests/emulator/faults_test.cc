@@ -154,11 +154,17 @@ TEST_F(Faults, CreationAppliedAnswerLostAndNameListingLagging) {
     }
 }
 
-TEST_F(Faults, TransfersCutShortOrPlayingGivenProgress) {
-    std::string file = drive->put("root", "f", std::string(1000, 'x'));
-    changeSettings([](Settings& s) { s.progressBytes = 100; });
-    drive->addFault(Fault::exitAfterProgress("downloadFile", 2));
+TEST_F(Faults, TransfersCutShortOrLongOrPlayingGivenProgress) {
+    std::string file = drive->put("root", "f", "0123456789");
+    changeSettings([](Settings& s) { s.progressBytes = 1; });
     auto emulator = start();
+    drive->addFault(Fault::shortDownload());
+    drive->addFault(Fault::longDownload().onNth(2));
+    for (char const* expected : {"012345678", "0123456789\n", "0123456789"}) {
+        EXPECT_TRUE(emulator->transfer(download(file)).back()["success"].asBool());
+        EXPECT_EQ(expected, readFile(data + "/out"));
+    }
+    drive->addFault(Fault::exitAfterProgress("downloadFile", 2));
     auto messages = emulator->transfer(download(file));
     EXPECT_EQ((std::vector<double>{0.1, 0.2}), fractions(messages));
     EXPECT_TRUE(messages.back().isNull());  // then nothing: the process is gone
@@ -173,15 +179,4 @@ TEST_F(Faults, TransfersCutShortOrPlayingGivenProgress) {
     messages = start()->transfer(upload("f3", std::string(1000, 'y')));
     EXPECT_EQ((std::vector<double>{0.5, 0.5, 0.25, 1.0}), fractions(messages));
     EXPECT_EQ(1000u, messages.back()["properties"]["size"].asUInt64());
-}
-
-TEST_F(Faults, DownloadsOneByteShortOrLongThenWhole) {
-    std::string file = drive->put("root", "f", "0123456789");
-    auto emulator = start();
-    drive->addFault(Fault::shortDownload());
-    drive->addFault(Fault::longDownload().onNth(2));
-    for (char const* expected : {"012345678", "0123456789\n", "0123456789"}) {
-        EXPECT_TRUE(emulator->transfer(download(file)).back()["success"].asBool());
-        EXPECT_EQ(expected, readFile(data + "/out"));
-    }
 }
