@@ -34,8 +34,9 @@ TEST_F(Model, NamesRepeatAndCompareWithoutCase) {
     std::string first = drive->mkdir("root", "Pool");
     drive->mkdir("root", "POOL");
     drive->put("root", "pool", "x");
-    EXPECT_EQ(3u, drive->lookup("root", "pool").size());
-    EXPECT_EQ(first, drive->lookup("root", "pOOl")[0].id);
+    auto found = drive->lookup("root", "pOOl");
+    ASSERT_EQ(3u, found.size());
+    EXPECT_EQ(first, found[0].id);
     expectError(400, [&] { drive->idByPath("/Pool"); });  // ambiguous, not "not found"
     expectError(404, [&] { drive->idByPath("/Control"); });
 }
