@@ -1,135 +1,64 @@
 #include "emulator_process.h"
 
-#include <fcntl.h>
 #include <json/reader.h>
-#include <json/writer.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 
-#include "drive_control.h"
-
-extern char** environ;
-
 namespace EmulatorTest {
 
-std::map<std::string, std::optional<std::string>> agentEnvironment() {
-    return {
+EmulatorProcess::EmulatorProcess(std::string const& dataFolder, Env const& changes) {
+    Env env = {
         {"GOOGLEDRIVE_ACCESS_TOKEN", std::string("ya29.access")},
         {"GOOGLEDRIVE_REFRESH_TOKEN", std::string("MS8vMGdSZWZyZXNoVG9rZW4=")},
         {"GOOGLEDRIVE_CLIENT_ID", std::string("123456789012-abc.apps.example.com")},
         {"GOOGLEDRIVE_CLIENT_SECRET", std::string("Qm7vT2xK_pL9R-04Hd3WaNce")},
         {"TAVO_USER_AGENT", std::string("Coffervault/1.0")},
+        {"DRIVE_EMULATOR_DATA", dataFolder},
+        {"TAVO_ROOT", std::nullopt},
     };
-}
-
-EmulatorProcess::EmulatorProcess(std::string const& dataFolder, Launch launch) {
-    std::string program = launch.program.empty() ? DriveEmulator::emulatorBinary() : launch.program;
-    std::string argv0 = launch.argv0.empty() ? program : launch.argv0;
-    auto settings = agentEnvironment();
-    settings["DRIVE_EMULATOR_DATA"] = dataFolder;
-    for (auto const& entry : launch.env) settings[entry.first] = entry.second;
-
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) {
-        std::string entry = *e;
-        if (!settings.count(entry.substr(0, entry.find('=')))) env.push_back(entry);
+    for (auto const& change : changes) env[change.first] = change.second;
+    // The child inherits our environment; every launch sets all of these.
+    for (auto const& [name, value] : env) {
+        if (value) {
+            ::setenv(name.c_str(), value->c_str(), 1);
+        } else {
+            ::unsetenv(name.c_str());
+        }
     }
-    for (auto const& entry : settings) {
-        if (entry.second) env.push_back(entry.first + "=" + *entry.second);
-    }
-    std::vector<std::string> args = {argv0};
-    args.insert(args.end(), launch.args.begin(), launch.args.end());
-
-    int in[2], out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-    std::vector<char*> argvPointers, envPointers;
-    for (auto& a : args) argvPointers.push_back(&a[0]);
-    argvPointers.push_back(nullptr);
-    for (auto& e : env) envPointers.push_back(&e[0]);
-    envPointers.push_back(nullptr);
-
-    _pid = ::fork();
-    if (_pid < 0) throw std::runtime_error("fork failed");
-    if (_pid == 0) {
-        ::dup2(in[0], STDIN_FILENO);
-        ::dup2(out[1], STDOUT_FILENO);
-        ::execve(program.c_str(), argvPointers.data(), envPointers.data());
-        ::_exit(127);
-    }
-    ::close(in[0]);
-    ::close(out[1]);
-    _to = in[1];
-    _from = out[0];
+    _pipe = TAVOPipeOpen(&_pid, DriveEmulator::emulatorBinary().c_str(), nullptr);
+    if (!_pipe) throw std::runtime_error("cannot start the emulator");
 }
 
 EmulatorProcess::~EmulatorProcess() {
-    if (_to >= 0 || !_status) {
-        // A test that failed half-way may leave it running: do not hang here.
-        if (_to >= 0) ::close(_to);
-        _to = -1;
-        for (int i = 0; i < 200 && !_status; ++i) {
-            int status = 0;
-            if (::waitpid(_pid, &status, WNOHANG) == _pid) {
-                _status = status;
-            } else {
-                ::usleep(10000);
-            }
-        }
-        if (!_status) {
-            ::kill(_pid, SIGKILL);
-            ::waitpid(_pid, nullptr, 0);
-        }
-    }
-    if (_from >= 0) ::close(_from);
+    // With both pipes closed it ends soon even after a test that failed half-way.
+    TAVOPipeFree(_pipe);
+    if (!_status) ::waitpid(_pid, nullptr, 0);
 }
 
-std::optional<std::string> EmulatorProcess::readLine(int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        size_t end = _buffer.find('\n');
-        if (end != std::string::npos) {
-            std::string line = _buffer.substr(0, end);
-            _buffer.erase(0, end + 1);
-            return line;
-        }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0) return std::nullopt;
-        pollfd p = {_from, POLLIN, 0};
-        int ready = ::poll(&p, 1, static_cast<int>(left));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) return std::nullopt;
+std::optional<std::string> EmulatorProcess::readLine() {
+    for (size_t end; (end = _buffer.find('\n')) == std::string::npos;) {
+        pollfd p = {_pipe->readFd, POLLIN, 0};
         char chunk[65536];
-        ssize_t n = ::read(_from, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) continue;
+        ssize_t n = ::poll(&p, 1, 20000) > 0 ? ::read(_pipe->readFd, chunk, sizeof chunk) : 0;
         if (n <= 0) return std::nullopt;
         _buffer.append(chunk, static_cast<size_t>(n));
     }
+    std::string line = _buffer.substr(0, _buffer.find('\n'));
+    _buffer.erase(0, line.size() + 1);
+    return line;
 }
-
-bool EmulatorProcess::handshake() { return readLine() == std::optional<std::string>("start"); }
 
 void EmulatorProcess::writeLine(std::string const& line) {
     std::string text = line + "\n";
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(_to, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
+    for (size_t done = 0; done < text.size();) {
+        ssize_t n = ::write(_pipe->writeFd, text.data() + done, text.size() - done);
         if (n <= 0) return;  // the emulator is gone; the reads will tell
         done += static_cast<size_t>(n);
     }
@@ -142,53 +71,34 @@ void EmulatorProcess::send(Json::Value const& request) {
 }
 
 Json::Value EmulatorProcess::receive() {
-    auto line = readLine();
-    return line ? parseJson(*line) : Json::Value();
+    Json::Value value;
+    std::istringstream line(readLine().value_or(""));
+    std::string errors;
+    return Json::parseFromStream(Json::CharReaderBuilder(), line, &value, &errors) ? value
+                                                                                   : Json::Value();
 }
 
-Json::Value EmulatorProcess::call(Json::Value const& request) {
-    send(request);
-    return receive();
-}
-
-std::vector<Json::Value> EmulatorProcess::transfer(Json::Value const& request) {
-    send(request);
+std::vector<Json::Value> EmulatorProcess::answers() {
     std::vector<Json::Value> messages;
-    for (;;) {
-        Json::Value message = receive();
-        messages.push_back(message);
-        if (message.isNull() || !message.get("success", false).asBool() ||
-            message.get("complete", true).asBool()) {
-            return messages;
-        }
-    }
-}
-
-Json::Value EmulatorProcess::finalAnswer() {
-    Json::Value message;
     do {
-        message = receive();
-    } while (message.isObject() && !message.get("complete", true).asBool());
-    return message;
+        messages.push_back(receive());
+    } while (messages.back().get("success", false).asBool() &&
+             !messages.back().get("complete", true).asBool());
+    return messages;
 }
 
 int EmulatorProcess::finish() {
-    if (_to >= 0) ::close(_to);
-    _to = -1;
-    if (!_status) {
-        int status = 0;
-        while (::waitpid(_pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        _status = status;
-    }
+    ::close(_pipe->writeFd);
+    _pipe->writeFd = -1;
+    int status = 0;
+    if (!_status && ::waitpid(_pid, &status, 0) == _pid) _status = status;
     return WIFEXITED(*_status) ? WEXITSTATUS(*_status) : 128 + WTERMSIG(*_status);
 }
 
 void EmulatorProcess::hangUp() {
-    for (int* fd : {&_to, &_from}) {
-        if (*fd >= 0) ::close(*fd);
-        *fd = -1;
-    }
+    ::close(_pipe->writeFd);
+    ::close(_pipe->readFd);
+    _pipe->writeFd = _pipe->readFd = -1;
 }
 
 Json::Value req(std::initializer_list<std::pair<char const*, std::string>> members) {
@@ -199,53 +109,35 @@ Json::Value req(std::initializer_list<std::pair<char const*, std::string>> membe
 
 void AccountTest::TearDown() {
     drive.reset();
-    removeTree(data);
+    std::error_code ignored;
+    std::filesystem::remove_all(data, ignored);
 }
 
 std::unique_ptr<EmulatorProcess> AccountTest::start() {
     auto process = std::make_unique<EmulatorProcess>(data);
-    EXPECT_TRUE(process->handshake());
+    EXPECT_EQ("start", process->readLine().value_or("<nothing>"));
     return process;
 }
 
-void AccountTest::progressEvery(std::int64_t bytes) {
+void AccountTest::changeSettings(std::function<void(DriveEmulator::Settings&)> const& change) {
     DriveEmulator::Settings s = drive->settings();
-    s.progressBytes = bytes;
+    change(s);
     drive->setSettings(s);
 }
 
-Json::Value parseJson(std::string const& text) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors)) {
-        return Json::Value();
-    }
-    return value;
-}
-
-std::string makeTempFolder(char const* tag) {
-    char const* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/" + tag + "-XXXXXX";
+std::string makeTempFolder() {
+    std::string pattern = std::filesystem::temp_directory_path() / "emulator-test-XXXXXX";
     if (!::mkdtemp(&pattern[0])) throw std::runtime_error("mkdtemp failed");
     return pattern;
 }
 
-void removeTree(std::string const& path) {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
-
 void writeFile(std::string const& path, std::string const& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 std::string readFile(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
