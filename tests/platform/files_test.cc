@@ -80,19 +80,6 @@ TEST(ErrorState, IsPerThread) {
     EXPECT_EQ(ERR_GENERAL, getErrorCodeByLibcFileIo(EBADF, true));
 }
 
-TEST(TargetCache, MakesThePerTargetFolder) {
-    Repository repo;
-    EXPECT_EQ("", TargetCache::getCachePath(repo, "T"));
-    std::string dir = makeTempDir();
-    repo.setCacheRoot(dir + "/cache");
-    std::string got = TargetCache::getCachePath(repo, "T");
-    EXPECT_EQ(dir + "/cache/T", got);
-    EXPECT_TRUE(exists(got));
-    rmdir(got.c_str());
-    rmdir((dir + "/cache").c_str());
-    rmdir(dir.c_str());
-}
-
 TEST(JsonText, ParserIsStrict) {
     Json::Value v;
     EXPECT_TRUE(TAVO::JsonText::fromString("{\"a\":1}\n", v));

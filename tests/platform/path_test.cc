@@ -7,55 +7,6 @@
 
 using namespace TAVO::Backup;
 
-TEST(PathJoin, FoldsSlashesBetweenComponentsOnly) {
-    struct Case {
-        std::vector<std::string> parts;
-        std::string want;
-    } cases[] = {
-        {{"/", "C", "T", ""}, "/C/T"},
-        {{"/", "C", "T", "/"}, "/C/T/"},
-        {{"/", "C", "T", "a/b/"}, "/C/T/a/b/"},
-        {{"/", "", "", ""}, "/"},
-        {{"/", "C", "", "a"}, "/C/a"},
-        {{"a/", "/b"}, "a/b"},
-        {{"a//x", "b"}, "a//x/b"},
-        {{"", "b"}, "b"},
-        {{"/", "/"}, "/"},
-    };
-    for (auto const& c : cases) {
-        std::vector<std::string> p = c.parts;
-        p.resize(7);
-        SCOPED_TRACE(c.want);
-        EXPECT_EQ(c.want, Path::join(p[0], p[1], p[2], p[3], p[4], p[5], p[6]));
-    }
-}
-
-TEST(PathSplit, AbsolutePathsStartWithTheRootElement) {
-    std::vector<std::string> parts;
-    ASSERT_TRUE(Path::split("/C/T/a", parts));
-    EXPECT_EQ((std::vector<std::string>{"", "C", "T", "a"}), parts);
-    ASSERT_TRUE(Path::split("/", parts));
-    EXPECT_EQ((std::vector<std::string>{""}), parts);
-    ASSERT_TRUE(Path::split("/C/T/", parts));
-    EXPECT_EQ((std::vector<std::string>{"", "C", "T"}), parts);
-    ASSERT_TRUE(Path::split("/C//a", parts));
-    EXPECT_EQ((std::vector<std::string>{"", "C", "", "a"}), parts);
-    ASSERT_TRUE(Path::split("", parts));
-    EXPECT_TRUE(parts.empty());
-    EXPECT_FALSE(Path::split(std::string("/a\0b", 4), parts));
-}
-
-TEST(PathDirBase, SplitTheLastComponent) {
-    EXPECT_EQ("/C/T", Path::dirname("/C/T/a"));
-    EXPECT_EQ("/", Path::dirname("/C"));
-    EXPECT_EQ("/", Path::dirname("/"));
-    EXPECT_EQ("/C", Path::dirname("/C/T/"));
-    EXPECT_EQ(".", Path::dirname("a"));
-    EXPECT_EQ("a", Path::basename("/C/a"));
-    EXPECT_EQ("a", Path::basename("/C/a//"));
-    EXPECT_EQ("/", Path::basename("/"));
-}
-
 TEST(PathAbs, FoldsDotsAgainstWorkingDirectory) {
     EXPECT_EQ("/a/c", Path::absPath("/a/./b/../c//"));
     EXPECT_EQ("/", Path::absPath("/.."));

@@ -117,16 +117,6 @@ TEST_F(ResolveTest, TrashedOrDeletedObjectIsAbsentAndLeavesTheCache) {
     }
 }
 
-TEST_F(ResolveTest, ObjectWithTwoParentsResolvesThroughEither) {
-    std::string fileId = drive->put(aId, "f", "data");
-    drive->addParent(fileId, bId);
-    std::string id1, id2;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/f", id1));
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b/f", id2));
-    EXPECT_EQ(fileId, id1);
-    EXPECT_EQ(fileId, id2);
-}
-
 TEST_F(ResolveTest, PagedListingsAreJoined) {
     auto s = drive->settings();
     s.pageSize = 2;
