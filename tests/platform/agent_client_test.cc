@@ -204,7 +204,6 @@ TEST_F(AgentClientTest, WriteToVanishedHelperRaisesNoSigpipeAndLeavesTheHostsOwn
     }
     struct timespec now = {0, 0};
     EXPECT_EQ(SIGPIPE, sigtimedwait(&pipeOnly, nullptr, &now));
-    EXPECT_EQ(-1, sigtimedwait(&pipeOnly, nullptr, &now)) << "only one was pending";
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
