@@ -18,8 +18,7 @@
 #include "backup/json_text.h"
 #include "support/syslog_capture.h"
 
-namespace TAVO {
-namespace Backup {
+namespace TAVO::Backup {
 namespace {
 
 // Starts fake_agent with one script, as a subclass's connect() starts its helper.
@@ -255,5 +254,4 @@ TEST_F(AgentClientTest, CloseGivesGraceThenKillsAndReapsEveryHelper) {
 }
 
 }  // namespace
-}  // namespace Backup
-}  // namespace TAVO
+}  // namespace TAVO::Backup

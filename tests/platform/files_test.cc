@@ -1,4 +1,4 @@
-// Temporary files, privileges, the error state and the JSON text helpers.
+// Temporary files, the error state, the JSON text helpers and paths.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +10,8 @@
 
 #include "backup/error.h"
 #include "backup/json_text.h"
+#include "backup/path.h"
+#include "backup/path_check.h"
 #include "backup/scoped_temp_file.h"
 
 using namespace TAVO::Backup;
@@ -79,4 +81,35 @@ TEST(JsonText, ParserIsStrict) {
         SCOPED_TRACE(bad);
         EXPECT_FALSE(TAVO::JsonText::fromString(bad, v));
     }
+}
+
+TEST(PathAbs, FoldsDotsAgainstWorkingDirectory) {
+    EXPECT_EQ("/a/c", Path::absPath("/a/./b/../c//"));
+    EXPECT_EQ("/", Path::absPath("/.."));
+    char cwd[4096];
+    ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
+    EXPECT_EQ(std::string(cwd) == "/" ? "/x" : std::string(cwd) + "/x", Path::absPath("x"));
+}
+
+TEST(PathValidators, RelativePaths) {
+    EXPECT_TRUE(isValidRelativePath("a/b/", false));
+    EXPECT_FALSE(isValidRelativePath("", false));
+    EXPECT_TRUE(isValidRelativePath("", true));
+    EXPECT_TRUE(isValidRelativePath("/", true));
+    EXPECT_FALSE(isValidRelativePath("/a", true));
+    EXPECT_FALSE(isValidRelativePath("a/../b", false));
+    EXPECT_FALSE(isValidRelativePath("a/./b", false));
+    EXPECT_FALSE(isValidRelativePath(std::string("a\0b", 3), false));
+    EXPECT_FALSE(isValidRelativePath(std::string(256, 'x'), false));
+    EXPECT_TRUE(isValidRelativePath(std::string(255, 'x'), false));
+    EXPECT_TRUE(isValidRelativePath("..a/b..", false));
+}
+
+TEST(PathValidators, FileAndLocalPaths) {
+    // The plain refusals show in the transfer tests' table of bad paths.
+    EXPECT_TRUE(isValidFileRelativePath("/a", true));
+    EXPECT_TRUE(isValidFileLocalPath("/tmp/x", true));
+    EXPECT_FALSE(isValidFileLocalPath("x", true));
+    EXPECT_TRUE(isValidFileLocalPath("x", false));
+    EXPECT_FALSE(isValidFileLocalPath("/tmp/../etc/passwd", false));
 }

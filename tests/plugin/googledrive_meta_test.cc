@@ -5,8 +5,7 @@
 
 #include "backup/json_text.h"
 
-namespace TAVO {
-namespace Backup {
+namespace TAVO::Backup {
 namespace {
 
 using GoogleDrive::FileMeta;
@@ -67,5 +66,4 @@ TEST(FileMetaTest, AbsentKeysKeepTheirFieldsAndParentsAccumulate) {
 }
 
 }  // namespace
-}  // namespace Backup
-}  // namespace TAVO
+}  // namespace TAVO::Backup
