@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 using namespace TAVO::Backup;
 namespace fs = std::filesystem;
@@ -57,9 +57,7 @@ std::string EmulatedDriveTest::writeLocal(std::string const& name, std::string c
 
 std::string EmulatedDriveTest::readFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool EmulatedDriveTest::fileExists(std::string const& path) {
