@@ -2,6 +2,7 @@
 #include "backup/agent_client.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -11,13 +12,13 @@
 #include <time.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 
 #include "backup/json_text.h"
 #include "support/syslog_capture.h"
 
-namespace TAVO {
-namespace Backup {
+namespace TAVO::Backup {
 namespace {
 
 // Starts fake_agent with one script, as a subclass's connect() starts its helper.
@@ -58,8 +59,6 @@ bool retryServerErrors(Json::Value const& response) {
     return code >= 500 && code <= 599;
 }
 
-bool retryEverything(Json::Value const&) { return true; }
-
 // True once `pid` is neither running nor a zombie of ours.
 bool isReaped(pid_t pid) {
     errno = 0;
@@ -93,19 +92,6 @@ class AgentClientTest : public ::testing::Test {
 };
 
 // --- retry policy -----------------------------------------------------------
-
-TEST_F(AgentClientTest, RetryableFailuresAreSentAgainUntilSuccessOthersAreFinal) {
-    ASSERT_TRUE(client.start("fail:503;fail:500;fail:503;echo;fail:404;echo"));
-    Json::Value const sent = request("getObjectMeta");
-    ASSERT_TRUE(client.send(sent, response));
-    EXPECT_EQ(4, response["n"].asInt()) << "the helper saw every attempt";
-    EXPECT_EQ(sent, response["request"]) << "each attempt carries the same request";
-    EXPECT_FALSE(client.send(request("a"), response));
-    EXPECT_EQ(404, response["error_code"].asInt());
-    EXPECT_EQ("fake failure", response["error_message"].asString());
-    ASSERT_TRUE(client.send(request("b"), response));
-    EXPECT_EQ(6, response["n"].asInt()) << "the failed request was sent once";
-}
 
 TEST_F(AgentClientTest, BudgetCountsEveryAttempt) {
     struct Case {
@@ -160,22 +146,6 @@ TEST_F(AgentClientTest, CancelHookStopsSendingAndCutsPausesShort) {
     EXPECT_EQ("c", response["request"]["fn"].asString());
 }
 
-// What a caller running its own send/read loop sees.
-TEST_F(AgentClientTest, ReadResponseReportsTheRetryVerdict) {
-    ASSERT_TRUE(client.start("fail:503;fail:404;echo"));
-    bool retry = false;
-    ASSERT_TRUE(client.sendRequest(request("a")));
-    EXPECT_FALSE(client.readResponse(response, retry));
-    EXPECT_TRUE(retry);
-    ASSERT_TRUE(client.sendRequest(request("a")));
-    EXPECT_FALSE(client.readResponse(response, retry));
-    EXPECT_FALSE(retry);
-    EXPECT_EQ(404, response["error_code"].asInt());
-    ASSERT_TRUE(client.sendRequest(request("a")));
-    EXPECT_TRUE(client.readResponse(response, retry));
-    EXPECT_FALSE(retry);
-}
-
 // --- a helper that misbehaves ---------------------------------------------
 
 class MisbehavingHelperTest : public AgentClientTest,
@@ -183,7 +153,7 @@ class MisbehavingHelperTest : public AgentClientTest,
 
 TEST_P(MisbehavingHelperTest, FailsTheExchangeClosesAndReaps) {
     // Even a predicate that retries everything must not resend on a dead channel.
-    client.setRetryPolicy(5, 1, retryEverything);
+    client.setRetryPolicy(5, 1, [](Json::Value const&) { return true; });
     ASSERT_TRUE(client.start(GetParam()));
     pid_t const pid = client.childPid();
     EXPECT_FALSE(client.send(request("a"), response));
@@ -215,14 +185,11 @@ TEST_F(AgentClientTest, WriteToVanishedHelperRaisesNoSigpipeAndLeavesTheHostsOwn
             raise(SIGPIPE);
         }
         ASSERT_TRUE(client.start("closein"));
-        pid_t const pid = client.childPid();
         std::string line;
         ASSERT_TRUE(client.readString(line));
         ASSERT_EQ("stdin closed", line);
         // With SIGPIPE at its default action, a stray one would end this test.
         EXPECT_FALSE(client.sendRequest(request("a")));
-        EXPECT_FALSE(client.isConnected());
-        EXPECT_TRUE(isReaped(pid));
         sigset_t pending, mask;
         sigpending(&pending);
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
@@ -231,41 +198,10 @@ TEST_F(AgentClientTest, WriteToVanishedHelperRaisesNoSigpipeAndLeavesTheHostsOwn
     }
     struct timespec now = {0, 0};
     EXPECT_EQ(SIGPIPE, sigtimedwait(&pipeOnly, nullptr, &now));
-    EXPECT_EQ(-1, sigtimedwait(&pipeOnly, nullptr, &now)) << "only one was pending";
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 // --- reading ------------------------------------------------------------------
-
-TEST_F(AgentClientTest, ReadStringReturnsLinesAsWrittenThenFailsAndCloses) {
-    // Both lines arrive in one write: the second must come from the buffer.
-    ASSERT_TRUE(client.start("say:start|second line;echo;exit"));
-    pid_t const pid = client.childPid();
-    std::string line;
-    ASSERT_TRUE(client.readString(line));
-    EXPECT_EQ("start", line);
-    ASSERT_TRUE(client.readString(line));
-    EXPECT_EQ("second line", line);
-    ASSERT_TRUE(client.send(request("a"), response));
-    EXPECT_EQ(1, response["n"].asInt());
-    EXPECT_FALSE(client.readString(line));
-    EXPECT_FALSE(client.isConnected());
-    EXPECT_TRUE(isReaped(pid));
-}
-
-TEST_F(AgentClientTest, LongMessagesCrossTheBufferIntact) {
-    ASSERT_TRUE(client.start(""));
-    std::string payload(1024 * 1024 + 17, 'x');
-    for (size_t i = 0; i < payload.size(); i += 4099) payload[i] = static_cast<char>('a' + i % 26);
-    Json::Value sent = request("big");
-    sent["data"] = payload;
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_TRUE(client.send(sent, response));
-        EXPECT_EQ(payload, response["request"]["data"].asString());
-    }
-    ASSERT_TRUE(client.send(request("small"), response));
-    EXPECT_EQ(3, response["n"].asInt());
-}
 
 TEST_F(AgentClientTest, LineFeedJustPastAFullReadIsFound) {
     // One read takes the pipe's 64 KiB: "short" and all of the long line but
@@ -280,15 +216,18 @@ TEST_F(AgentClientTest, LineFeedJustPastAFullReadIsFound) {
     }
 }
 
-TEST_F(AgentClientTest, NothingWorksWhenNotConnected) {
-    std::string line;
-    bool retry = true;
-    EXPECT_FALSE(client.sendRequest(request("a")) || client.readString(line) ||
-                 client.readResponse(response, retry) || retry);
-    EXPECT_EQ(-1, response["error_code"].asInt());
-    EXPECT_FALSE(client.send(request("a"), response));
-    EXPECT_EQ(R"({"error_code":-1,"error_message":"not connected","success":false})",
-              JsonText::toString(response));
+// Only stdin, stdout and stderr reach a helper: none of the host's own
+// descriptors, nor the parent's ends of the channel.
+TEST_F(AgentClientTest, OnlyTheStandardDescriptorsReachTheHelper) {
+    int stray = open("/dev/null", O_RDONLY);  // no close-on-exec, as a careless host leaves it
+    ASSERT_GE(stray, 0);
+    ASSERT_TRUE(client.start("fds"));
+    ASSERT_TRUE(client.send(request("a"), response));
+    std::set<int> want = {0, 1}, seen;
+    if (fcntl(2, F_GETFD) >= 0) want.insert(2);  // stderr is inherited when we have one
+    for (Json::Value const& fd : response["fds"]) seen.insert(fd.asInt());
+    EXPECT_EQ(want, seen);
+    close(stray);
 }
 
 // --- ending the helper ------------------------------------------------------
@@ -305,21 +244,8 @@ TEST_F(AgentClientTest, CloseGivesGraceThenKillsAndReapsEveryHelper) {
         EXPECT_GE(took, stubborn ? 50 : 0);
         EXPECT_LT(took, 1000);
         EXPECT_TRUE(isReaped(pid));
-        EXPECT_FALSE(client.isConnected());
     }
-    pid_t first, second;
-    {
-        FakeAgentClient local;
-        ASSERT_TRUE(local.start(""));
-        first = local.childPid();
-        ASSERT_TRUE(local.start(""));
-        second = local.childPid();
-        EXPECT_TRUE(isReaped(first)) << "reconnecting reaps the old helper";
-        EXPECT_EQ(0, kill(second, 0)) << "the new helper runs";
-    }
-    EXPECT_TRUE(isReaped(second));
 }
 
 }  // namespace
-}  // namespace Backup
-}  // namespace TAVO
+}  // namespace TAVO::Backup

@@ -64,10 +64,6 @@ std::string openDescriptors() {
     return list;
 }
 
-void sleepForever() {
-    for (;;) pause();
-}
-
 void runStep(std::string const& step) {
     size_t colon = step.find(':');
     std::string const verb = step.substr(0, colon);
@@ -92,7 +88,7 @@ void runStep(std::string const& step) {
         signal(SIGTERM, SIG_IGN);
         while (readRequest(request)) {
         }
-        sleepForever();
+        for (;;) pause();
     } else {
         // Every other step answers a request.
         if (!readRequest(request)) _exit(0);

@@ -1,4 +1,4 @@
-// Temporary files, privileges, the error state and the JSON text helpers.
+// Temporary files, the error state, the JSON text helpers and paths.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,7 +10,8 @@
 
 #include "backup/error.h"
 #include "backup/json_text.h"
-#include "backup/repository.h"
+#include "backup/path.h"
+#include "backup/path_check.h"
 #include "backup/scoped_temp_file.h"
 
 using namespace TAVO::Backup;
@@ -39,6 +40,9 @@ TEST(ScopedTempFile, LivesBesideTargetAndVanishesUnlessRenamed) {
         struct stat st;
         ASSERT_EQ(0, ::stat(path.c_str(), &st));
         EXPECT_EQ(0600u, st.st_mode & 0777);
+        // A failed rename keeps the file ours, so it still goes at the end of scope.
+        EXPECT_FALSE(tmp.rename(dir + "/missing/f"));
+        EXPECT_TRUE(exists(path));
     }
     EXPECT_FALSE(exists(path));
     {
@@ -56,19 +60,6 @@ TEST(ScopedTempFile, LivesBesideTargetAndVanishesUnlessRenamed) {
     rmdir(dir.c_str());
 }
 
-TEST(ScopedTempFile, FailedRenameKeepsOwnership) {
-    std::string dir = makeTempDir();
-    std::string path;
-    {
-        ScopedTempFile tmp(dir + "/f", false);
-        path = tmp.getPath();
-        EXPECT_FALSE(tmp.rename(dir + "/missing/f"));
-        EXPECT_TRUE(exists(path));
-    }
-    EXPECT_FALSE(exists(path));
-    rmdir(dir.c_str());
-}
-
 TEST(ErrorState, IsPerThread) {
     setError(2003);
     int other = -1;
@@ -78,19 +69,6 @@ TEST(ErrorState, IsPerThread) {
     EXPECT_EQ(ERR_LOCAL_NOT_FOUND, getErrorCodeByLibcStat(ENOENT, true));
     EXPECT_EQ(ERR_LOCAL_NO_SPACE, getErrorCodeByLibcFileIo(ENOSPC, true));
     EXPECT_EQ(ERR_GENERAL, getErrorCodeByLibcFileIo(EBADF, true));
-}
-
-TEST(TargetCache, MakesThePerTargetFolder) {
-    Repository repo;
-    EXPECT_EQ("", TargetCache::getCachePath(repo, "T"));
-    std::string dir = makeTempDir();
-    repo.setCacheRoot(dir + "/cache");
-    std::string got = TargetCache::getCachePath(repo, "T");
-    EXPECT_EQ(dir + "/cache/T", got);
-    EXPECT_TRUE(exists(got));
-    rmdir(got.c_str());
-    rmdir((dir + "/cache").c_str());
-    rmdir(dir.c_str());
 }
 
 TEST(JsonText, ParserIsStrict) {
@@ -103,4 +81,35 @@ TEST(JsonText, ParserIsStrict) {
         SCOPED_TRACE(bad);
         EXPECT_FALSE(TAVO::JsonText::fromString(bad, v));
     }
+}
+
+TEST(PathAbs, FoldsDotsAgainstWorkingDirectory) {
+    EXPECT_EQ("/a/c", Path::absPath("/a/./b/../c//"));
+    EXPECT_EQ("/", Path::absPath("/.."));
+    char cwd[4096];
+    ASSERT_NE(nullptr, getcwd(cwd, sizeof cwd));
+    EXPECT_EQ(std::string(cwd) == "/" ? "/x" : std::string(cwd) + "/x", Path::absPath("x"));
+}
+
+TEST(PathValidators, RelativePaths) {
+    EXPECT_TRUE(isValidRelativePath("a/b/", false));
+    EXPECT_FALSE(isValidRelativePath("", false));
+    EXPECT_TRUE(isValidRelativePath("", true));
+    EXPECT_TRUE(isValidRelativePath("/", true));
+    EXPECT_FALSE(isValidRelativePath("/a", true));
+    EXPECT_FALSE(isValidRelativePath("a/../b", false));
+    EXPECT_FALSE(isValidRelativePath("a/./b", false));
+    EXPECT_FALSE(isValidRelativePath(std::string("a\0b", 3), false));
+    EXPECT_FALSE(isValidRelativePath(std::string(256, 'x'), false));
+    EXPECT_TRUE(isValidRelativePath(std::string(255, 'x'), false));
+    EXPECT_TRUE(isValidRelativePath("..a/b..", false));
+}
+
+TEST(PathValidators, FileAndLocalPaths) {
+    // The plain refusals show in the transfer tests' table of bad paths.
+    EXPECT_TRUE(isValidFileRelativePath("/a", true));
+    EXPECT_TRUE(isValidFileLocalPath("/tmp/x", true));
+    EXPECT_FALSE(isValidFileLocalPath("x", true));
+    EXPECT_TRUE(isValidFileLocalPath("x", false));
+    EXPECT_FALSE(isValidFileLocalPath("/tmp/../etc/passwd", false));
 }

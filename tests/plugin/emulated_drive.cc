@@ -1,14 +1,15 @@
 #include "emulated_drive.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 using namespace TAVO::Backup;
+namespace fs = std::filesystem;
 
 void EmulatedDriveTest::SetUp() {
     char tmpl[] = "/tmp/gdrive-test-XXXXXX";
@@ -44,10 +45,8 @@ void EmulatedDriveTest::recreateAgent() {
 void EmulatedDriveTest::TearDown() {
     agent.reset();
     drive.reset();
-    if (!_dir.empty()) {
-        std::string command = "rm -rf '" + _dir + "'";
-        EXPECT_EQ(0, system(command.c_str()));
-    }
+    std::error_code ignored;
+    if (!_dir.empty()) fs::remove_all(_dir, ignored);
 }
 
 std::string EmulatedDriveTest::writeLocal(std::string const& name, std::string const& content) {
@@ -58,9 +57,7 @@ std::string EmulatedDriveTest::writeLocal(std::string const& name, std::string c
 
 std::string EmulatedDriveTest::readFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool EmulatedDriveTest::fileExists(std::string const& path) {
@@ -69,13 +66,9 @@ bool EmulatedDriveTest::fileExists(std::string const& path) {
 }
 
 int EmulatedDriveTest::countTempFilesBeside(std::string const& path) {
-    std::string dir = path.substr(0, path.rfind('/'));
     int count = 0;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (std::string(e->d_name).find(".tmp.") != std::string::npos) ++count;
-        }
-        closedir(d);
-    }
+    std::error_code ignored;
+    for (auto const& entry : fs::directory_iterator(fs::path(path).parent_path(), ignored))
+        count += entry.path().filename().string().find(".tmp.") != std::string::npos;
     return count;
 }

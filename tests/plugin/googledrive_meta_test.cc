@@ -5,8 +5,7 @@
 
 #include "backup/json_text.h"
 
-namespace TAVO {
-namespace Backup {
+namespace TAVO::Backup {
 namespace {
 
 using GoogleDrive::FileMeta;
@@ -47,16 +46,9 @@ TEST(FileMetaTest, ReadsEveryKeyOfADriveObject) {
 TEST(FileMetaTest, AbsentKeysKeepTheirFieldsAndParentsAccumulate) {
     FileMeta old = read(R"({"id":"F0","name":"old","parents":["P0"],"properties":{"isDir":true,
         "size":11,"lastModified":22,"md5Checksum":"old-md5","isTrash":true}})");
-    FileMeta meta = read(R"({"id":"F2","name":"b","parents":["P1"]})", old);
-    EXPECT_EQ("F2", meta.id);
-    EXPECT_EQ("b", meta.name);
+    FileMeta meta = read(R"({"id":"F2","parents":["P1"]})", old);
     EXPECT_EQ((std::set<std::string>{"P0", "P1"}), meta.parents);
-    old.id = meta.id;
-    old.name = meta.name;
-    old.parents = meta.parents;
-    EXPECT_TRUE(meta.isDir == old.isDir && meta.size == old.size &&
-                meta.lastModified == old.lastModified && meta.md5Checksum == old.md5Checksum &&
-                meta.status == old.status);
+    EXPECT_TRUE(meta.name == "old" && meta.isDir && meta.size == 11 && meta.status == "TRASH");
 
     // A folder reports its type and time only; a record without properties is an empty file.
     FileInfo info("d");
@@ -74,5 +66,4 @@ TEST(FileMetaTest, AbsentKeysKeepTheirFieldsAndParentsAccumulate) {
 }
 
 }  // namespace
-}  // namespace Backup
-}  // namespace TAVO
+}  // namespace TAVO::Backup

@@ -26,9 +26,8 @@ TEST_F(ResolveTest, ColdWalkCostsOneRequestPerLevelAndWarmWalkNone) {
     ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id)) << getError();
     EXPECT_EQ(bId, id);
     EXPECT_EQ(1, requests("getObjectMeta"));
-    EXPECT_EQ(4, requests("listObjects"));
+    ASSERT_EQ(4, requests("listObjects"));
     auto log = drive->requestLog();
-    ASSERT_EQ(5u, log.size());
     // The name filter exactly as Drive's query language wants it.
     EXPECT_EQ("('" + rootId + "' in parents) and (name = 'C')",
               log[1].args["queryFilter"].asString());
@@ -47,10 +46,8 @@ TEST_F(ResolveTest, StatFromTheCacheAsksOnlyForTheLastObject) {
     GoogleDrive::FileMeta meta;
     ASSERT_TRUE(agent->statMeta("/C/T/a/b", meta));
     EXPECT_EQ("AVAILABLE", meta.status);
-    EXPECT_EQ(1, requests("getObjectMeta"));
-    EXPECT_EQ(1, requests());
-    auto log = drive->requestLog();
-    EXPECT_EQ(bId, log[0].args["id"].asString());
+    ASSERT_EQ(1, requests());
+    EXPECT_EQ(bId, drive->requestLog()[0].args["id"].asString());
 }
 
 TEST_F(ResolveTest, CacheOnlyWalkNeverAsks) {
@@ -75,22 +72,13 @@ TEST_F(ResolveTest, SplitEdgeCases) {
     EXPECT_EQ(3, getError());
 }
 
-TEST_F(ResolveTest, DuplicateNamesMakeThePathUnresolvable) {
-    drive->put(aId, "B", "x");  // Drive compares names without case
-    std::string local = writeLocal("f", "x");
-    // Each on a fresh agent that reuses the cache file: the refusal holds on
-    // every run, not only on the first walk.
-    for (bool store : {false, true}) {
-        ASSERT_TRUE(agent->flushCache());
-        recreateAgent();
-        TestSupport::clearSyslog();
-        FileInfo info;
-        EXPECT_FALSE(store ? agent->sendFile(local, "a/b/f") : agent->stat("a/b", info));
-        EXPECT_EQ(1, getError());
-        EXPECT_TRUE(
-            TestSupport::syslogHas("list more than one children with the same name", LOG_ERR));
-    }
-    EXPECT_TRUE(drive->lookup(bId, "f").empty());
+// Drive compares names without case: "B" beside "b" makes the path ambiguous.
+TEST_F(ResolveTest, NamesThatDifferOnlyInCaseAreDuplicates) {
+    drive->put(aId, "B", "x");
+    FileInfo info;
+    EXPECT_FALSE(agent->stat("a/b", info));
+    EXPECT_EQ(1, getError());
+    EXPECT_TRUE(TestSupport::syslogHas("list more than one children with the same name", LOG_ERR));
 }
 
 TEST_F(ResolveTest, TrashedOrDeletedObjectIsAbsentAndLeavesTheCache) {
@@ -115,16 +103,6 @@ TEST_F(ResolveTest, TrashedOrDeletedObjectIsAbsentAndLeavesTheCache) {
         EXPECT_FALSE(agent->stat("a/b/f", info));
         EXPECT_EQ(2003, getError());
     }
-}
-
-TEST_F(ResolveTest, ObjectWithTwoParentsResolvesThroughEither) {
-    std::string fileId = drive->put(aId, "f", "data");
-    drive->addParent(fileId, bId);
-    std::string id1, id2;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/f", id1));
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b/f", id2));
-    EXPECT_EQ(fileId, id1);
-    EXPECT_EQ(fileId, id2);
 }
 
 TEST_F(ResolveTest, PagedListingsAreJoined) {
@@ -152,14 +130,6 @@ TEST_F(ResolveTest, StoringIntoACachedFolderCostsOneRequestBesidesTheTransfer) {
     EXPECT_EQ(1, requests("listObjects"));  // is it there?
     EXPECT_EQ(1, requests("uploadFile"));
     EXPECT_EQ(2, requests());
-
-    drive->clearRequestLog();
-    local = writeLocal("f", "new content");
-    ASSERT_TRUE(agent->sendFile(local, "a/b/new"));
-    EXPECT_EQ(1, requests("getObjectMeta"));  // still a file?
-    EXPECT_EQ(1, requests("updateFile"));
-    EXPECT_EQ(2, requests());
-    EXPECT_EQ("new content", drive->content(drive->lookup(bId, "new")[0].id));
 }
 
 TEST_F(ResolveTest, ListingLagDoesNotCauseADuplicateUpload) {

@@ -1,6 +1,6 @@
-// The conversion of drive agent answers into engine error codes, the retry
-// predicate and the canceled response: the tables the rest of the plug-in
-// relies on to tell "missing" from "failed" from "try again".
+// The conversion of drive agent answers into engine error codes and the retry
+// predicate: the tables the rest of the plug-in relies on to tell "missing"
+// from "failed" from "try again".
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -49,7 +49,6 @@ TEST(ResponseConversion, MapsEveryCodeAndLogsAtTheRightPriority) {
         {answer(503), false, 1, LOG_DEBUG},
         {answer(0), true, 1, LOG_ERR},
         {answer(0), false, 1, LOG_ERR},
-        {Json::Value(Json::objectValue), false, 1, LOG_ERR},
         {Json::Value(), true, 1, LOG_ERR},
         // The channel failed although the answer says success: code 0, general failure.
         {answer(1), true, 1, LOG_ERR},
@@ -87,16 +86,4 @@ TEST(RetryPredicate, RetriesOnlyTransientFailures) {
     success["success"] = true;
     EXPECT_FALSE(needRetry(success));
     EXPECT_TRUE(TestSupport::syslogHas("why success stat need retry?", LOG_ERR));
-}
-
-TEST(CanceledResponse, ReplacesWhateverWasThere) {
-    GoogleDriveClient client;
-    Json::Value response = answer(1);
-    response["objects"].append(1);
-    EXPECT_TRUE(client.fillCanceledResponse(response));
-    EXPECT_EQ(R"({"error_code":-3,"error_message":"user canceled","success":false})",
-              TAVO::JsonText::toString(response));
-    EXPECT_FALSE(client.isSuccessResponse(response));
-    EXPECT_FALSE(client.isSuccessResponse(Json::Value()));
-    EXPECT_TRUE(client.isSuccessResponse(answer(1)));
 }
