@@ -216,15 +216,18 @@ bool AgentClient::nextLine(char const*& begin, char const*& end, char const*& wh
 bool AgentClient::waitReadable(char const*& why) {
     // Without a hook there is nothing to poll: the read itself blocks.
     if (!_cancel_hook) return true;
+    // The hook is asked only once the helper has been silent for a while: an
+    // answer that comes at once is taken, and a busy helper is not abandoned
+    // for a cancel that its answer would have beaten.
     struct pollfd watched = {_pipe->readFd, POLLIN, 0};
     for (;;) {
+        int ready = ::poll(&watched, 1, kReadCancelPollMs);
+        if (ready > 0) return true;  // data, end of file or an error: read() tells which
+        if (ready < 0 && errno != EINTR) return true;
         if (isCanceled()) {
             why = kCanceledWhileWaiting;
             return false;
         }
-        int ready = ::poll(&watched, 1, kReadCancelPollMs);
-        if (ready > 0) return true;  // data, end of file or an error: read() tells which
-        if (ready < 0 && errno != EINTR) return true;
     }
 }
 

@@ -131,8 +131,8 @@ class AgentClient {
     // reading from the helper as needed; valid until the next read. False
     // with `why` set when no line can be had (the channel is left as it is).
     bool nextLine(char const*& begin, char const*& end, char const*& why);
-    // Waits until the helper's output can be read, polling the cancel hook;
-    // false with `why` set when the hook fired.
+    // Waits until the helper's output can be read, asking the cancel hook
+    // after every 100 ms of silence; false with `why` set when it fired.
     bool waitReadable(char const*& why);
     // Writes all of `text`; false with `why` set when the helper no longer reads.
     bool writeAll(std::string const& text, char const*& why);
