@@ -17,7 +17,6 @@ namespace TAVO {
 namespace Backup {
 namespace {
 char const kLogSource[] = "transfer_googledrive";
-
 }  // namespace
 
 // The opening every request shares: a drive agent, the node cache, and (for
@@ -136,12 +135,13 @@ void TransferAgentGoogleDrive::learnListing(std::string const& pid, std::string 
     // Objects of a name Drive holds more than once in this folder stay out of
     // the index, and an entry learned before is dropped: a later walk must ask
     // the service and be refused again, not pick one of them from the cache.
+    // Every object of a name lookup matches that name as Drive compares names.
+    bool allClash = !name.empty() && list.size() > 1;
+    if (allClash) _node_cache.remove(pid, name);
     std::map<std::string, int> spellings;
     for (auto const& meta : list) ++spellings[foldName(meta.name)];
-    if (!name.empty() && list.size() > 1) _node_cache.remove(pid, name);
     for (auto const& meta : list) {
-        bool clashing = (!name.empty() && list.size() > 1) || spellings[foldName(meta.name)] > 1;
-        if (clashing) {
+        if (allClash || spellings[foldName(meta.name)] > 1) {
             _node_cache.remove(pid, meta.name);
         } else {
             _node_cache.insert(meta);
