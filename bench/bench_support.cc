@@ -42,68 +42,18 @@ void settle(std::string const& folder) {
     ::close(fd);
 }
 
-EmulatorPipe::EmulatorPipe(std::string const& dataFolder) {
-    int in[2], out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-    std::string const program = DriveEmulator::emulatorBinary();
-    // Prepared before the fork: the child only execs.
-    std::vector<std::string> env = {
-        "DRIVE_EMULATOR_DATA=" + dataFolder,  "GOOGLEDRIVE_ACCESS_TOKEN=",
-        "GOOGLEDRIVE_REFRESH_TOKEN=YWJjZA==", "GOOGLEDRIVE_CLIENT_ID=bench",
-        "GOOGLEDRIVE_CLIENT_SECRET=bench",    "TAVO_USER_AGENT=bench"};
-    std::vector<char*> envp;
-    for (auto& e : env) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-    _pid = ::fork();
-    if (_pid == 0) {
-        ::dup2(in[0], 0);
-        ::dup2(out[1], 1);
-        ::execle(program.c_str(), program.c_str(), "drive_agent.py", static_cast<char*>(nullptr),
-                 envp.data());
-        ::_exit(127);
-    }
-    ::close(in[0]);
-    ::close(out[1]);
-    _to = in[1];
-    _from = out[0];
-    if (_pid < 0 || readLine() != "start") throw std::runtime_error("emulator did not start");
+EmulatorPipe::EmulatorPipe(std::string const& dataFolder)
+    : _child(DriveEmulator::emulatorBinary(),
+             {"DRIVE_EMULATOR_DATA=" + dataFolder, "GOOGLEDRIVE_ACCESS_TOKEN=",
+              "GOOGLEDRIVE_REFRESH_TOKEN=YWJjZA==", "GOOGLEDRIVE_CLIENT_ID=bench",
+              "GOOGLEDRIVE_CLIENT_SECRET=bench", "TAVO_USER_AGENT=bench"},
+             nullptr, "") {
+    if (readLine() != "start") throw std::runtime_error("emulator did not start");
 }
 
-EmulatorPipe::~EmulatorPipe() {
-    ::close(_to);
-    ::close(_from);
-    int status;
-    if (_pid > 0) ::waitpid(_pid, &status, 0);
-}
+void EmulatorPipe::write(std::string const& text) { _child.write(text); }
 
-void EmulatorPipe::write(std::string const& text) {
-    for (size_t done = 0; done < text.size();) {
-        ssize_t n = ::write(_to, text.data() + done, text.size() - done);
-        if (n <= 0) throw std::runtime_error("emulator gone");
-        done += static_cast<size_t>(n);
-    }
-}
-
-std::string EmulatorPipe::readLine() {
-    for (;;) {
-        size_t end = _buffer.find('\n', _start);
-        if (end != std::string::npos) {
-            std::string line = _buffer.substr(_start, end - _start);
-            _start = end + 1;
-            if (_start == _buffer.size()) {
-                _buffer.clear();
-                _start = 0;
-            }
-            return line;
-        }
-        char chunk[65536];
-        ssize_t n = ::read(_from, chunk, sizeof chunk);
-        if (n <= 0) throw std::runtime_error("emulator gone");
-        _buffer.append(chunk, static_cast<size_t>(n));
-    }
-}
+std::string EmulatorPipe::readLine() { return _child.readLine(); }
 
 std::string EmulatorPipe::exchange(std::string const& requestLine) {
     write(requestLine);

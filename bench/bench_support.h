@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "child_pipe.h"
 #include "transfer_googledrive.h"
 
 namespace BenchSupport {
@@ -30,7 +31,7 @@ void settle(std::string const& folder);
 class EmulatorPipe {
   public:
     explicit EmulatorPipe(std::string const& dataFolder);
-    ~EmulatorPipe();
+    ~EmulatorPipe() = default;
     EmulatorPipe(EmulatorPipe const&) = delete;
     EmulatorPipe& operator=(EmulatorPipe const&) = delete;
 
@@ -44,11 +45,7 @@ class EmulatorPipe {
     std::string exchange(std::string const& requestLine);
 
   private:
-    pid_t _pid = -1;
-    int _to = -1;
-    int _from = -1;
-    std::string _buffer;
-    size_t _start = 0;
+    ChildPipe _child;
 };
 
 // The string value of the first `"key":"..."` member in an answer line; empty
