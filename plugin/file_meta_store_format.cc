@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "backup/json_text.h"
+#include "googledrive_meta_cursor.h"
 
 namespace TAVO {
 namespace Backup {
@@ -69,144 +70,13 @@ void normalizeParents(std::vector<std::string_view>& parents) {
     parents.erase(std::unique(parents.begin(), parents.end()), parents.end());
 }
 
-namespace {
-
-// A cursor over one line. Every method returns false as soon as the text
-// leaves the writer's shape; the caller then falls back to the full parser.
-class LineCursor {
-  public:
-    LineCursor(std::string_view line, std::string& scratch)
-        : _p(line.data()), _end(line.data() + line.size()), _scratch(scratch) {}
-
-    bool literal(std::string_view text) {
-        if (static_cast<size_t>(_end - _p) < text.size() || memcmp(_p, text.data(), text.size()))
-            return false;
-        _p += text.size();
-        return true;
-    }
-
-    bool boolean(bool& value) {
-        if (literal("true")) {
-            value = true;
-            return true;
-        }
-        if (literal("false")) {
-            value = false;
-            return true;
-        }
-        return false;
-    }
-
-    bool peek(char c) const { return _p != _end && *_p == c; }
-
-    // A quoted string. Without escapes the result points into the line;
-    // otherwise the unescaped bytes go to the scratch buffer, whose capacity
-    // the caller has made large enough never to move.
-    bool string(std::string_view& value) {
-        if (!literal("\"")) return false;
-        char const* start = _p;
-        while (_p != _end) {
-            unsigned char c = static_cast<unsigned char>(*_p);
-            if (c == '"') {
-                value = std::string_view(start, static_cast<size_t>(_p - start));
-                ++_p;
-                return true;
-            }
-            if (c == '\\') break;
-            if (c < 0x20) return false;  // raw control bytes, NUL included
-            ++_p;
-        }
-        if (_p == _end) return false;
-        size_t first = _scratch.size();
-        _scratch.append(start, static_cast<size_t>(_p - start));
-        while (_p != _end) {
-            unsigned char c = static_cast<unsigned char>(*_p++);
-            if (c == '"') {
-                value = std::string_view(_scratch.data() + first, _scratch.size() - first);
-                return true;
-            }
-            if (c < 0x20) return false;
-            if (c != '\\') {
-                _scratch += static_cast<char>(c);
-                continue;
-            }
-            if (!escape()) return false;
-        }
-        return false;
-    }
-
-    // Only JSON whitespace may follow the object.
-    bool atEnd() {
-        for (; _p != _end; ++_p)
-            if (*_p != ' ' && *_p != '\t' && *_p != '\r' && *_p != '\n') return false;
-        return true;
-    }
-
-  private:
-    bool escape() {
-        if (_p == _end) return false;
-        switch (*_p++) {
-            case '"':
-                _scratch += '"';
-                return true;
-            case '\\':
-                _scratch += '\\';
-                return true;
-            case '/':
-                _scratch += '/';
-                return true;
-            case 'b':
-                _scratch += '\b';
-                return true;
-            case 'f':
-                _scratch += '\f';
-                return true;
-            case 'n':
-                _scratch += '\n';
-                return true;
-            case 'r':
-                _scratch += '\r';
-                return true;
-            case 't':
-                _scratch += '\t';
-                return true;
-            case 'u':
-                break;
-            default:
-                return false;
-        }
-        // \u00xx below 0x80 is one byte; anything wider is left to the full
-        // parser, which knows UTF-8 and surrogate pairs.
-        if (_end - _p < 4 || _p[0] != '0' || _p[1] != '0') return false;
-        int high = hexDigit(_p[2]);
-        int low = hexDigit(_p[3]);
-        if (high < 0 || high > 7 || low < 0) return false;
-        _scratch += static_cast<char>(high * 16 + low);
-        _p += 4;
-        return true;
-    }
-
-    static int hexDigit(char c) {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-        return -1;
-    }
-
-    char const* _p;
-    char const* _end;
-    std::string& _scratch;
-};
-
-}  // namespace
-
 bool parseCanonicalLine(std::string_view line, RecordView& out) {
     out.parents.clear();
     out.scratch.clear();
     // Unescaped text is never longer than the line, so views into the
     // scratch buffer stay valid while it fills.
     out.scratch.reserve(line.size());
-    LineCursor in(line, out.scratch);
+    GoogleDrive::JsonLineCursor in(line, out.scratch);
     if (!in.literal("{\"d\":") || !in.boolean(out.isDir)) return false;
     if (!in.literal(",\"i\":") || !in.string(out.id)) return false;
     if (!in.literal(",\"n\":") || !in.string(out.name)) return false;
