@@ -26,6 +26,12 @@ bool FileMeta::setFileMeta(Json::Value const& object) {
     return true;
 }
 
+bool FileMeta::operator==(FileMeta const& other) const {
+    return id == other.id && name == other.name && parents == other.parents &&
+           isDir == other.isDir && size == other.size && lastModified == other.lastModified &&
+           md5Checksum == other.md5Checksum && status == other.status;
+}
+
 }  // namespace GoogleDrive
 
 bool fileMetaToFileInfo(GoogleDrive::FileMeta const& meta, FileInfo& info) {

@@ -25,6 +25,9 @@ class FileMeta {
     // of the wrong JSON type raises JsonCpp's own exception.
     bool setFileMeta(Json::Value const& object);
 
+    // Every field equal.
+    bool operator==(FileMeta const& other) const;
+
     std::string id;
     std::string name;
     std::set<std::string> parents;  // ids of the folders holding the object

@@ -14,6 +14,7 @@
 #include "file_meta_store.h"
 #include "googledrive_client.h"
 #include "googledrive_meta.h"
+#include "googledrive_meta_page.h"
 
 namespace TAVO {
 namespace Backup {
@@ -153,6 +154,10 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // must be, gone, trashed, renamed, moved) from a check that could not be
     // made (the service or the drive agent failed).
     NodeCheck checkNode(std::string const& remotePath, bool mustBeCached);
+    // Reads the listing page in _response (a success the dedicated page
+    // reader did not take) into `page`; false with the error set, logged,
+    // when an object has no id or is in the trash.
+    bool readListingAnswer(GoogleDrive::ListingPage& page);
     // Enters a listing of folder `pid` (filtered by `name` when not empty)
     // into the node cache, leaving out of the index every name that Drive
     // holds more than once there and dropping what the index held for it.

@@ -100,33 +100,46 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
         request["fn"] = "listObjects";
         if (!pageToken.empty()) request["pageToken"] = pageToken;
         request["queryFilter"] = query;
-        if (!_client.send(request, _response)) {
+        GoogleDrive::ListingPage page;
+        bool read = false;
+        AgentClient::SuccessLineReader readPage = [&](char const* begin, char const* end) {
+            return read = GoogleDrive::readListingPage(
+                       std::string_view(begin, static_cast<size_t>(end - begin)), page);
+        };
+        if (!_client.send(request, _response, readPage)) {
             return googledriveConverTransferResponse(false, _response, true, "listObjects",
                                                      __LINE__);
         }
-        pageToken = _response.isMember("nextPageToken") ? _response["nextPageToken"].asString()
-                                                        : std::string();
-        if (_response.isMember("objects")) {
-            for (Json::Value const& object : _response["objects"]) {
-                GoogleDrive::FileMeta meta;
-                if (!meta.setFileMeta(object) || meta.id.empty()) {
-                    GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", object.toStyledString().c_str());
-                    setError(ERR_GENERAL);
-                    GD_LOG(LOG_ERR, "set_filemeta_list() filed");
-                    return false;
-                }
-                if (meta.status == "TRASH") {
-                    GD_LOG(LOG_ERR, "list trashed object, [%s]", object.toStyledString().c_str());
-                    setError(ERR_REMOTE_NOT_FOUND);
-                    GD_LOG(LOG_ERR, "set_filemeta_list() filed");
-                    return false;
-                }
-                list.push_back(meta);
-            }
-        }
+        if (!read && !readListingAnswer(page)) return false;
+        pageToken = page.nextPageToken;
+        for (auto& meta : page.objects) list.push_back(std::move(meta));
     } while (!pageToken.empty());
 
     if (_update_node_cache) learnListing(pid, name, list);
+    return true;
+}
+
+bool TransferAgentGoogleDrive::readListingAnswer(GoogleDrive::ListingPage& page) {
+    page.objects.clear();
+    page.nextPageToken =
+        _response.isMember("nextPageToken") ? _response["nextPageToken"].asString() : std::string();
+    if (!_response.isMember("objects")) return true;
+    for (Json::Value const& object : _response["objects"]) {
+        GoogleDrive::FileMeta meta;
+        if (!meta.setFileMeta(object) || meta.id.empty()) {
+            GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", object.toStyledString().c_str());
+            setError(ERR_GENERAL);
+            GD_LOG(LOG_ERR, "set_filemeta_list() filed");
+            return false;
+        }
+        if (meta.status == "TRASH") {
+            GD_LOG(LOG_ERR, "list trashed object, [%s]", object.toStyledString().c_str());
+            setError(ERR_REMOTE_NOT_FOUND);
+            GD_LOG(LOG_ERR, "set_filemeta_list() filed");
+            return false;
+        }
+        page.objects.push_back(std::move(meta));
+    }
     return true;
 }
 

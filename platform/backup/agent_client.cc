@@ -284,6 +284,11 @@ bool AgentClient::sendRequest(Json::Value const& request) {
 }
 
 bool AgentClient::readResponse(Json::Value& response, bool& retry) {
+    return readAnswer(response, retry, nullptr);
+}
+
+bool AgentClient::readAnswer(Json::Value& response, bool& retry,
+                             SuccessLineReader const* readSuccessLine) {
     retry = false;
     char const* begin = nullptr;
     char const* end = nullptr;
@@ -301,6 +306,11 @@ bool AgentClient::readResponse(Json::Value& response, bool& retry) {
         fillChannelFailure(response, why);
         if (_pipe != nullptr) dropChannel(why);
         return false;
+    }
+    if (readSuccessLine && (*readSuccessLine)(begin, end)) {
+        _retry_streak = 0;
+        response = Json::Value(Json::objectValue);
+        return true;
     }
     // The subclass's judges read members, so anything but an object is refused
     // here (JsonCpp would assert on a member lookup in an array).
@@ -343,6 +353,16 @@ bool AgentClient::readResponse(Json::Value& response, bool& retry) {
 }
 
 bool AgentClient::send(Json::Value const& request, Json::Value& response) {
+    return exchange(request, response, nullptr);
+}
+
+bool AgentClient::send(Json::Value const& request, Json::Value& response,
+                       SuccessLineReader const& readSuccessLine) {
+    return exchange(request, response, &readSuccessLine);
+}
+
+bool AgentClient::exchange(Json::Value const& request, Json::Value& response,
+                           SuccessLineReader const* readSuccessLine) {
     _retry_streak = 0;
     for (int attempt = 1;; ++attempt) {
         if (isCanceled()) {
@@ -356,7 +376,7 @@ bool AgentClient::send(Json::Value const& request, Json::Value& response) {
             return false;
         }
         bool retry = false;
-        if (readResponse(response, retry)) return true;
+        if (readAnswer(response, retry, readSuccessLine)) return true;
         if (!retry || attempt >= _max_attempts) {
             _retry_streak = 0;
             return false;

@@ -18,6 +18,10 @@ namespace Backup {
 class AgentClient {
   public:
     typedef boost::function<bool(Json::Value const&)> RetryPredicate;
+    // Offered an answer line, without its line feed, before it is parsed:
+    // true when it has read the line as a complete success answer; false
+    // leaves the line to the general JSON parser and the success judge.
+    typedef boost::function<bool(char const* begin, char const* end)> SuccessLineReader;
 
     AgentClient();
     // Closes the channel (see close()).
@@ -112,6 +116,11 @@ class AgentClient {
     // canceled response. True when the final answer is a success; on false
     // `response` holds the final failure.
     bool send(Json::Value const& request, Json::Value& response);
+    // send() for answers that a dedicated reader takes faster than the
+    // general parser: each answer line goes to `readSuccessLine` first, and a
+    // line it takes ends the exchange as a success, `response` an empty object.
+    bool send(Json::Value const& request, Json::Value& response,
+              SuccessLineReader const& readSuccessLine);
 
     // The engine's user-agent text, "TavoBackup/<version> (<system> <machine>)";
     // empty when it cannot be built. TAVO_USER_AGENT_OVERRIDE replaces it
@@ -131,6 +140,10 @@ class AgentClient {
     // reading from the helper as needed; valid until the next read. False
     // with `why` set when no line can be had (the channel is left as it is).
     bool nextLine(char const*& begin, char const*& end, char const*& why);
+    // readResponse() and send(), with the optional dedicated reader.
+    bool readAnswer(Json::Value& response, bool& retry, SuccessLineReader const* readSuccessLine);
+    bool exchange(Json::Value const& request, Json::Value& response,
+                  SuccessLineReader const* readSuccessLine);
     // Waits until the helper's output can be read, asking the cancel hook
     // after every 100 ms of silence; false with `why` set when it fired.
     bool waitReadable(char const*& why);

@@ -4,6 +4,7 @@
 #include <json/value.h>
 
 #include "backup/json_text.h"
+#include "googledrive_meta_page.h"
 
 namespace TAVO::Backup {
 namespace {
@@ -63,6 +64,48 @@ TEST(FileMetaTest, AbsentKeysKeepTheirFieldsAndParentsAccumulate) {
     EXPECT_TRUE(info.isRegType());
     EXPECT_EQ(0, info.getSize() + info.getMtime());
     EXPECT_EQ("", info.getChecksum());
+}
+
+// The listing page reader takes the usual pages, exactly as the general
+// parser reads them, and leaves every other line to that parser.
+TEST(ListingPageTest, TakesUsualPagesAndLeavesTheRestToTheGeneralParser) {
+    std::string const file =
+        R"({"id":"F1","name":"a \"b\"\n\u0041é","parents":["P2","P1"],"properties":)"
+        R"({"isDir":false,"isTrash":false,"lastModified":4294967295,"md5Checksum":"m",)"
+        R"("size":18446744073709551}})";
+    struct Case {
+        std::string line;
+        bool taken;
+    } const cases[] = {
+        {R"({"objects":[)" + file + R"(,{"id":"D"}],"nextPageToken":"t\"2","success":true})", true},
+        {R"( { "success" : true , "objects" : [ ] } )", true},
+        {R"({"success":true})", true},
+        {R"({"success":false,"objects":[]})", false},
+        {R"({"success":true,"success":true})", false},
+        {R"({"success":true,"kind":"drive#fileList"})", false},
+        {R"({"success":true,"objects":[{"name":"no id"}]})", false},
+        {R"({"success":true,"objects":[{"id":"T","properties":{"isTrash":true}}]})", false},
+        {R"({"success":true,"objects":[{"id":"S","properties":{"size":"3"}}]})", false},
+        {R"({"success":true,"objects":[{"id":"S","properties":{"size":01}}]})", false},
+        {R"({"success":true,"objects":[{"id":"S","properties":{"size":1.0}}]})", false},
+        {R"({"success":true,"objects":[{"id":"M","properties":{"lastModified":4294967296}}]})",
+         false},
+        {R"({"success":true,"objects":[{"id":"\u00e9"}]})", false},
+        {"{\"success\":true,\"nextPageToken\":\"a\tb\"}", false},
+        {R"({"success":true}x)", false},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.line);
+        GoogleDrive::ListingPage page;
+        ASSERT_EQ(c.taken, GoogleDrive::readListingPage(c.line, page));
+        if (!c.taken) continue;
+        Json::Value answer;
+        ASSERT_TRUE(JsonText::fromString(c.line, answer));
+        EXPECT_EQ(answer.get("nextPageToken", "").asString(), page.nextPageToken);
+        ASSERT_EQ(answer["objects"].size(), page.objects.size());
+        for (Json::ArrayIndex i = 0; i < answer["objects"].size(); ++i)
+            EXPECT_TRUE(read(answer["objects"][i].toStyledString()) == page.objects[i]);
+    }
 }
 
 }  // namespace
