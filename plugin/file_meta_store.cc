@@ -72,13 +72,14 @@ void FileMetaStore::clear() {
     _live_records = _live_entries = _dead_rows = 0;
 }
 
-FileMetaStore::Record* FileMetaStore::slotOf(std::string_view id) {
+FileMetaStore::Record* FileMetaStore::slotOf(std::string_view id, RecordOverlay::iterator* hint) {
     auto it = std::lower_bound(
         _records.begin(), _records.end(), id,
         [this](Record const& r, std::string_view key) { return text(r.id) < key; });
     if (it != _records.end() && text(it->id) == id) return &*it;
-    auto added = _new_records.find(id);
-    return added == _new_records.end() ? nullptr : &added->second;
+    auto added = _new_records.lower_bound(id);
+    if (hint) *hint = added;
+    return added == _new_records.end() || text(added->first) != id ? nullptr : &added->second;
 }
 
 FileMetaStore::Record const* FileMetaStore::liveRecord(std::string_view id) const {
@@ -86,7 +87,8 @@ FileMetaStore::Record const* FileMetaStore::liveRecord(std::string_view id) cons
     return record && !record->dead ? record : nullptr;
 }
 
-TextRef* FileMetaStore::entryOf(uint32_t parent, std::string_view name) {
+TextRef* FileMetaStore::entryOf(uint32_t parent, std::string_view name,
+                                IndexOverlay::iterator* hint) {
     if (parent + 1 < _index_begin.size()) {
         auto end = _index.begin() + _index_begin[parent + 1];
         auto it = std::lower_bound(
@@ -94,8 +96,11 @@ TextRef* FileMetaStore::entryOf(uint32_t parent, std::string_view name) {
             [this](IndexEntry const& e, std::string_view key) { return text(e.name) < key; });
         if (it != end && text(it->name) == name) return &it->id;
     }
-    auto added = _new_index.find(IndexProbe{parent, name});
-    return added == _new_index.end() ? nullptr : &added->second;
+    auto added = _new_index.lower_bound(IndexProbe{parent, name});
+    if (hint) *hint = added;
+    bool found = added != _new_index.end() && added->first.parent == parent &&
+                 text(added->first.name) == name;
+    return found ? &added->second : nullptr;
 }
 
 TextRef const* FileMetaStore::entryOf(uint32_t parent, std::string_view name) const {
@@ -183,11 +188,13 @@ void FileMetaStore::dropParent(Record& record, uint32_t parent) {
 
 bool FileMetaStore::insertView(RecordView const& view) {
     // REQUIRES: view.parents ascending without repeats.
-    Record* slot = slotOf(view.id);
+    // Where a new id goes in the overlay, so that it is searched for once.
+    RecordOverlay::iterator hint;
+    Record* slot = slotOf(view.id, &hint);
     if (slot && !slot->dead) {
         if (sameRecord(*slot, view)) return true;
         removeId(view.id);
-        slot = slotOf(view.id);
+        slot = slotOf(view.id, &hint);
     }
     Record record{};
     record.id = slot ? slot->id : _text.add(view.id);
@@ -198,7 +205,7 @@ bool FileMetaStore::insertView(RecordView const& view) {
         *slot = record;
         --_dead_rows;
     } else {
-        _new_records.emplace(record.id, record);
+        _new_records.emplace_hint(hint, record.id, record);
     }
     ++_live_records;
 
@@ -212,9 +219,10 @@ bool FileMetaStore::insertView(RecordView const& view) {
 }
 
 void FileMetaStore::setIndex(uint32_t parent, TextRef name, TextRef id) {
-    TextRef* entry = entryOf(parent, text(name));
+    IndexOverlay::iterator hint;
+    TextRef* entry = entryOf(parent, text(name), &hint);
     if (!entry) {
-        _new_index.emplace(IndexKey{parent, name}, id);
+        _new_index.emplace_hint(hint, IndexKey{parent, name}, id);
     } else if (*entry == kNoText) {
         *entry = id;
         --_dead_rows;

@@ -133,9 +133,13 @@ class FileMetaStore {
     template <class Visit>
     void forEachRecord(Visit visit) const;
 
-    Record* slotOf(std::string_view id);
+    // The row or overlay record of `id`, dead or alive, or null; `hint`, when
+    // given and the overlay was searched, is where the id would go there.
+    Record* slotOf(std::string_view id, RecordOverlay::iterator* hint = nullptr);
     Record const* liveRecord(std::string_view id) const;
-    internal::TextRef* entryOf(uint32_t parent, std::string_view name);
+    // The same for an index entry, erased or not.
+    internal::TextRef* entryOf(uint32_t parent, std::string_view name,
+                               IndexOverlay::iterator* hint = nullptr);
     internal::TextRef const* entryOf(uint32_t parent, std::string_view name) const;
     bool findById(std::string_view id, GoogleDrive::FileMeta& meta) const;
     bool sameRecord(Record const& record, internal::RecordView const& view) const;
