@@ -42,16 +42,16 @@ int FileMetaRecord::compare(FileMetaRecord const& other) const {
 
 namespace {
 // The overlay is merged into the sorted rows once it holds this many rows,
-// or a quarter as many as the sorted rows, whichever is more: each merge
-// costs a pass over the rows, so a store that only grows merges about as
-// often as a vector doubles.
+// or half as many as the sorted rows, whichever is more: each merge costs a
+// pass over the rows, so a store that only grows merges about as often as a
+// vector grows. Added records are found by hash, so a large overlay costs no
+// lookup time; only its index entries sit in an ordered map.
 size_t const kMinMerge = 1024;
 }  // namespace
 
 FileMetaStore::FileMetaStore()
     : _dirty(false),
       _loading(false),
-      _new_records(internal::IdOrder{&_text}),
       _new_index(internal::IndexOrder{&_text}),
       _live_records(0),
       _live_entries(0),
@@ -72,14 +72,15 @@ void FileMetaStore::clear() {
     _live_records = _live_entries = _dead_rows = 0;
 }
 
-FileMetaStore::Record* FileMetaStore::slotOf(std::string_view id, RecordOverlay::iterator* hint) {
-    auto it = std::lower_bound(
-        _records.begin(), _records.end(), id,
-        [this](Record const& r, std::string_view key) { return text(r.id) < key; });
-    if (it != _records.end() && text(it->id) == id) return &*it;
-    auto added = _new_records.lower_bound(id);
-    if (hint) *hint = added;
-    return added == _new_records.end() || text(added->first) != id ? nullptr : &added->second;
+FileMetaStore::Record* FileMetaStore::slotOf(std::string_view id) {
+    uint64_t const prefix = internal::orderPrefix(id);
+    auto it =
+        std::lower_bound(_records.begin(), _records.end(), id,
+                         [this, prefix](Record const& r, std::string_view key) {
+                             return r.idPrefix != prefix ? r.idPrefix < prefix : text(r.id) < key;
+                         });
+    if (it != _records.end() && it->idPrefix == prefix && text(it->id) == id) return &*it;
+    return _new_records.find(id, _text);
 }
 
 FileMetaStore::Record const* FileMetaStore::liveRecord(std::string_view id) const {
@@ -188,16 +189,15 @@ void FileMetaStore::dropParent(Record& record, uint32_t parent) {
 
 bool FileMetaStore::insertView(RecordView const& view) {
     // REQUIRES: view.parents ascending without repeats.
-    // Where a new id goes in the overlay, so that it is searched for once.
-    RecordOverlay::iterator hint;
-    Record* slot = slotOf(view.id, &hint);
+    Record* slot = slotOf(view.id);
     if (slot && !slot->dead) {
         if (sameRecord(*slot, view)) return true;
         removeId(view.id);
-        slot = slotOf(view.id, &hint);
+        slot = slotOf(view.id);
     }
     Record record{};
     record.id = slot ? slot->id : _text.add(view.id);
+    record.idPrefix = internal::orderPrefix(text(record.id));
     record.name = _text.add(view.name);
     record.isDir = view.isDir;
     setParents(record, view.parents);
@@ -205,7 +205,7 @@ bool FileMetaStore::insertView(RecordView const& view) {
         *slot = record;
         --_dead_rows;
     } else {
-        _new_records.emplace_hint(hint, record.id, record);
+        _new_records.add(record, text(record.id), _text);
     }
     ++_live_records;
 
@@ -247,13 +247,10 @@ void FileMetaStore::eraseIndex(uint32_t parent, std::string_view name) {
 }
 
 void FileMetaStore::eraseRecord(Record* record) {
+    // Rows and added records alike wait, marked, for the next merge.
     --_live_records;
-    if (record >= _records.data() && record < _records.data() + _records.size()) {
-        record->dead = 1;
-        ++_dead_rows;
-        return;
-    }
-    _new_records.erase(record->id);
+    record->dead = 1;
+    ++_dead_rows;
 }
 
 bool FileMetaStore::remove(std::string const& parentId, std::string const& name) {
@@ -333,11 +330,11 @@ bool FileMetaStore::removeTree(std::string const& id) {
 void FileMetaStore::mergeWhenLarge() {
     if (_loading) return;
     size_t pending = _new_records.size() + _new_index.size() + _dead_rows;
-    if (pending >= std::max(kMinMerge, (_records.size() + _index.size()) / 4)) merge();
+    if (pending >= std::max(kMinMerge, (_records.size() + _index.size()) / 2)) merge();
 }
 
 void FileMetaStore::merge() {
-    if (_new_records.empty() && _new_index.empty() && _dead_rows == 0) return;
+    if (_new_records.size() == 0 && _new_index.empty() && _dead_rows == 0) return;
     std::vector<Record> records;
     records.reserve(_live_records);
     std::vector<uint32_t> lists;

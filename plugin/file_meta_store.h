@@ -41,9 +41,10 @@ class FileMetaRecord {
 // Objects by id, and the lookup of an object by (parent id, name). Drive lets
 // several objects share a name in one folder; the index then names the one
 // inserted last, and the others are found by id only. Not thread-safe; never
-// logs except in load and save. Held in compact tables (about 80 bytes per
+// logs except in load and save. Held in compact tables (under 100 bytes per
 // object for a large cache): sorted rows for what was loaded or last merged,
-// small ordered maps for what changed since.
+// and for what changed since, records found by hash and an ordered map of
+// index entries.
 class FileMetaStore {
   public:
     FileMetaStore();
@@ -124,7 +125,6 @@ class FileMetaStore {
     class BulkLoader;
     using Record = internal::Record;
     using IndexEntry = internal::IndexEntry;
-    using RecordOverlay = std::map<internal::TextRef, Record, internal::IdOrder>;
     using IndexOverlay = std::map<internal::IndexKey, internal::TextRef, internal::IndexOrder>;
 
     std::string_view text(internal::TextRef ref) const { return _text.view(ref); }
@@ -133,9 +133,8 @@ class FileMetaStore {
     template <class Visit>
     void forEachRecord(Visit visit) const;
 
-    // The row or overlay record of `id`, dead or alive, or null; `hint`, when
-    // given and the overlay was searched, is where the id would go there.
-    Record* slotOf(std::string_view id, RecordOverlay::iterator* hint = nullptr);
+    // The row or added record of `id`, dead or alive, or null.
+    Record* slotOf(std::string_view id);
     Record const* liveRecord(std::string_view id) const;
     // The same for an index entry, erased or not.
     internal::TextRef* entryOf(uint32_t parent, std::string_view name,
@@ -166,7 +165,7 @@ class FileMetaStore {
     // Records sorted by id, as the file lists them, then the ones added since
     // the last merge. An id is in one of the two at most.
     std::vector<Record> _records;
-    RecordOverlay _new_records;
+    internal::AddedRecords _new_records;
     std::vector<uint32_t> _parent_lists;  // of records with several parents
     // Index entries sorted by (parent number, name), where the entries of
     // parent p start at _index_begin[p]; then the entries added since the
@@ -187,15 +186,15 @@ inline void FileMetaStore::forEachParent(Record const& record, Visit visit) cons
 
 template <class Visit>
 inline void FileMetaStore::forEachRecord(Visit visit) const {
-    auto added = _new_records.begin();
+    std::vector<Record const*> const added = _new_records.sortedLive(_text);
+    auto next = added.begin();
     for (Record const& record : _records) {
         if (record.dead) continue;
         std::string_view id = text(record.id);
-        for (; added != _new_records.end() && text(added->first) < id; ++added)
-            visit(added->second);
+        for (; next != added.end() && text((*next)->id) < id; ++next) visit(**next);
         visit(record);
     }
-    for (; added != _new_records.end(); ++added) visit(added->second);
+    for (; next != added.end(); ++next) visit(**next);
 }
 
 }  // namespace GoogleDriveTA

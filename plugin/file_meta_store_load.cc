@@ -42,16 +42,6 @@ struct LineBuffer {
     size_t capacity = 0;
 };
 
-// The first 8 bytes of `text` as a big-endian number, zero-padded: numbers
-// that differ order their strings as byte-wise comparison does.
-uint64_t orderPrefix(std::string_view text) {
-    unsigned char bytes[8] = {};
-    memcpy(bytes, text.data(), std::min(text.size(), sizeof bytes));
-    uint64_t prefix = 0;
-    for (unsigned char byte : bytes) prefix = prefix << 8 | byte;
-    return prefix;
-}
-
 }  // namespace
 
 // Builds the store from a file in one pass. A file written by save() lists
@@ -124,13 +114,14 @@ class FileMetaStore::BulkLoader {
     void append(RecordView const& line) {
         Record record{};
         record.id = _store._text.add(line.id);
+        record.idPrefix = internal::orderPrefix(line.id);
         record.name = _store._text.add(line.name);
         record.isDir = line.isDir;
         _store.setParents(record, line.parents);
         uint32_t order = static_cast<uint32_t>(_store._records.size());
         _store._records.push_back(record);
         ++_store._live_records;
-        uint64_t prefix = orderPrefix(line.name);
+        uint64_t prefix = internal::orderPrefix(line.name);
         // A record without parents is indexed under the empty parent id.
         if (line.parents.empty())
             _pending.push_back({prefix, _store._parents.intern(std::string_view(), _store._text),

@@ -65,6 +65,63 @@ void ParentTable::grow(TextArena const& text) {
         if (slot != 0) _slots[slotOf(text.view(_texts[slot - 1]), text)] = slot;
 }
 
+uint32_t AddedRecords::hashOf(std::string_view id) {
+    return static_cast<uint32_t>(std::hash<std::string_view>()(id));
+}
+
+size_t AddedRecords::slotOf(std::string_view id, uint32_t hash, TextArena const& text) const {
+    size_t mask = _slots.size() - 1;
+    for (size_t slot = hash & mask;; slot = (slot + 1) & mask) {
+        uint64_t entry = _slots[slot];
+        if (entry == 0) return slot;
+        if (entry >> 32 == hash && text.view(_records[(entry & UINT32_MAX) - 1].id) == id)
+            return slot;
+    }
+}
+
+Record* AddedRecords::find(std::string_view id, TextArena const& text) {
+    if (_slots.empty()) return nullptr;
+    uint64_t entry = _slots[slotOf(id, hashOf(id), text)];
+    return entry == 0 ? nullptr : &_records[(entry & UINT32_MAX) - 1];
+}
+
+void AddedRecords::add(Record const& record, std::string_view id, TextArena const& text) {
+    // At most half full, so that probes stay short.
+    if (2 * (_records.size() + 1) > _slots.size()) grow();
+    _records.push_back(record);
+    uint32_t hash = hashOf(id);
+    _slots[slotOf(id, hash, text)] = uint64_t{hash} << 32 | _records.size();
+}
+
+void AddedRecords::grow() {
+    std::vector<uint64_t> old(std::max<size_t>(64, 2 * _slots.size()), 0);
+    old.swap(_slots);
+    size_t mask = _slots.size() - 1;
+    for (uint64_t entry : old) {
+        if (entry == 0) continue;
+        size_t slot = (entry >> 32) & mask;
+        while (_slots[slot] != 0) slot = (slot + 1) & mask;
+        _slots[slot] = entry;
+    }
+}
+
+std::vector<Record const*> AddedRecords::sortedLive(TextArena const& text) const {
+    std::vector<Record const*> live;
+    live.reserve(_records.size());
+    for (Record const& record : _records)
+        if (!record.dead) live.push_back(&record);
+    std::sort(live.begin(), live.end(), [&text](Record const* a, Record const* b) {
+        return a->idPrefix != b->idPrefix ? a->idPrefix < b->idPrefix
+                                          : text.view(a->id) < text.view(b->id);
+    });
+    return live;
+}
+
+void AddedRecords::clear() {
+    std::vector<Record>().swap(_records);
+    std::vector<uint64_t>().swap(_slots);
+}
+
 void ParentTable::clear() {
     std::vector<TextRef>().swap(_texts);
     std::vector<uint32_t>().swap(_slots);

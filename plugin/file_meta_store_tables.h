@@ -71,16 +71,56 @@ class ParentTable {
     std::vector<uint32_t> _slots;  // open addressing: number + 1, 0 when free
 };
 
+// The first 8 bytes of `text` as a big-endian number, zero-padded: numbers
+// that differ order their strings as byte-wise comparison does, so most
+// comparisons of ids or names need not read their text.
+inline uint64_t orderPrefix(std::string_view text) {
+    unsigned char bytes[8] = {};
+    memcpy(bytes, text.data(), text.size() < sizeof bytes ? text.size() : sizeof bytes);
+    uint64_t prefix = 0;
+    for (unsigned char byte : bytes) prefix = prefix << 8 | byte;
+    return prefix;
+}
+
 // One object. Its parents are, by count: none; one, whose number is
 // `parents`; or several, whose numbers sit in the store's parent lists from
 // position `parents` on, in the byte order of their ids.
 struct Record {
+    uint64_t idPrefix;  // orderPrefix of the id's text
     TextRef id;
     TextRef name;
     uint32_t parents;
     uint32_t parentCount : 30;
     uint32_t isDir : 1;
     uint32_t dead : 1;  // erased; the row waits for the next merge
+};
+
+// Records added since the last merge, in order of arrival, found by the text
+// of their ids through an open-addressing table: an insert costs a hash and
+// an append, not a walk down a tree. An erased record stays, marked dead,
+// until the store merges and clears them.
+class AddedRecords {
+  public:
+    // The record of `id`, dead or alive, or null. Valid until the next add()
+    // or clear().
+    Record* find(std::string_view id, TextArena const& text);
+    // Appends `record`, whose id `id` must not be here yet.
+    void add(Record const& record, std::string_view id, TextArena const& text);
+    // The live records, ordered by id as the sorted rows are.
+    std::vector<Record const*> sortedLive(TextArena const& text) const;
+    size_t size() const { return _records.size(); }
+    void clear();
+
+  private:
+    static uint32_t hashOf(std::string_view id);
+    // The slot holding `id`, or the free slot where it would go.
+    size_t slotOf(std::string_view id, uint32_t hash, TextArena const& text) const;
+    void grow();
+
+    std::vector<Record> _records;
+    // Per slot: the id's hash in the high half, its position + 1 in the low
+    // half; 0 when free.
+    std::vector<uint64_t> _slots;
 };
 
 // The index entry (parent number, name) -> object id.
@@ -98,15 +138,6 @@ struct IndexKey {
 struct IndexProbe {
     uint32_t parent;
     std::string_view name;
-};
-
-// Orders record ids byte-wise, with lookups by text.
-struct IdOrder {
-    using is_transparent = void;
-    TextArena const* text;
-    bool operator()(TextRef a, TextRef b) const { return text->view(a) < text->view(b); }
-    bool operator()(TextRef a, std::string_view b) const { return text->view(a) < b; }
-    bool operator()(std::string_view a, TextRef b) const { return a < text->view(b); }
 };
 
 // Orders index entries by parent number, then name byte-wise.

@@ -1,6 +1,7 @@
 // Single-object requests to the drive agent: metadata, listing by query,
 // folder creation, deletion and the account. Each keeps the node cache in
 // step with what the service reported, unless the cache is frozen.
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -151,10 +152,19 @@ void TransferAgentGoogleDrive::learnListing(std::string const& pid, std::string 
     // Every object of a name lookup matches that name as Drive compares names.
     bool allClash = !name.empty() && list.size() > 1;
     if (allClash) _node_cache.remove(pid, name);
-    std::map<std::string, int> spellings;
-    for (auto const& meta : list) ++spellings[foldName(meta.name)];
+    // Folded names sorted, so that the spellings of one name sit side by side.
+    std::vector<std::pair<std::string, size_t>> folded;
+    folded.reserve(list.size());
+    for (auto const& meta : list) folded.emplace_back(foldName(meta.name), folded.size());
+    std::sort(folded.begin(), folded.end());
+    std::vector<bool> clashes(list.size(), allClash);
+    for (size_t i = 1; i < folded.size(); ++i) {
+        if (folded[i].first != folded[i - 1].first) continue;
+        clashes[folded[i].second] = clashes[folded[i - 1].second] = true;
+    }
+    size_t position = 0;
     for (auto const& meta : list) {
-        if (allClash || spellings[foldName(meta.name)] > 1) {
+        if (clashes[position++]) {
             _node_cache.remove(pid, meta.name);
         } else {
             _node_cache.insert(meta);
