@@ -1,12 +1,9 @@
 // What real use brings: cancels in the middle of a request, a cache that no
 // longer matches the account, passing failures, names Drive holds twice, and
 // names that need escaping in a query.
-#include <stdlib.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
 
 #include "backup/error.h"
@@ -275,34 +272,6 @@ TEST_F(RobustnessTest, CopiesThatMayDifferAreRefusedEveryTime) {
         EXPECT_EQ(2, objectsNamed(targetId, c.name));
     }
     EXPECT_EQ(0, requests("deleteObject"));
-}
-
-// A drive agent that answers from a transcript, for pages no service sends.
-TEST(ListingPagesTest, ATokenSeenBeforeEndsTheListing) {
-    char tmpl[] = "/tmp/pages-test-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    std::string dir = tmpl;
-    ASSERT_EQ(0, system(("mkdir -p '" + dir + "/root/usr/bin'").c_str()));
-    ASSERT_EQ(0, symlink(SCRIPTED_AGENT_PATH, (dir + "/root/usr/bin/python").c_str()));
-    setenv("TAVO_ROOT", (dir + "/root").c_str(), 1);
-    setenv("SCRIPTED_AGENT_TRANSCRIPT", (dir + "/transcript").c_str(), 1);
-    std::ofstream(dir + "/transcript") << "<\n> {\"success\":true,\"nextPageToken\":\"t1\"}\n"
-                                          "<\n> {\"success\":true,\"nextPageToken\":\"t2\"}\n"
-                                          "<\n> {\"success\":true,\"nextPageToken\":\"t1\"}\n"
-                                          "<\n> {\"success\":true}\n";
-    Repository repo;
-    repo.options().set(Repository::SZK_REMOTE_BUCKET, "C");
-    repo.options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
-    TransferAgentGoogleDrive agent(repo);
-    std::list<GoogleDrive::FileMeta> list;
-    EXPECT_FALSE(agent.listObjects("p", "", list));
-    EXPECT_EQ(1, getError());
-    EXPECT_TRUE(TestSupport::syslogHas("page token [t1] repeats", LOG_ERR));
-    std::ifstream sent(dir + "/transcript.requests");
-    int requests = 0;
-    for (std::string line; std::getline(sent, line);) ++requests;
-    EXPECT_EQ(3, requests);
-    ASSERT_EQ(0, system(("rm -rf '" + dir + "'").c_str()));
 }
 
 // Answers of the wrong JSON type make the JSON library throw; the engine's
