@@ -16,12 +16,9 @@ class Faults : public AccountTest {
     static Json::Value mkdir(std::string const& name) {
         return req({{"fn", "createFolder"}, {"name", name}, {"parentId", "root"}});
     }
-    Json::Value upload(std::string const& name, std::string const& content) {
+    Json::Value uploadOf(std::string const& name, std::string const& content) {
         writeFile(data + "/in", content);
-        return req({{"fn", "uploadFile"},
-                    {"name", name},
-                    {"parentId", "root"},
-                    {"inputPath", data + "/in"}});
+        return upload("root", data + "/in", name);
     }
     Json::Value download(std::string const& id) {
         return req({{"fn", "downloadFile"}, {"id", id}, {"outputPath", data + "/out"}});
@@ -116,7 +113,7 @@ TEST_F(Faults, CreationAppliedAnswerLostAndNameListingLagging) {
     Json::Value byName =
         req({{"fn", "listObjects"}, {"queryFilter", "('root' in parents) and (name = 'MADE')"}});
     Json::Value all = req({{"fn", "listObjects"}, {"queryFilter", "'root' in parents"}});
-    for (auto const& request : {mkdir("made"), upload("made", "content")}) {
+    for (auto const& request : {mkdir("made"), uploadOf("made", "content")}) {
         for (Fault answerLost : {Fault::exitAfterApply("*"), Fault::cutAnswer("*")}) {
             SCOPED_TRACE(request["fn"].asString() + " " + faultKindName(answerLost.kind));
             drive->addFault(answerLost);
@@ -150,7 +147,7 @@ TEST_F(Faults, DownloadsCutShortOrLongAndUploadsDyingHalfWayStoreNothing) {
     }
     changeSettings([](Settings& s) { s.progressBytes = 100; });
     drive->addFault(Fault::exitAfterProgress("uploadFile", 5));
-    auto messages = emulator->transfer(upload("f2", std::string(1000, 'y')));
+    auto messages = emulator->transfer(uploadOf("f2", std::string(1000, 'y')));
     EXPECT_EQ(6u, messages.size());  // five progress messages, then nothing
     EXPECT_EQ(0.5, messages[4]["progress"].asDouble());
     EXPECT_EQ(3, emulator->finish());

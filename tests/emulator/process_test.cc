@@ -32,10 +32,6 @@ class Process : public AccountTest {
         std::sort(names.begin(), names.end());
         return names;
     }
-    Json::Value upload(std::string const& parent, std::string const& input) {
-        return req(
-            {{"fn", "uploadFile"}, {"name", "f"}, {"parentId", parent}, {"inputPath", input}});
-    }
 };
 
 }  // namespace

@@ -63,10 +63,6 @@ TEST_F(Protocol, Refusals) {
     std::string local = data + "/in.bin";
     writeFile(local, "0123456789");
     drive->setQuota(10);
-    auto upload = [&](std::string const& parent, std::string const& input) {
-        return req(
-            {{"fn", "uploadFile"}, {"name", "f"}, {"parentId", parent}, {"inputPath", input}});
-    };
     struct Case {
         Json::Value request;
         int code;

@@ -1,11 +1,12 @@
 // Temporary files, the error state, the JSON text helpers and paths.
+#include "support/files.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <thread>
 
 #include "backup/error.h"
@@ -17,11 +18,6 @@
 using namespace TAVO::Backup;
 
 namespace {
-std::string makeTempDir() {
-    char tmpl[] = "/tmp/platform-test-XXXXXX";
-    char* dir = mkdtemp(tmpl);
-    return dir ? dir : "";
-}
 bool exists(std::string const& path) {
     struct stat st;
     return ::stat(path.c_str(), &st) == 0;
@@ -29,7 +25,7 @@ bool exists(std::string const& path) {
 }  // namespace
 
 TEST(ScopedTempFile, LivesBesideTargetAndVanishesUnlessRenamed) {
-    std::string dir = makeTempDir();
+    std::string dir = TestSupport::makeTempFolder("platform-test");
     std::string target = dir + "/file";
     std::string path;
     {
@@ -47,12 +43,10 @@ TEST(ScopedTempFile, LivesBesideTargetAndVanishesUnlessRenamed) {
     EXPECT_FALSE(exists(path));
     {
         ScopedTempFile tmp(target, true);
-        std::ofstream(tmp.getPath()) << "new";
+        TestSupport::writeFile(tmp.getPath(), "new");
         ASSERT_TRUE(tmp.rename(target));
     }
-    std::string content;
-    std::ifstream(target) >> content;
-    EXPECT_EQ("new", content);
+    EXPECT_EQ("new", TestSupport::readFile(target));
     ScopedTempFile missing(dir + "/no/such/dir/file", true);
     EXPECT_FALSE(missing.isValid());
     EXPECT_EQ(ENOENT, errno);

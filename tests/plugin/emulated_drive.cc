@@ -5,17 +5,12 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <stdexcept>
 
 using namespace TAVO::Backup;
 namespace fs = std::filesystem;
 
 EmulatedAccount::EmulatedAccount() {
-    char tmpl[] = "/tmp/gdrive-test-XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-    _dir = tmpl;
+    _dir = TestSupport::makeTempFolder("gdrive-test");
     reset();
     DriveEmulator::makeAgentRoot(_dir + "/root", _dir + "/data");
     setenv("TAVO_ROOT", (_dir + "/root").c_str(), 1);
@@ -51,15 +46,6 @@ std::unique_ptr<TransferAgentGoogleDrive> EmulatedAccount::newAgent() {
 std::string EmulatedAccount::writeLocal(std::string const& name, std::string const& content) {
     writeFile(localPath(name), content);
     return localPath(name);
-}
-
-void EmulatedAccount::writeFile(std::string const& path, std::string const& content) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
-std::string EmulatedAccount::readFile(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool EmulatedAccount::fileExists(std::string const& path) {

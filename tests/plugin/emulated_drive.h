@@ -9,7 +9,11 @@
 #include <string>
 
 #include "drive_control.h"
+#include "support/files.h"
 #include "transfer_googledrive.h"
+
+using TestSupport::readFile;
+using TestSupport::writeFile;
 
 class EmulatedAccount {
   public:
@@ -28,9 +32,6 @@ class EmulatedAccount {
     // Local files in the private folder.
     std::string localPath(std::string const& name) const { return _dir + "/local/" + name; }
     std::string writeLocal(std::string const& name, std::string const& content);
-    static void writeFile(std::string const& path, std::string const& content);
-    // A file's whole content ("" when missing).
-    static std::string readFile(std::string const& path);
     static bool fileExists(std::string const& path);
     // Names in the folder of `path` that look like our temporary files.
     static int countTempFilesBeside(std::string const& path);

@@ -9,12 +9,12 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <sstream>
 
 #include "backup/process_privilege.h"
 #include "file_meta_store_format.h"
+#include "support/files.h"
 #include "support/syslog_capture.h"
 
 namespace TAVO {
@@ -25,6 +25,8 @@ namespace {
 namespace fs = std::filesystem;
 using GoogleDrive::FileMeta;
 using Parents = std::set<std::string>;
+using TestSupport::readFile;
+using TestSupport::writeFile;
 
 FileMeta makeMeta(std::string const& id, std::string const& name, Parents const& parents) {
     FileMeta meta;
@@ -55,13 +57,6 @@ std::string dumpOf(FileMetaStore const& store) {
     fclose(stream);
     std::string text(data, size);
     free(data);
-    return text;
-}
-
-std::string readFile(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::string text(fs::is_regular_file(path) ? fs::file_size(path) : 0, '\0');
-    in.read(&text[0], static_cast<std::streamsize>(text.size()));
     return text;
 }
 
@@ -178,7 +173,7 @@ class NodeCacheTest : public ::testing::Test {
     std::string path(std::string const& name) const { return _dir + "/" + name; }
     // Writes `content` as a cache file and loads it into `store`.
     void loadContent(FileMetaStore& store, std::string const& content) {
-        std::ofstream(path("in.node"), std::ios::binary) << content;
+        writeFile(path("in.node"), content);
         ASSERT_TRUE(store.load(path("in.node")));
     }
     std::string _dir;
@@ -354,7 +349,7 @@ TEST_F(NodeCacheTest, FailuresLeaveFileAndStoreAsTheyWere) {
     store.insert(makeMeta("F1", "a", {"P"}));
     EXPECT_FALSE(store.save(""));
     EXPECT_EQ(1, errorsLogged("invalid path"));
-    std::ofstream(target, std::ios::binary) << old;
+    writeFile(target, old);
     EXPECT_FALSE(store.load(target + "/x"));
     EXPECT_EQ(1, errorsLogged("open failed, Not a directory [" + target + "/x]"));
     ProcessPrivilege::forceFailureForTesting(true);

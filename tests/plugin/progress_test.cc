@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "backup/error.h"
+#include "support/files.h"
 #include "support/syslog_capture.h"
 #include "transfer_googledrive.h"
 
@@ -19,9 +20,7 @@ using namespace TAVO::Backup;
 class ScriptedAgentTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/progress-test-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        _dir = tmpl;
+        _dir = TestSupport::makeTempFolder("progress-test");
         std::string bin = _dir + "/root/usr/bin";
         ASSERT_EQ(0, system(("mkdir -p '" + bin + "'").c_str()));
         ASSERT_EQ(0, symlink(SCRIPTED_AGENT_PATH, (bin + "/python").c_str()));

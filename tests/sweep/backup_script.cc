@@ -128,7 +128,7 @@ void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Findin
     for (auto const& [local, remote] : uploads) {
         check.expect(agent.sendFile(box.localPath(local), remote),
                      "sendFile " + local + " " + remote,
-                     [&] { return check.holds(remote, box.readFile(box.localPath(local))); });
+                     [&] { return check.holds(remote, readFile(box.localPath(local))); });
     }
 
     for (bool recursive : {false, true}) {
@@ -147,11 +147,11 @@ void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Findin
 
     // The engine fetches over a file it already has: it must end up whole or untouched.
     std::string const restored = box.localPath("restored");
-    box.writeFile(restored, kOldLocal);
+    writeFile(restored, kOldLocal);
     bool fetched = agent.recvFile("Pool/0/big1", restored);
     check.expect(fetched, "recvFile Pool/0/big1",
-                 [&] { return box.readFile(restored) == box.readFile(box.localPath("big1")); });
-    if (!fetched && box.readFile(restored) != kOldLocal) {
+                 [&] { return readFile(restored) == readFile(box.localPath("big1")); });
+    if (!fetched && readFile(restored) != kOldLocal) {
         findings.push_back({"no partial local content", "recvFile Pool/0/big1"});
     }
 

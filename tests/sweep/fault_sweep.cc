@@ -128,7 +128,7 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
         runBackup(box, *box.newAgent(), findings, failed);
     }
     for (auto const& op : failed) findings.push_back({"clean re-run succeeds", op});
-    box.writeFile(box.own("account.txt"), box.snapshot(findings));
+    writeFile(box.own("account.txt"), box.snapshot(findings));
 
     TAVO::Backup::GoogleDriveTA::FileMetaStore before, after;
     if (!before.load(box.cacheFile()) || before.size() == 0) {
@@ -156,7 +156,7 @@ PairResult readResult(Sandbox& box) {
         size_t tab = rest.find('\t');
         if (line[0] == 'F') result.findings.push_back({rest.substr(0, tab), rest.substr(tab + 1)});
     }
-    result.account = box.readFile(box.own("account.txt"));
+    result.account = readFile(box.own("account.txt"));
     return result;
 }
 
