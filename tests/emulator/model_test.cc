@@ -97,12 +97,3 @@ TEST_F(Model, QuotaRefusesGrowthBeyondItAndUpdatesReplaceContent) {
     EXPECT_GT(after.mtime, 1000);
     EXPECT_EQ(1, blobFiles());  // the old version's file is gone
 }
-
-TEST_F(Model, RefusesImpossibleTreeChanges) {
-    std::string a = drive->mkdir("root", "a");
-    std::string b = drive->mkdir(a, "b");
-    std::string f = drive->put(a, "f", "x");
-    expectError(400, [&] { drive->move(a, b); });          // into its own descendant
-    expectError(400, [&] { drive->removeParent(f, a); });  // its only parent
-    expectError(400, [&] { drive->update(a, "x"); });
-}

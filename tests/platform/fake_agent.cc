@@ -11,11 +11,9 @@
 //   partial:TEXT  answer TEXT without a line feed, then exit
 //   die           read the request, then die by SIGKILL
 //   closeout      read the request, close stdout, exit when stdin ends
-//   fds           answer with the list of open descriptors
 //   closein       close stdin, say "stdin closed", exit once stdout has no reader
 //   hang          ignore SIGTERM and the end of stdin, sleep until killed
 //   exit          exit at once
-#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -49,19 +47,6 @@ bool readRequest(std::string& line) {
     line.assign(buffer, static_cast<size_t>(got));
     ++g_requests;
     return true;
-}
-
-std::string openDescriptors() {
-    std::string list;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return list;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] == '.' || atoi(entry->d_name) == dirfd(dir)) continue;
-        if (!list.empty()) list += ',';
-        list += entry->d_name;
-    }
-    closedir(dir);
-    return list;
 }
 
 void runStep(std::string const& step) {
@@ -110,8 +95,6 @@ void runStep(std::string const& step) {
             while (readRequest(request)) {
             }
             _exit(0);
-        } else if (verb == "fds") {
-            writeOut("{\"success\":true,\"fds\":[" + openDescriptors() + "]}\n");
         } else {
             fprintf(stderr, "fake_agent: unknown step [%s]\n", step.c_str());
             _exit(2);

@@ -60,9 +60,6 @@ TEST(ErrorState, IsPerThread) {
     std::thread([&] { other = getError(); }).join();
     EXPECT_EQ(0, other);
     EXPECT_EQ(2003, getError());
-    EXPECT_EQ(ERR_LOCAL_NOT_FOUND, getErrorCodeByLibcStat(ENOENT, true));
-    EXPECT_EQ(ERR_LOCAL_NO_SPACE, getErrorCodeByLibcFileIo(ENOSPC, true));
-    EXPECT_EQ(ERR_GENERAL, getErrorCodeByLibcFileIo(EBADF, true));
 }
 
 TEST(JsonText, ParserIsStrict) {

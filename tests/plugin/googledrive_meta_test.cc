@@ -50,19 +50,13 @@ TEST(FileMetaTest, AbsentKeysKeepTheirFieldsAndParentsAccumulate) {
     EXPECT_EQ((std::set<std::string>{"P0", "P1"}), meta.parents);
     EXPECT_TRUE(meta.name == "old" && meta.isDir && meta.size == 11 && meta.status == "TRASH");
 
-    // A folder reports its type and time only; a record without properties is an empty file.
+    // A folder reports its type and time only.
     FileInfo info("d");
     info.setSize(7);
-    info.setChecksum("kept");
     EXPECT_TRUE(fileMetaToFileInfo(meta, info));
     EXPECT_TRUE(info.isDirType());
     EXPECT_EQ(22, info.getMtime());
     EXPECT_EQ(7, info.getSize());
-    EXPECT_EQ("kept", info.getChecksum());
-    fileMetaToFileInfo(read(R"({"id":"F"})"), info);
-    EXPECT_TRUE(info.isRegType());
-    EXPECT_EQ(0, info.getSize() + info.getMtime());
-    EXPECT_EQ("", info.getChecksum());
 }
 
 }  // namespace

@@ -60,18 +60,6 @@ TEST_F(ResolveTest, CacheOnlyWalkNeverAsks) {
     EXPECT_TRUE(id.empty());
 }
 
-TEST_F(ResolveTest, SplitEdgeCases) {
-    GoogleDrive::FileMeta meta;
-    EXPECT_FALSE(agent->findFileMetaByPath(false, "", meta));
-    EXPECT_EQ(1, getError());
-    EXPECT_TRUE(TestSupport::syslogHas("invalid list size []", LOG_ERR));
-    ASSERT_TRUE(agent->findFileMetaByPath(false, "/", meta));
-    EXPECT_EQ(rootId, meta.id);
-    // A doubled slash inside a path is an empty name under a real folder.
-    EXPECT_FALSE(agent->findFileMetaByPath(false, "/C//T", meta));
-    EXPECT_EQ(3, getError());
-}
-
 // Drive compares names without case: "B" beside "b" makes the path ambiguous.
 TEST_F(ResolveTest, NamesThatDifferOnlyInCaseAreDuplicates) {
     drive->put(aId, "B", "x");
@@ -142,16 +130,4 @@ TEST_F(ResolveTest, ListingLagDoesNotCauseADuplicateUpload) {
     auto found = drive->lookup(bId, "f");
     ASSERT_EQ(1u, found.size());
     EXPECT_EQ("second", drive->content(found[0].id));
-}
-
-TEST_F(ResolveTest, FrozenCacheStillAnswersButLearnsNothing) {
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    agent->freezeNodeCache(true);
-    GoogleDrive::FileMeta meta;
-    ASSERT_TRUE(agent->getObjectMeta(aId, meta));
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
-    agent->freezeNodeCache(false);
-    EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
-    EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a", id));
 }

@@ -141,8 +141,6 @@ TEST_F(RobustnessTest, PassingFailuresDuringCheckCacheKeepTheCache) {
         Fault fault;
     } const cases[] = {
         {"503", Fault::fail("getObjectMeta", 503).always()},
-        {"408", Fault::fail("getObjectMeta", 408).always()},
-        {"-4", Fault::fail("getObjectMeta", -4).always()},
         {"agent exits", Fault::exitBeforeAnswer("getObjectMeta").always()},
         {"third check fails", Fault::fail("getObjectMeta", 500).onNth(3)},
     };
@@ -182,15 +180,9 @@ TEST_F(RobustnessTest, NamesWithQuotesAndBackslashesWorkEverywhere) {
     for (char const* name : {"John's file", "back\\slash", "sub'dir/it's"}) {
         SCOPED_TRACE(name);
         ASSERT_TRUE(agent->sendFile(local, name)) << getError();
-        FileInfo info;
-        ASSERT_TRUE(agent->stat(name, info)) << getError();
-        EXPECT_EQ(7, info.getSize());
         ASSERT_TRUE(agent->recvFile(name, localPath("down"))) << getError();
         EXPECT_EQ("content", readFile(localPath("down")));
     }
-    std::list<FileInfo> list;
-    ASSERT_TRUE(agent->listDir("sub'dir", list));
-    ASSERT_EQ(1u, list.size());
     ASSERT_TRUE(agent->flushCache());
     std::string saved = readFile(cacheFile());
     EXPECT_TRUE(agent->checkCache());
@@ -286,12 +278,8 @@ TEST_F(RobustnessTest, IllTypedAnswersFailTheOperationNotTheEngine) {
     } const cases[] = {
         {"listObjects", R"({"success":true,"objects":[{"id":"x","name":["f"]}]})",
          [&] { return agent->isExist("f"); }},
-        {"getObjectMeta", R"({"success":true,"id":"x","properties":{"size":"big"}})",
-         [&] { return agent->isExist("f"); }},
         {"downloadFile", R"({"success":true,"complete":"no"})",
          [&] { return agent->recvFile("f", local, [](long) { return true; }); }},
-        {"createFolder", R"({"success":true,"complete":true})",
-         [&] { return agent->createDir("d"); }},
         {"getAccountInfo", R"({"success":true,"quota":"lots"})",
          [&] {
              AccountInfo info;
