@@ -30,17 +30,6 @@ class Model : public EmulatorTest::AccountTest {
 
 }  // namespace
 
-TEST_F(Model, NamesRepeatAndCompareWithoutCase) {
-    std::string first = drive->mkdir("root", "Pool");
-    drive->mkdir("root", "POOL");
-    drive->put("root", "pool", "x");
-    auto found = drive->lookup("root", "pOOl");
-    ASSERT_EQ(3u, found.size());
-    EXPECT_EQ(first, found[0].id);
-    expectError(400, [&] { drive->idByPath("/Pool"); });  // ambiguous, not "not found"
-    expectError(404, [&] { drive->idByPath("/Control"); });
-}
-
 TEST_F(Model, TrashReachesDescendantsAndUntrashRestoresThem) {
     std::string a = drive->mkdir("root", "a");
     std::string b = drive->mkdir(a, "b");

@@ -214,22 +214,5 @@ TEST_F(AgentClientTest, LineFeedJustPastAFullReadIsFound) {
     }
 }
 
-// --- ending the helper ------------------------------------------------------
-
-TEST_F(AgentClientTest, CloseGivesGraceThenKillsAndReapsEveryHelper) {
-    // A stubborn helper gets its grace time; a well-behaved one does not wait it out.
-    for (bool stubborn : {true, false}) {
-        setenv("TAVO_AGENT_CLOSE_GRACE_MS", stubborn ? "50" : "2000", 1);
-        ASSERT_TRUE(client.start(stubborn ? "hang" : ""));
-        pid_t const pid = client.childPid();
-        auto const started = std::chrono::steady_clock::now();
-        client.close();
-        long const took = elapsedMs(started);
-        EXPECT_GE(took, stubborn ? 50 : 0);
-        EXPECT_LT(took, 1000);
-        EXPECT_TRUE(isReaped(pid));
-    }
-}
-
 }  // namespace
 }  // namespace TAVO::Backup

@@ -12,7 +12,6 @@
 //   die           read the request, then die by SIGKILL
 //   closeout      read the request, close stdout, exit when stdin ends
 //   closein       close stdin, say "stdin closed", exit once stdout has no reader
-//   hang          ignore SIGTERM and the end of stdin, sleep until killed
 //   exit          exit at once
 #include <poll.h>
 #include <signal.h>
@@ -69,11 +68,6 @@ void runStep(std::string const& step) {
         while (poll(&out, 1, -1) <= 0 || !(out.revents & (POLLERR | POLLHUP))) {
         }
         _exit(0);
-    } else if (verb == "hang") {
-        signal(SIGTERM, SIG_IGN);
-        while (readRequest(request)) {
-        }
-        for (;;) pause();
     } else {
         // Every other step answers a request.
         if (!readRequest(request)) _exit(0);

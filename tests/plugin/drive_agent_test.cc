@@ -1,5 +1,5 @@
 // Starting the drive agent against the emulator: handshake outcomes, the
-// environment left behind, and the node cache file.
+// environment left behind.
 #include <syslog.h>
 
 #include <cstdlib>
@@ -91,25 +91,4 @@ TEST_F(DriveAgentTest, FailedStartsAreToldApartAndLeaveNoCredentials) {
     repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
     recreateAgent();
     ASSERT_TRUE(agent->getAccountInfo(info));
-}
-
-// ---- Node cache attachment and persistence ----
-
-class NodeCacheFileTest : public EmulatedDriveTest {};
-
-TEST_F(NodeCacheFileTest, WrittenOnlyByAFlushNeverByTheDestructor) {
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id)) << getError();
-    EXPECT_FALSE(fileExists(cacheFile()));  // learning is not saving
-    ASSERT_TRUE(agent->flushCache());
-    ASSERT_TRUE(fileExists(cacheFile()));
-    std::string saved = readFile(cacheFile());
-    EXPECT_NE(std::string::npos, saved.find("\"i\":\"" + targetId + "\""));
-
-    // Changed but not flushed: the destructor writes nothing.
-    ASSERT_EQ(0, unlink(cacheFile().c_str()));
-    GoogleDrive::FileMeta meta;
-    ASSERT_TRUE(agent->createFolder("new", targetId, meta));
-    agent.reset();
-    EXPECT_FALSE(fileExists(cacheFile()));
 }

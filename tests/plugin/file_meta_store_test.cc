@@ -12,7 +12,6 @@
 #include <random>
 #include <sstream>
 
-#include "backup/process_privilege.h"
 #include "file_meta_store_format.h"
 #include "support/files.h"
 #include "support/syslog_capture.h"
@@ -166,10 +165,7 @@ class NodeCacheTest : public ::testing::Test {
         _dir = pattern;
         TestSupport::clearSyslog();
     }
-    void TearDown() override {
-        ProcessPrivilege::forceFailureForTesting(false);
-        fs::remove_all(_dir);
-    }
+    void TearDown() override { fs::remove_all(_dir); }
     std::string path(std::string const& name) const { return _dir + "/" + name; }
     // Writes `content` as a cache file and loads it into `store`.
     void loadContent(FileMetaStore& store, std::string const& content) {
@@ -348,12 +344,6 @@ TEST_F(NodeCacheTest, FailuresLeaveFileAndStoreAsTheyWere) {
     writeFile(target, old);
     EXPECT_FALSE(store.load(target + "/x"));
     EXPECT_EQ(1, errorsLogged("open failed, Not a directory [" + target + "/x]"));
-    ProcessPrivilege::forceFailureForTesting(true);
-    EXPECT_FALSE(store.load(target) || store.save(target));
-    EXPECT_EQ(2, errorsLogged("be root failed. Operation not permitted"));
-    ProcessPrivilege::forceFailureForTesting(false);
-    EXPECT_FALSE(store.save(path("missing/ta_cache.node")));
-    EXPECT_EQ(1, errorsLogged("create temp file failed, No such file or directory"));
     fs::create_directories(path("taken/ta_cache.node/inner"));
     EXPECT_FALSE(store.save(path("taken/ta_cache.node")));
     EXPECT_EQ(1,

@@ -31,8 +31,6 @@ TEST(FileMetaTest, ReadsEveryKeyOfADriveObject) {
     EXPECT_EQ("9e107d9d372bb6826bd81d3542a419d6", meta.md5Checksum);
     EXPECT_EQ("AVAILABLE", meta.status);
     EXPECT_EQ("TRASH", read(R"({"properties":{"isTrash":true}})", meta).status);
-    // Properties without isTrash leave the trash state unknown.
-    EXPECT_EQ("", read(R"({"id":"F3","properties":{"size":1}})").status);
 
     FileInfo info("dir/a.bin");
     EXPECT_TRUE(fileMetaToFileInfo(meta, info));

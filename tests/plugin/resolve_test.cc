@@ -107,19 +107,6 @@ TEST_F(ResolveTest, PagedListingsAreJoined) {
     EXPECT_TRUE(log[1].args.isMember("pageToken"));
 }
 
-// ---- Requests counted for the common transfers ----
-
-TEST_F(ResolveTest, StoringIntoACachedFolderCostsOneRequestBesidesTheTransfer) {
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/b", id));
-    drive->clearRequestLog();
-    std::string local = writeLocal("f", "content");
-    ASSERT_TRUE(agent->sendFile(local, "a/b/new"));
-    EXPECT_EQ(1, requests("listObjects"));  // is it there?
-    EXPECT_EQ(1, requests("uploadFile"));
-    EXPECT_EQ(2, requests());
-}
-
 TEST_F(ResolveTest, ListingLagDoesNotCauseADuplicateUpload) {
     // Drive's name listings lag behind writes; the node cache remembers the upload.
     drive->addFault(Fault::listingLag(5, "uploadFile"));

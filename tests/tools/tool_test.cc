@@ -127,7 +127,6 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
     } const cases[] = {
         {none, {"ls", "missing"}, 3, "ls missing: error 2003, not found"},
         {none, {"get", "missing", path("x")}, 4, "get missing: error 2003"},
-        {none, {"rm", "missing"}, 4, "rm missing: error 2003"},
         {none, {"put", path("nothing"), "x"}, 4, "No such file"},
         {none, {"put", path("fifo"), "x"}, 2, "is a FIFO"},
         {none, {"put", path("link"), "x"}, 2, "is a symbolic link"},
