@@ -100,7 +100,6 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         {{"frobnicate"}, 2, "", "frobnicate"},
         {{"--frob", "ls"}, 2, "", "--frob"},
         {{"put", "only-one"}, 2, "", "LOCAL REMOTE"},
-        {{"cache", "wipe"}, 2, "", "wipe"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0]);
