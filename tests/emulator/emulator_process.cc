@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -107,6 +106,10 @@ Json::Value req(std::initializer_list<std::pair<char const*, std::string>> membe
     return r;
 }
 
+Json::Value upload(std::string const& parent, std::string const& input, std::string const& name) {
+    return req({{"fn", "uploadFile"}, {"name", name}, {"parentId", parent}, {"inputPath", input}});
+}
+
 void AccountTest::TearDown() {
     drive.reset();
     std::error_code ignored;
@@ -123,22 +126,6 @@ void AccountTest::changeSettings(std::function<void(DriveEmulator::Settings&)> c
     DriveEmulator::Settings s = drive->settings();
     change(s);
     drive->setSettings(s);
-}
-
-std::string makeTempFolder() {
-    std::string pattern = std::filesystem::temp_directory_path() / "emulator-test-XXXXXX";
-    if (!::mkdtemp(&pattern[0])) throw std::runtime_error("mkdtemp failed");
-    return pattern;
-}
-
-void writeFile(std::string const& path, std::string const& content) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
-std::string readFile(std::string const& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
 }
 
 }  // namespace EmulatorTest

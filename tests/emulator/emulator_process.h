@@ -17,6 +17,7 @@
 
 #include "core/pipe_open.h"
 #include "drive_control.h"
+#include "support/files.h"
 
 namespace EmulatorTest {
 
@@ -66,11 +67,13 @@ class EmulatorProcess {
     std::optional<int> _status;
 };
 
-std::string makeTempFolder();
-void writeFile(std::string const& path, std::string const& content);
-std::string readFile(std::string const& path);
+using TestSupport::readFile;
+using TestSupport::writeFile;
 // A request object from (member, value) pairs.
 Json::Value req(std::initializer_list<std::pair<char const*, std::string>> members);
+// An uploadFile request: the file `input` as `name` in `parent`.
+Json::Value upload(std::string const& parent, std::string const& input,
+                   std::string const& name = "f");
 
 // A fresh account in a private folder, removed afterwards.
 class AccountTest : public ::testing::Test {
@@ -81,7 +84,7 @@ class AccountTest : public ::testing::Test {
     std::unique_ptr<EmulatorProcess> start();
     void changeSettings(std::function<void(DriveEmulator::Settings&)> const& change);
 
-    std::string data = makeTempFolder();
+    std::string data = TestSupport::makeTempFolder("emulator-test");
     std::optional<DriveEmulator::Drive> drive;
 };
 

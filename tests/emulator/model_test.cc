@@ -30,17 +30,6 @@ class Model : public EmulatorTest::AccountTest {
 
 }  // namespace
 
-TEST_F(Model, NamesRepeatAndCompareWithoutCase) {
-    std::string first = drive->mkdir("root", "Pool");
-    drive->mkdir("root", "POOL");
-    drive->put("root", "pool", "x");
-    auto found = drive->lookup("root", "pOOl");
-    ASSERT_EQ(3u, found.size());
-    EXPECT_EQ(first, found[0].id);
-    expectError(400, [&] { drive->idByPath("/Pool"); });  // ambiguous, not "not found"
-    expectError(404, [&] { drive->idByPath("/Control"); });
-}
-
 TEST_F(Model, TrashReachesDescendantsAndUntrashRestoresThem) {
     std::string a = drive->mkdir("root", "a");
     std::string b = drive->mkdir(a, "b");
@@ -96,13 +85,4 @@ TEST_F(Model, QuotaRefusesGrowthBeyondItAndUpdatesReplaceContent) {
     EXPECT_EQ("e807f1fcf82d132f9bb018ca6738a19f", after.md5);
     EXPECT_GT(after.mtime, 1000);
     EXPECT_EQ(1, blobFiles());  // the old version's file is gone
-}
-
-TEST_F(Model, RefusesImpossibleTreeChanges) {
-    std::string a = drive->mkdir("root", "a");
-    std::string b = drive->mkdir(a, "b");
-    std::string f = drive->put(a, "f", "x");
-    expectError(400, [&] { drive->move(a, b); });          // into its own descendant
-    expectError(400, [&] { drive->removeParent(f, a); });  // its only parent
-    expectError(400, [&] { drive->update(a, "x"); });
 }

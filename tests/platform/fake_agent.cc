@@ -11,11 +11,8 @@
 //   partial:TEXT  answer TEXT without a line feed, then exit
 //   die           read the request, then die by SIGKILL
 //   closeout      read the request, close stdout, exit when stdin ends
-//   fds           answer with the list of open descriptors
 //   closein       close stdin, say "stdin closed", exit once stdout has no reader
-//   hang          ignore SIGTERM and the end of stdin, sleep until killed
 //   exit          exit at once
-#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -51,19 +48,6 @@ bool readRequest(std::string& line) {
     return true;
 }
 
-std::string openDescriptors() {
-    std::string list;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return list;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] == '.' || atoi(entry->d_name) == dirfd(dir)) continue;
-        if (!list.empty()) list += ',';
-        list += entry->d_name;
-    }
-    closedir(dir);
-    return list;
-}
-
 void runStep(std::string const& step) {
     size_t colon = step.find(':');
     std::string const verb = step.substr(0, colon);
@@ -84,11 +68,6 @@ void runStep(std::string const& step) {
         while (poll(&out, 1, -1) <= 0 || !(out.revents & (POLLERR | POLLHUP))) {
         }
         _exit(0);
-    } else if (verb == "hang") {
-        signal(SIGTERM, SIG_IGN);
-        while (readRequest(request)) {
-        }
-        for (;;) pause();
     } else {
         // Every other step answers a request.
         if (!readRequest(request)) _exit(0);
@@ -110,8 +89,6 @@ void runStep(std::string const& step) {
             while (readRequest(request)) {
             }
             _exit(0);
-        } else if (verb == "fds") {
-            writeOut("{\"success\":true,\"fds\":[" + openDescriptors() + "]}\n");
         } else {
             fprintf(stderr, "fake_agent: unknown step [%s]\n", step.c_str());
             _exit(2);

@@ -1,10 +1,7 @@
 // Starting the drive agent against the emulator: handshake outcomes, the
-// environment left behind, reconnection, and the node cache file.
-#include <signal.h>
-#include <sys/wait.h>
+// environment left behind.
 #include <syslog.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <set>
@@ -12,7 +9,6 @@
 #include "backup/error.h"
 #include "core/core_error.h"
 #include "emulated_drive.h"
-#include "googledrive_client.h"
 #include "support/syslog_capture.h"
 
 using namespace TAVO::Backup;
@@ -27,14 +23,6 @@ char const* const kCredentialVars[] = {"GOOGLEDRIVE_ACCESS_TOKEN", "GOOGLEDRIVE_
 void expectNoCredentialsInEnvironment() {
     for (char const* var : kCredentialVars) EXPECT_EQ(nullptr, getenv(var)) << var;
 }
-
-// Exposes the child's pid to tell one drive agent from the next.
-class InspectableClient : public GoogleDriveClient {
-  public:
-    pid_t pid() const { return _child_pid; }
-};
-
-bool processGone(pid_t pid) { return kill(pid, 0) != 0 && errno == ESRCH; }
 
 std::set<int> servingPids(DriveEmulator::Drive& drive) {
     std::set<int> pids;
@@ -103,51 +91,4 @@ TEST_F(DriveAgentTest, FailedStartsAreToldApartAndLeaveNoCredentials) {
     repository().options().set(Repository::SZK_REMOTE_REFRESH_TOKEN, "cmVmcmVzaA==");
     recreateAgent();
     ASSERT_TRUE(agent->getAccountInfo(info));
-}
-
-TEST_F(DriveAgentTest, ReconnectingReplacesTheAgentAndReapsIt) {
-    InspectableClient client;
-    ASSERT_TRUE(client.connect("a", "cmVmcmVzaA==", true));
-    pid_t first = client.pid();
-    ASSERT_TRUE(client.connect("a", "cmVmcmVzaA==", true));
-    EXPECT_NE(first, client.pid());
-    EXPECT_TRUE(processGone(first));
-    client.close();
-    // A cancel hook that fires stops the start without side effects.
-    client.setCancelHook([] { return true; });
-    EXPECT_FALSE(client.connect("a", "cmVmcmVzaA==", true));
-    EXPECT_FALSE(client.isConnected());
-    expectNoCredentialsInEnvironment();
-}
-
-// ---- Node cache attachment and persistence ----
-
-class NodeCacheFileTest : public EmulatedDriveTest {};
-
-TEST_F(NodeCacheFileTest, WrittenOnlyByAFlushNeverByTheDestructor) {
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id)) << getError();
-    EXPECT_FALSE(fileExists(cacheFile()));  // learning is not saving
-    ASSERT_TRUE(agent->flushCache());
-    ASSERT_TRUE(fileExists(cacheFile()));
-    std::string saved = readFile(cacheFile());
-    EXPECT_NE(std::string::npos, saved.find("\"i\":\"" + targetId + "\""));
-
-    // Changed but not flushed: the destructor writes nothing.
-    ASSERT_EQ(0, unlink(cacheFile().c_str()));
-    GoogleDrive::FileMeta meta;
-    ASSERT_TRUE(agent->createFolder("new", targetId, meta));
-    agent.reset();
-    EXPECT_FALSE(fileExists(cacheFile()));
-}
-
-TEST_F(NodeCacheFileTest, ANewAgentResolvesFromTheSavedCache) {
-    std::string id;
-    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T", id));
-    ASSERT_TRUE(agent->flushCache());
-    recreateAgent();
-    drive->clearRequestLog();
-    ASSERT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
-    EXPECT_EQ(targetId, id);
-    EXPECT_EQ(0, requests());
 }

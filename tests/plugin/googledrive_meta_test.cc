@@ -32,8 +32,6 @@ TEST(FileMetaTest, ReadsEveryKeyOfADriveObject) {
     EXPECT_EQ("9e107d9d372bb6826bd81d3542a419d6", meta.md5Checksum);
     EXPECT_EQ("AVAILABLE", meta.status);
     EXPECT_EQ("TRASH", read(R"({"properties":{"isTrash":true}})", meta).status);
-    // Properties without isTrash leave the trash state unknown.
-    EXPECT_EQ("", read(R"({"id":"F3","properties":{"size":1}})").status);
 
     FileInfo info("dir/a.bin");
     EXPECT_TRUE(fileMetaToFileInfo(meta, info));
@@ -51,19 +49,13 @@ TEST(FileMetaTest, AbsentKeysKeepTheirFieldsAndParentsAccumulate) {
     EXPECT_EQ((std::set<std::string>{"P0", "P1"}), meta.parents);
     EXPECT_TRUE(meta.name == "old" && meta.isDir && meta.size == 11 && meta.status == "TRASH");
 
-    // A folder reports its type and time only; a record without properties is an empty file.
+    // A folder reports its type and time only.
     FileInfo info("d");
     info.setSize(7);
-    info.setChecksum("kept");
     EXPECT_TRUE(fileMetaToFileInfo(meta, info));
     EXPECT_TRUE(info.isDirType());
     EXPECT_EQ(22, info.getMtime());
     EXPECT_EQ(7, info.getSize());
-    EXPECT_EQ("kept", info.getChecksum());
-    fileMetaToFileInfo(read(R"({"id":"F"})"), info);
-    EXPECT_TRUE(info.isRegType());
-    EXPECT_EQ(0, info.getSize() + info.getMtime());
-    EXPECT_EQ("", info.getChecksum());
 }
 
 // The listing page reader takes the usual pages, exactly as the general

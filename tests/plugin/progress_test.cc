@@ -1,24 +1,26 @@
-// The transfer loop against a drive agent that plays an exact transcript:
-// how progress messages become byte counts, and what a re-sent request does
-// to them.
+// The plug-in against a drive agent that plays an exact transcript, for
+// message sequences no service sends on demand: how progress messages become
+// byte counts, what a re-sent request does to them, and listing pages that
+// loop.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <syslog.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 
 #include "backup/error.h"
+#include "support/files.h"
+#include "support/syslog_capture.h"
 #include "transfer_googledrive.h"
 
 using namespace TAVO::Backup;
 
-class ProgressTest : public ::testing::Test {
+class ScriptedAgentTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/progress-test-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        _dir = tmpl;
+        _dir = TestSupport::makeTempFolder("progress-test");
         std::string bin = _dir + "/root/usr/bin";
         ASSERT_EQ(0, system(("mkdir -p '" + bin + "'").c_str()));
         ASSERT_EQ(0, symlink(SCRIPTED_AGENT_PATH, (bin + "/python").c_str()));
@@ -55,7 +57,7 @@ std::string progressing(std::vector<double> const& fractions, std::string const&
     return out + (final.empty() ? "" : "> " + final + "\n");
 }
 
-TEST_F(ProgressTest, ReportsOnlyGrowthAndEndsOnTheFinalAnswer) {
+TEST_F(ScriptedAgentTest, ReportsOnlyGrowthAndEndsOnTheFinalAnswer) {
     auto expect = [&](long size, std::vector<long> want, bool wantOk, int error, int requests,
                       std::string const& text) {
         SCOPED_TRACE(text);
@@ -93,4 +95,18 @@ TEST_F(ProgressTest, ReportsOnlyGrowthAndEndsOnTheFinalAnswer) {
     long size = 1000;
     EXPECT_FALSE(agent->sendRequestAndUpdateProgress(Json::Value(), size, {}));
     EXPECT_EQ(1, getError());
+}
+
+TEST_F(ScriptedAgentTest, ATokenSeenBeforeEndsTheListing) {
+    transcript(
+        "<\n> {\"success\":true,\"nextPageToken\":\"t1\"}\n"
+        "<\n> {\"success\":true,\"nextPageToken\":\"t2\"}\n"
+        "<\n> {\"success\":true,\"nextPageToken\":\"t1\"}\n"
+        "<\n> {\"success\":true}\n");
+    agent = std::make_unique<TransferAgentGoogleDrive>(repo);
+    std::list<GoogleDrive::FileMeta> list;
+    EXPECT_FALSE(agent->listObjects("p", "", list));
+    EXPECT_EQ(1, getError());
+    EXPECT_TRUE(TestSupport::syslogHas("page token [t1] repeats", LOG_ERR));
+    EXPECT_EQ(3, requestsSent());
 }

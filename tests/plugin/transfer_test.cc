@@ -1,8 +1,7 @@
 // Uploads and downloads end to end through the emulator: contents, the
-// FileInfo the engine gets back, overwrite in place, and the guarantee that a
-// failed download never replaces or half-writes the destination.
+// FileInfo the engine gets back, refusals and cancels. Overwrites in place and
+// downloads cut short are judged by the fault sweep.
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include "backup/error.h"
@@ -16,38 +15,6 @@ TEST_F(TransferTest, SmallFilesRoundTrip) {
     roundTrip(0);
     roundTrip(1);
     roundTrip(1 << 20);
-}
-
-TEST_F(TransferTest, OverwriteKeepsTheIdAndReplacesTheContent) {
-    std::string id = drive->put(targetId, "f", "old content");
-    std::string local = writeLocal("f", "new");
-    FileInfo info("f");
-    ASSERT_TRUE(agent->sendFile(local, "f", TransferAgent::ProgressHook(), false, info));
-    EXPECT_EQ(3, info.getSize());
-    EXPECT_EQ("new", drive->content(id));
-    EXPECT_EQ(1u, drive->lookup(targetId, "f").size());
-    EXPECT_EQ(1, requests("updateFile"));
-    EXPECT_EQ(0, requests("uploadFile"));
-    // Truncating to nothing goes through the empty variant.
-    local = writeLocal("f", "");
-    ASSERT_TRUE(agent->sendFile(local, "f"));
-    EXPECT_EQ("", drive->content(id));
-    EXPECT_EQ(1, requests("updateEmptyFile"));
-}
-
-TEST_F(TransferTest, DownloadReplacesAnExistingDestinationOnlyWhenComplete) {
-    std::string id = drive->put(targetId, "f", "remote content");
-    std::string down = writeLocal("dest", "local content");
-    drive->addFault(Fault::shortDownload());
-    EXPECT_FALSE(agent->recvFile("f", down));
-    EXPECT_EQ(1, getError());
-    EXPECT_TRUE(TestSupport::syslogHas("get a bad file 13 != 14", LOG_ERR));
-    EXPECT_EQ("local content", readFile(down));
-    EXPECT_EQ(0, countTempFilesBeside(down));
-
-    ASSERT_TRUE(agent->recvFile("f", down));
-    EXPECT_EQ("remote content", readFile(down));
-    EXPECT_EQ(0, countTempFilesBeside(down));
 }
 
 TEST_F(TransferTest, LocalPathProblems) {
@@ -93,7 +60,6 @@ TEST_F(TransferTest, RemoteShapeProblems) {
 
     EXPECT_FALSE(agent->sendFile(local, "folder"));
     EXPECT_EQ(2004, getError());
-    EXPECT_TRUE(drive->stat(drive->lookup(targetId, "folder")[0].id).isDir);
 
     EXPECT_FALSE(agent->recvFile("folder", localPath("d")));
     EXPECT_EQ(2004, getError());
@@ -116,9 +82,6 @@ TEST_F(TransferTest, ServiceRefusals) {
     EXPECT_EQ(2000, getError());
     // Sent once and re-sent nine times.
     EXPECT_EQ(10, requests("uploadFile"));
-    auto retries = TestSupport::syslogLinesContaining("_client.readResponse() failed, retry [");
-    ASSERT_EQ(9u, retries.size());
-    EXPECT_NE(std::string::npos, retries.back().text.find("retry [9]"));
 }
 
 TEST_F(TransferTest, CancellationBeforeAnyRequestAndBetweenMessages) {

@@ -52,7 +52,7 @@ class Checker {
     // container); a missing or ambiguous path gives none.
     std::optional<Object> at(std::string const& path) {
         try {
-            auto& drive = _box.drive();
+            auto& drive = *_box.drive;
             return drive.stat(drive.idByPath(path == ".." ? "/C" : "/C/T/" + path));
         } catch (DriveEmulator::Error const& e) {
             _ambiguous = _ambiguous || e.code() == 400;
@@ -65,7 +65,7 @@ class Checker {
     }
     bool holds(std::string const& path, std::string const& content) {
         auto object = at(path);
-        return object && !object->isDir && _box.drive().content(object->id) == content;
+        return object && !object->isDir && _box.drive->content(object->id) == content;
     }
     // The children of `path` by name, or every file below it by relative path.
     std::set<std::string> below(std::string const& path, bool recursive) {
@@ -77,7 +77,7 @@ class Checker {
   private:
     void collect(std::string const& id, std::string const& prefix, bool recursive,
                  std::set<std::string>& names) {
-        for (auto const& child : _box.drive().children(id)) {
+        for (auto const& child : _box.drive->children(id)) {
             if (!recursive || !child.isDir) names.insert(prefix + child.name);
             if (recursive && child.isDir) collect(child.id, prefix + child.name + "/", true, names);
         }
@@ -98,13 +98,13 @@ std::string relative(std::string const& rpath, bool baseNameOnly) {
 }  // namespace
 
 void writeSources(Sandbox& box) {
-    writeFile(box.local("empty"), "");
-    writeFile(box.local("one"), "1");
-    writeFile(box.local("big1"), pseudoRandom(1 << 20, 1));
-    writeFile(box.local("big3"), pseudoRandom(3 << 20, 3));
-    writeFile(box.local("lock1"), "lock, first version");
-    writeFile(box.local("lock2"), "lock, second version, longer");
-    writeFile(box.local("scratch"), "removed again");
+    box.writeLocal("empty", "");
+    box.writeLocal("one", "1");
+    box.writeLocal("big1", pseudoRandom(1 << 20, 1));
+    box.writeLocal("big3", pseudoRandom(3 << 20, 3));
+    box.writeLocal("lock1", "lock, first version");
+    box.writeLocal("lock2", "lock, second version, longer");
+    box.writeLocal("scratch", "removed again");
 }
 
 void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Finding>& findings,
@@ -126,8 +126,9 @@ void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Findin
         {"big3", "Pool/big3"},          {"lock1", "Control/lock"}, {"lock2", "Control/lock"},
         {"scratch", "Control/scratch"}, {"one", "Pool/old/f"}};
     for (auto const& [local, remote] : uploads) {
-        check.expect(agent.sendFile(box.local(local), remote), "sendFile " + local + " " + remote,
-                     [&] { return check.holds(remote, readFile(box.local(local))); });
+        check.expect(agent.sendFile(box.localPath(local), remote),
+                     "sendFile " + local + " " + remote,
+                     [&] { return check.holds(remote, readFile(box.localPath(local))); });
     }
 
     for (bool recursive : {false, true}) {
@@ -145,11 +146,11 @@ void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Findin
     }
 
     // The engine fetches over a file it already has: it must end up whole or untouched.
-    std::string const restored = box.local("restored");
+    std::string const restored = box.localPath("restored");
     writeFile(restored, kOldLocal);
     bool fetched = agent.recvFile("Pool/0/big1", restored);
     check.expect(fetched, "recvFile Pool/0/big1",
-                 [&] { return readFile(restored) == readFile(box.local("big1")); });
+                 [&] { return readFile(restored) == readFile(box.localPath("big1")); });
     if (!fetched && readFile(restored) != kOldLocal) {
         findings.push_back({"no partial local content", "recvFile Pool/0/big1"});
     }

@@ -96,13 +96,12 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
     writeSources(box);
     std::vector<Finding> findings;
     std::vector<std::string> failed;
-    for (Fault rule : kind ? kind->rules : std::vector<Fault>{})
-        box.drive().addFault(rule.onNth(n));
+    for (Fault rule : kind ? kind->rules : std::vector<Fault>{}) box.drive->addFault(rule.onNth(n));
     {
         auto agent = box.newAgent();
         enum { Armed, Cancelling, Done } cancel = Armed;
         if (kind && kind->engineCancels) {
-            auto& drive = box.drive();
+            auto& drive = *box.drive;
             agent->setCancelHook([&drive, &cancel] {
                 if (cancel == Armed && drive.faults().front().fired > 0) cancel = Cancelling;
                 return cancel == Cancelling;
@@ -120,9 +119,9 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
         };
         findings.erase(std::remove_if(findings.begin(), findings.end(), believed), findings.end());
     }
-    for (auto const& rule : box.drive().faults()) out << "I\t" << (rule.fired > 0) << "\n";
-    for (auto const& entry : box.drive().requestLog()) out << "R\t" << entry.fn << "\n";
-    box.drive().clearFaults();
+    for (auto const& rule : box.drive->faults()) out << "I\t" << (rule.fired > 0) << "\n";
+    for (auto const& entry : box.drive->requestLog()) out << "R\t" << entry.fn << "\n";
+    box.drive->clearFaults();
     if (kind) {
         // The engine's next run: a new agent on the same account and cache file.
         failed.clear();

@@ -11,13 +11,14 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <thread>
 
 #include "drive_control.h"
+#include "support/files.h"
 
 namespace fs = std::filesystem;
+using TestSupport::readFile;
 using namespace std::chrono_literals;
 
 namespace {
@@ -30,8 +31,7 @@ struct Result {
 class ToolTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/gdrive-tool-test-XXXXXX";
-        _dir = mkdtemp(pattern);
+        _dir = TestSupport::makeTempFolder("gdrive-tool-test");
         setenv("GDRIVE_DATA_DIR", (_dir + "/data").c_str(), 1);
         setenv("TAVO_AGENT_PAUSE_UNIT_MS", "1", 1);
         unsetenv("TAVO_ROOT");
@@ -58,20 +58,15 @@ class ToolTest : public ::testing::Test {
         int status = 0;
         waitpid(pid, &status, 0);
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-                read(_dir + "/out"), read(_dir + "/err")};
+                readFile(_dir + "/out"), readFile(_dir + "/err")};
     }
     Result run(std::vector<std::string> args) { return finish(start(std::move(args))); }
 
     DriveEmulator::Drive drive() { return DriveEmulator::Drive::open(_dir + "/data/account"); }
     std::string path(std::string const& name) const { return _dir + "/" + name; }
-    static std::string read(std::string const& file) {
-        std::ostringstream text;
-        text << std::ifstream(file).rdbuf();
-        return text.str();
-    }
     static void write(std::string const& file, std::string const& content) {
         fs::create_directories(fs::path(file).parent_path());
-        std::ofstream(file) << content;
+        TestSupport::writeFile(file, content);
     }
     // A tree with what trips file tools: empty files and folders, nesting,
     // spaces and non-ASCII names.
@@ -101,13 +96,10 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         char const* onStderr;
     } const cases[] = {
         {{"--help"}, 0, "Exit codes", ""},
-        {{"help", "copy"}, 0, "--dry-run", ""},
         {{"--version"}, 0, "gdrive_host ", ""},
         {{"frobnicate"}, 2, "", "frobnicate"},
         {{"--frob", "ls"}, 2, "", "--frob"},
-        {{"ls", "--frob"}, 2, "", "--frob"},
         {{"put", "only-one"}, 2, "", "LOCAL REMOTE"},
-        {{"cache", "wipe"}, 2, "", "wipe"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0]);
@@ -133,9 +125,7 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         char const* words;
     } const cases[] = {
         {none, {"ls", "missing"}, 3, "ls missing: error 2003, not found"},
-        {none, {"stat", "missing/file"}, 4, "error 2003, not found"},
         {none, {"get", "missing", path("x")}, 4, "get missing: error 2003"},
-        {none, {"rm", "missing"}, 4, "rm missing: error 2003"},
         {none, {"put", path("nothing"), "x"}, 4, "No such file"},
         {none, {"put", path("fifo"), "x"}, 2, "is a FIFO"},
         {none, {"put", path("link"), "x"}, 2, "is a symbolic link"},
@@ -176,15 +166,6 @@ TEST_F(ToolTest, JsonDocumentsDescribeWhatIsStored) {
     ASSERT_EQ(ls["entries"].size(), 4u);
     EXPECT_EQ(ls["entries"][2]["name"], "with space/a file");
     EXPECT_EQ(ls["entries"][3]["type"], "folder");
-
-    Json::Value size = parse(run({"size", "--json"}).out);
-    EXPECT_EQ(size["files"], 1);
-    EXPECT_EQ(size["folders"], 3);
-    EXPECT_EQ(size["bytes"], 6);
-
-    Json::Value about = parse(run({"about", "--json"}).out);
-    EXPECT_EQ(about["used"], 6);
-    EXPECT_TRUE(about["unlimited"].asBool());
 }
 
 TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
@@ -203,8 +184,8 @@ TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
               0);
 
     ASSERT_EQ(run({"restore", "backup", path("back")}).code, 0);
-    EXPECT_EQ(read(path("back/Control/with space/été.txt")), "accents\n");
-    EXPECT_EQ(read(path("back/Pool/0/bucket.1")), std::string(100000, 'x'));
+    EXPECT_EQ(readFile(path("back/Control/with space/été.txt")), "accents\n");
+    EXPECT_EQ(readFile(path("back/Pool/0/bucket.1")), std::string(100000, 'x'));
     EXPECT_TRUE(fs::is_empty(path("back/Pool/empty folder")));
     EXPECT_TRUE(fs::is_empty(path("back/Pool/0/empty")));
     Result same = run({"check", "--json", path("back"), "backup"});
@@ -256,7 +237,7 @@ TEST_F(ToolTest, InterruptLeavesNothingBehind) {
         Result r = finish(pid);
         EXPECT_LT(std::chrono::steady_clock::now() - sent, 2s);
         EXPECT_EQ(r.code, 130) << r.err;
-        EXPECT_EQ(read(path("local/old")), "old content");
+        EXPECT_EQ(readFile(path("local/old")), "old content");
         if (c.interrupts > 1) continue;
         std::this_thread::sleep_for(200ms);  // the emulator's clean-up, after its client went
         EXPECT_EQ(fs::directory_iterator(path("local"))->path().filename(), "old");
