@@ -25,6 +25,9 @@ namespace {
 char const kLogSource[] = "file_meta_store";
 // Lines are gathered in memory and written in pieces of about this size.
 size_t const kWriteChunk = size_t(1) << 20;
+// Written bytes are handed to the disk in the background every this many, so
+// that the final fsync of a large file has little left to wait for.
+off_t const kWritebackStep = off_t(8) << 20;
 
 // Gathers text in a buffer and hands it to a stream in large pieces. The
 // first failed write is remembered; later ones are not attempted.
@@ -52,7 +55,13 @@ class ChunkWriter {
     // False once any write has failed; errno then tells why.
     bool flush() {
         if (_used && _good) _good = fwrite(_buffer.data(), 1, _used, _stream) == _used;
+        _written += static_cast<off_t>(_used);
         _used = 0;
+        if (_good && _written - _queued >= kWritebackStep && fflush(_stream) == 0) {
+            // Only a head start: failures show in the final fsync.
+            sync_file_range(fileno(_stream), _queued, _written - _queued, SYNC_FILE_RANGE_WRITE);
+            _queued = _written;
+        }
         return _good;
     }
 
@@ -61,6 +70,8 @@ class ChunkWriter {
     std::vector<char> _buffer;
     size_t _used = 0;
     bool _good = true;
+    off_t _written = 0;  // bytes handed to the stream
+    off_t _queued = 0;   // of which writeback was started
 };
 
 // Syncs the folder that holds `path`, so that a rename into it survives a
