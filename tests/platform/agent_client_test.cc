@@ -2,6 +2,7 @@
 #include "backup/agent_client.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -11,6 +12,7 @@
 #include <time.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 
 #include "backup/json_text.h"
@@ -171,6 +173,35 @@ INSTANTIATE_TEST_SUITE_P(Helpers, MisbehavingHelperTest,
                                            "reply:{\"success\":true",    // truncated JSON
                                            "partial:{\"success\":true}"  // no line feed, then exit
                                            ));
+
+// Only stdin, stdout and stderr reach a helper: none of the host's own
+// descriptors, nor the parent's ends of the channel.
+TEST_F(AgentClientTest, OnlyTheStandardDescriptorsReachTheHelper) {
+    int stray = open("/dev/null", O_RDONLY);  // no close-on-exec, as a careless host leaves it
+    ASSERT_GE(stray, 0);
+    ASSERT_TRUE(client.start("fds"));
+    ASSERT_TRUE(client.send(request("a"), response));
+    std::set<int> want = {0, 1}, seen;
+    if (fcntl(2, F_GETFD) >= 0) want.insert(2);  // stderr is inherited when we have one
+    for (Json::Value const& fd : response["fds"]) seen.insert(fd.asInt());
+    EXPECT_EQ(want, seen);
+    close(stray);
+}
+
+TEST_F(AgentClientTest, CloseGivesGraceThenKillsAndReapsEveryHelper) {
+    // A stubborn helper gets its grace time; a well-behaved one does not wait it out.
+    for (bool stubborn : {true, false}) {
+        setenv("TAVO_AGENT_CLOSE_GRACE_MS", stubborn ? "50" : "2000", 1);
+        ASSERT_TRUE(client.start(stubborn ? "hang" : ""));
+        pid_t const pid = client.childPid();
+        auto const started = std::chrono::steady_clock::now();
+        client.close();
+        long const took = elapsedMs(started);
+        EXPECT_GE(took, stubborn ? 50 : 0);
+        EXPECT_LT(took, 1000);
+        EXPECT_TRUE(isReaped(pid));
+    }
+}
 
 TEST_F(AgentClientTest, WriteToVanishedHelperRaisesNoSigpipeAndLeavesTheHostsOwn) {
     sigset_t pipeOnly, old;

@@ -13,6 +13,9 @@
 //   closeout      read the request, close stdout, exit when stdin ends
 //   closein       close stdin, say "stdin closed", exit once stdout has no reader
 //   exit          exit at once
+//   fds           answer with the list of open descriptors
+//   hang          ignore SIGTERM and the end of stdin, sleep until killed
+#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -48,6 +51,19 @@ bool readRequest(std::string& line) {
     return true;
 }
 
+std::string openDescriptors() {
+    std::string list;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return list;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.' || atoi(entry->d_name) == dirfd(dir)) continue;
+        if (!list.empty()) list += ',';
+        list += entry->d_name;
+    }
+    closedir(dir);
+    return list;
+}
+
 void runStep(std::string const& step) {
     size_t colon = step.find(':');
     std::string const verb = step.substr(0, colon);
@@ -61,6 +77,11 @@ void runStep(std::string const& step) {
         writeOut(text + "\n");
     } else if (verb == "exit") {
         _exit(0);
+    } else if (verb == "hang") {
+        signal(SIGTERM, SIG_IGN);
+        while (readRequest(request)) {
+        }
+        for (;;) pause();
     } else if (verb == "closein") {
         close(STDIN_FILENO);
         writeOut("stdin closed\n");
@@ -84,6 +105,8 @@ void runStep(std::string const& step) {
             _exit(0);
         } else if (verb == "die") {
             raise(SIGKILL);
+        } else if (verb == "fds") {
+            writeOut("{\"success\":true,\"fds\":[" + openDescriptors() + "]}\n");
         } else if (verb == "closeout") {
             close(STDOUT_FILENO);
             while (readRequest(request)) {
