@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_main.h"
 #include "child_pipe.h"
 #include "drive_control.h"
 
@@ -295,12 +296,8 @@ BENCHMARK(BM_Md5sum)->Arg(1 << 30)->Iterations(3)->UseRealTime()->Unit(benchmark
 }  // namespace
 
 int main(int argc, char** argv) {
-    ::signal(SIGPIPE, SIG_IGN);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    int status = BenchSupport::runBenchmarks(argc, argv);
     std::error_code ignored;
     std::filesystem::remove_all(benchFolder(), ignored);
-    return 0;
+    return status;
 }

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_main.h"
 #include "bench_support.h"
 #include "drive_control.h"
 
@@ -220,11 +221,4 @@ BENCHMARK(BM_EmulatorListPages)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
-int main(int argc, char** argv) {
-    ::signal(SIGPIPE, SIG_IGN);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+int main(int argc, char** argv) { return BenchSupport::runBenchmarks(argc, argv); }

@@ -175,7 +175,7 @@ class FileMetaStore {
     IndexOverlay _new_index;
     size_t _live_records;
     size_t _live_entries;
-    size_t _dead_rows;  // erased rows of _records and _index
+    size_t _dead_rows;  // erased rows of _records and _index, and erased added records
 };
 
 template <class Visit>
