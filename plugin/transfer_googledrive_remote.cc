@@ -2,8 +2,9 @@
 // folder creation, deletion and the account. Each keeps the node cache in
 // step with what the service reported, unless the cache is frozen.
 #include <algorithm>
-#include <map>
 #include <set>
+#include <string_view>
+#include <vector>
 
 #include "backup/error.h"
 #include "backup/path.h"
