@@ -105,7 +105,12 @@ bool GoogleDriveClient::connect(std::string const& accessToken, std::string cons
 
     std::string ready;
     if (!readString(ready)) {
-        GD_LOG(LOG_ERR, "could not read ready msg from drive_agent.py");
+        // The engine gave up waiting: no fault of the drive agent's.
+        if (isCanceled()) {
+            GD_LOG(LOG_INFO, "canceled while waiting for the ready msg from drive_agent.py");
+        } else {
+            GD_LOG(LOG_ERR, "could not read ready msg from drive_agent.py");
+        }
         return fail(kCoreErrAgentStart, __LINE__);
     }
     if (ready.find("is not a valid base64 string") != std::string::npos) {

@@ -9,6 +9,7 @@
 #include <list>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "backup/transfer_agent.h"
 #include "file_meta_store.h"
@@ -123,6 +124,9 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // As findFileMetaByPath, then fresh metadata from the service when the
     // walk was answered by the cache.
     bool statMeta(std::string const& path, GoogleDrive::FileMeta& meta);
+    // statMeta, and when it finds nothing under a folder the node cache
+    // placed that is no longer there, statMeta once more from the service.
+    bool statMetaConfirmingAbsence(std::string const& path, GoogleDrive::FileMeta& meta);
     bool statInfo(std::string const& rpath, FileInfo& info);
 
     // Transfers with progress: the request is re-sent after a retryable
@@ -143,6 +147,10 @@ class TransferAgentGoogleDrive : public TransferAgent {
     bool listChildrenInfo(GoogleDrive::FileMeta const& parent, std::list<FileInfo>& list);
     bool listChildrenRecursive(std::string const& rpath, GoogleDrive::FileMeta const& parent,
                                ListHook callback, void* arg);
+    // listChildrenRecursive once `children` of `parent` are listed.
+    bool visitChildren(std::string const& rpath, GoogleDrive::FileMeta const& parent,
+                       std::list<GoogleDrive::FileMeta> const& children, ListHook callback,
+                       void* arg);
 
     // Is the cached placement of one node still true on the service?
     bool verifyNode(std::string const& remotePath, bool mustBeCached);
@@ -158,27 +166,57 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // reader did not take) into `page`; false with the error set, logged,
     // when an object has no id or is in the trash.
     bool readListingAnswer(GoogleDrive::ListingPage& page);
-    // Enters a listing of folder `pid` (filtered by `name` when not empty)
-    // into the node cache, leaving out of the index every name that Drive
-    // holds more than once there and dropping what the index held for it.
-    void learnListing(std::string const& pid, std::string const& name,
-                      std::list<GoogleDrive::FileMeta> const& list);
-    // Several objects answer to one name in one folder. When they are provably
-    // copies of one another (files of one size and MD5, or folders of which at
-    // most one has children), deletes all but one and fills `kept` with it;
-    // false (nothing deleted) otherwise.
-    bool settleDuplicates(std::string const& name, std::list<GoogleDrive::FileMeta> const& found,
-                          GoogleDrive::FileMeta& kept);
+    // Enters a listing of folder `pid` into the node cache, leaving out of the
+    // index every name (byte for byte) that the listing holds more than once
+    // and dropping what the index held for it.
+    void learnListing(std::string const& pid, std::list<GoogleDrive::FileMeta> const& list);
+    enum class Settled { Kept, Refused, Stopped };
+    // Several objects of exactly one name in folder `pid`. When they are
+    // provably copies of one another (regular files of one size and one
+    // non-empty MD5, all but at most one placed in `pid` alone), deletes all
+    // but one (the one placed elsewhere too, else the oldest), fills `kept`
+    // with it and leaves the error state as it was: Kept. Refused when they
+    // may differ (nothing deleted); Stopped with 4 when the engine canceled.
+    Settled settleDuplicates(std::string const& pid, std::string const& name,
+                             std::list<GoogleDrive::FileMeta> const& found,
+                             GoogleDrive::FileMeta& kept);
     // Remembers a creation of `name` in `pid` whose answer was lost (the
     // channel closed before it came), so that the next lookup of that name
     // does not trust a lagging name listing.
     void noteLostCreation(std::string const& pid, std::string const& name);
-    // One listing request for the folder `id`: does it hold anything?
-    bool folderHasChildren(std::string const& id, bool& hasChildren);
-    // The object at `remotePath`; when the walk was answered by the node
-    // cache, its name and parent are confirmed with the service first, and a
-    // stale placement is forgotten and the path resolved again.
+    // What a confirmation of cached placements found.
+    enum class Placement { Holds, Stale, Unknown };
+    // Confirms, from the top, each step of a walk of `parts` (steps[0] the
+    // root) that the node cache answered: its name and parent, by one
+    // "getObjectMeta". A folder confirmed once in this agent's life is not
+    // asked again, except the last step when `lastToo`. Stale when one is
+    // gone, trashed, renamed or moved: its record and what the cache held
+    // below it are dropped. Unknown, with the error set, when the service
+    // could not say.
+    Placement confirmSteps(std::string const& remotePath, std::vector<std::string> const& parts,
+                           std::vector<GoogleDrive::FileMeta> const& steps, bool lastToo);
+    // For an operation on `remotePath` that found nothing there: confirms the
+    // placements the node cache holds on the way. True when one no longer
+    // held (and was dropped), so that one more try may find the path on the
+    // service; false with the error state as it was when all hold, or with
+    // the error of a confirmation that failed.
+    bool droppedStalePlacement(std::string const& remotePath);
+    // The object at `remotePath`, with every step of the walk up to the root
+    // confirmed (the last one always): what the node cache placed was moved
+    // or renamed outside the plug-in is forgotten and walked again, so that a
+    // delete acts on what the path names now.
     bool findConfirmedMeta(std::string const& remotePath, GoogleDrive::FileMeta& meta);
+    // The walk of findFileMetaByPath; on success also gives the path's
+    // components (the first one empty, for the root) and the step taken at each.
+    bool walkPath(bool cacheOnly, std::string const& path, GoogleDrive::FileMeta& meta,
+                  std::vector<std::string>* parts, std::vector<GoogleDrive::FileMeta>* steps);
+    // sendFile once its checks are done: overwrites the file at `remotePath`
+    // or uploads a new one into its parent folder, `meta` the stored object.
+    bool storeFileAt(std::string const& local, std::string const& remote,
+                     std::string const& remotePath, long size, ProgressHook progress,
+                     GoogleDrive::FileMeta& meta);
+    // createDir once its argument checks and the look at the path are done.
+    bool createMissingDir(std::string const& remotePath);
     // Reads the Drive object record a successful response carries; false
     // with error 1 (and the response logged) when it cannot be read.
     bool readResponseRecord(GoogleDrive::FileMeta& meta);
@@ -189,6 +227,11 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // removeFile and removeDirRecursive after their argument checks: missing is
     // success, an object of the other kind is refused.
     bool removeExisting(std::string const& remotePath, bool wantDir);
+    // After a listing of the relative `path` was tried (`listed`, giving an
+    // `empty` list or failing): true when the folder may have been replaced
+    // and its stale placement was dropped, so the listing is worth one more try.
+    bool placedFolderLooksGone(bool listed, bool empty, GoogleDrive::FileMeta const& folder,
+                               std::string const& path);
     // The folder a listing starts from, logged on failure.
     bool resolveListedFolder(std::string const& path, GoogleDrive::FileMeta& folder);
 
@@ -202,6 +245,9 @@ class TransferAgentGoogleDrive : public TransferAgent {
     GoogleDriveTA::FileMetaStore _node_cache;
     // (parent id, name) of creations that may have been applied unseen.
     std::set<std::pair<std::string, std::string>> _creations_in_doubt;
+    // Folders whose placement up to the root the service confirmed in this
+    // agent's life (listed, made or asked for): not asked again before a delete.
+    std::set<std::string> _confirmed_folders;
 };
 
 // Reads the access token (empty when missing) and the refresh token from the

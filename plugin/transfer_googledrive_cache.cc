@@ -71,8 +71,16 @@ TransferAgentGoogleDrive::NodeCheck TransferAgentGoogleDrive::checkNode(
     std::string id;
     if (!findNodeIdByPath(true, remotePath, id)) {
         if (!mustBeCached) return NodeCheck::Holds;
-        GD_LOG(LOG_ERR, "missing [%s] in cache", remotePath.c_str());
-        return NodeCheck::Mismatch;
+        // Absent from the cache and from the service alike is no disagreement
+        // (a target without the engine's layout).
+        GoogleDrive::FileMeta meta;
+        if (findFileMetaByPath(false, remotePath, meta)) {
+            GD_LOG(LOG_ERR, "missing [%s] in cache", remotePath.c_str());
+            return NodeCheck::Mismatch;
+        }
+        if (getError() == ERR_REMOTE_NOT_FOUND) return NodeCheck::Holds;
+        GD_LOG(LOG_ERR, "cannot check [%s], error[%d]", remotePath.c_str(), getError());
+        return NodeCheck::Unknown;
     }
     std::string parentId;
     if (!findNodeIdByPath(true, Path::dirname(remotePath), parentId)) {
@@ -115,6 +123,12 @@ bool TransferAgentGoogleDrive::checkCache() try {
     // The cache is dropped only on proof that it is wrong: dropping it on a
     // passing failure would also throw away what protects the walks against
     // the lag of Drive's name listings.
+    // Thawed on every way out, an exception included: a cache left frozen
+    // would stop learning for the rest of the agent's life.
+    struct Thaw {
+        TransferAgentGoogleDrive& agent;
+        ~Thaw() { agent.freezeNodeCache(false); }
+    } thaw{*this};
     freezeNodeCache(true);
     std::string container = getContainer();
     NodeCheck containerCheck = NodeCheck::Holds;

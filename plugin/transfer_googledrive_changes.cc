@@ -32,6 +32,14 @@ bool TransferAgentGoogleDrive::createDir(std::string const& path) try {
         return false;
     }
     std::string remotePath = getRemotePath(path, true);
+    if (createMissingDir(remotePath)) return true;
+    // A parent that the cache placed may have been replaced: once more.
+    return getError() == ERR_REMOTE_NOT_FOUND && droppedStalePlacement(remotePath) &&
+           createMissingDir(remotePath);
+}
+GD_CATCH_AT_EDGE("createDir")
+
+bool TransferAgentGoogleDrive::createMissingDir(std::string const& remotePath) {
     std::string parentPath = Path::dirname(remotePath);
     std::string parentId;
     // Missing parents are not created: the engine creates its tree top down.
@@ -49,7 +57,6 @@ bool TransferAgentGoogleDrive::createDir(std::string const& path) try {
     GD_LOG(LOG_DEBUG, "create dir [%s]: id=[%s]", remotePath.c_str(), meta.id.c_str());
     return true;
 }
-GD_CATCH_AT_EDGE("createDir")
 
 bool TransferAgentGoogleDrive::createContainer(std::string const& name) try {
     OperationTrace trace("createContainer", name);
@@ -77,33 +84,17 @@ bool TransferAgentGoogleDrive::createContainer(std::string const& name) try {
 }
 GD_CATCH_AT_EDGE("createContainer")
 
-bool TransferAgentGoogleDrive::findConfirmedMeta(std::string const& remotePath,
-                                                 GoogleDrive::FileMeta& meta) {
-    if (!findFileMetaByPath(false, remotePath, meta)) return false;
-    if (!meta.status.empty()) return true;  // just read from the service
-    // The cache remembers where an object was; something moved or renamed
-    // outside the plug-in must not be deleted in this path's name.
-    std::string parentId;
-    if (!findNodeIdByPath(false, Path::dirname(remotePath), parentId)) return false;
-    std::string id = meta.id;
-    GoogleDrive::FileMeta fresh;
-    if (getObjectMeta(id, fresh)) {
-        if (fresh.name == meta.name && fresh.parents.count(parentId) != 0) {
-            meta = fresh;
-            return true;
-        }
-    } else if (getError() != ERR_REMOTE_NOT_FOUND) {
-        return false;
-    }
-    GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) is no longer there, resolving again",
-           remotePath.c_str(), id.c_str());
-    _node_cache.remove(id);
-    return findFileMetaByPath(false, remotePath, meta);
-}
-
 bool TransferAgentGoogleDrive::removeExisting(std::string const& remotePath, bool wantDir) {
     GoogleDrive::FileMeta meta;
-    if (!findConfirmedMeta(remotePath, meta)) {
+    int const before = getError();
+    bool found = findConfirmedMeta(remotePath, meta);
+    // Nothing there may only mean that a folder on the way was replaced; the
+    // 2003 of that first look must not tell the engine "already gone".
+    if (!found && getError() == ERR_REMOTE_NOT_FOUND && droppedStalePlacement(remotePath)) {
+        setError(before);
+        found = findConfirmedMeta(remotePath, meta);
+    }
+    if (!found) {
         // Already gone is success; 2003 stays readable in the error state.
         if (getError() == ERR_REMOTE_NOT_FOUND) return true;
         GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(), getError());

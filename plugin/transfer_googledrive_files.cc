@@ -67,43 +67,13 @@ bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string co
     }
 
     std::string remotePath = getRemotePath(remote, true);
-    std::string parentPath = Path::dirname(remotePath);
-    std::string parentId;
-    if (!findNodeIdByPath(false, parentPath, parentId)) {
-        // A missing parent is the engine's to create; not worth an error line.
-        if (getError() != ERR_REMOTE_NOT_FOUND) {
-            GD_LOG(LOG_ERR, "failed to get parent [%s]'s id, error[%d]", parentPath.c_str(),
-                   getError());
-        }
-        return false;
-    }
-
-    std::string name = Path::basename(remotePath);
     GoogleDrive::FileMeta meta;
-    if (statMeta(remotePath, meta)) {
-        if (meta.isDir) {
-            GD_LOG(LOG_ERR, "[%s] exists, is dir.", remote.c_str());
-            setError(ERR_REMOTE_IS_DIR);
-            return false;
-        }
-        GD_LOG(LOG_DEBUG, "[%s] exists, is reaular file, to be overwrite", remote.c_str());
-        std::string id = meta.id;
-        if (!overwriteFile(id, local, st.st_size, progress, meta)) {
-            GD_LOG(LOG_ERR, "Failed to overwrite file [%s]->[%s], id=[%s], error[%d]",
-                   local.c_str(), remote.c_str(), id.c_str(), getError());
-            return false;
-        }
-    } else if (getError() == ERR_REMOTE_NOT_FOUND) {
-        GD_LOG(LOG_DEBUG, "[%s] not exists, to be upload", remote.c_str());
-        if (!uploadFile(name, parentId, local, st.st_size, progress, meta)) {
-            GD_LOG(LOG_ERR, "Failed to upload file [%s]->[%s], pid=[%s], name=[%s], error[%d]",
-                   local.c_str(), remotePath.c_str(), parentId.c_str(), name.c_str(), getError());
-            return false;
-        }
-    } else {
-        GD_LOG(LOG_ERR, "statMeta(%s) failed, error[%d]", remotePath.c_str(), getError());
-        return false;
+    bool stored = storeFileAt(local, remote, remotePath, st.st_size, progress, meta);
+    // A parent that the cache placed may have been replaced: once more.
+    if (!stored && getError() == ERR_REMOTE_NOT_FOUND && droppedStalePlacement(remotePath)) {
+        stored = storeFileAt(local, remote, remotePath, st.st_size, progress, meta);
     }
+    if (!stored) return false;
 
     if (!fileMetaToFileInfo(meta, info)) {
         GD_LOG(LOG_ERR, "Failed to convert file meta to file info. path=[%s]", remote.c_str());
@@ -116,6 +86,49 @@ bool TransferAgentGoogleDrive::sendFile(std::string const& local, std::string co
     return true;
 }
 GD_CATCH_AT_EDGE("sendFile")
+
+bool TransferAgentGoogleDrive::storeFileAt(std::string const& local, std::string const& remote,
+                                           std::string const& remotePath, long size,
+                                           ProgressHook progress, GoogleDrive::FileMeta& meta) {
+    std::string parentPath = Path::dirname(remotePath);
+    std::string parentId;
+    if (!findNodeIdByPath(false, parentPath, parentId)) {
+        // A missing parent is the engine's to create; not worth an error line.
+        if (getError() != ERR_REMOTE_NOT_FOUND) {
+            GD_LOG(LOG_ERR, "failed to get parent [%s]'s id, error[%d]", parentPath.c_str(),
+                   getError());
+        }
+        return false;
+    }
+
+    std::string name = Path::basename(remotePath);
+    if (statMeta(remotePath, meta)) {
+        if (meta.isDir) {
+            GD_LOG(LOG_ERR, "[%s] exists, is dir.", remote.c_str());
+            setError(ERR_REMOTE_IS_DIR);
+            return false;
+        }
+        GD_LOG(LOG_DEBUG, "[%s] exists, is reaular file, to be overwrite", remote.c_str());
+        std::string id = meta.id;
+        if (!overwriteFile(id, local, size, progress, meta)) {
+            GD_LOG(LOG_ERR, "Failed to overwrite file [%s]->[%s], id=[%s], error[%d]",
+                   local.c_str(), remote.c_str(), id.c_str(), getError());
+            return false;
+        }
+    } else if (getError() == ERR_REMOTE_NOT_FOUND) {
+        GD_LOG(LOG_DEBUG, "[%s] not exists, to be upload", remote.c_str());
+        if (!uploadFile(name, parentId, local, size, progress, meta)) {
+            GD_LOG(LOG_ERR, "Failed to upload file [%s]->[%s], pid=[%s], name=[%s], error[%d]",
+                   local.c_str(), remotePath.c_str(), parentId.c_str(), name.c_str(), getError());
+            return false;
+        }
+    } else {
+        GD_LOG(LOG_ERR, "statMeta(%s) failed, error[%d]", remotePath.c_str(), getError());
+        return false;
+    }
+
+    return true;
+}
 
 bool TransferAgentGoogleDrive::recvFile(std::string const& remote, std::string const& local) try {
     return recvFile(remote, local, ProgressHook());
@@ -149,7 +162,7 @@ bool TransferAgentGoogleDrive::recvFile(std::string const& remote, std::string c
 
     std::string remotePath = getRemotePath(remote, true);
     GoogleDrive::FileMeta meta;
-    if (!statMeta(remotePath, meta)) {
+    if (!statMetaConfirmingAbsence(remotePath, meta)) {
         if (getError() != ERR_REMOTE_NOT_FOUND) {
             GD_LOG(LOG_ERR, "statMeta(%s) error[%d]", remotePath.c_str(), getError());
         }

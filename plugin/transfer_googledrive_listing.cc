@@ -64,6 +64,13 @@ bool TransferAgentGoogleDrive::listChildrenRecursive(std::string const& rpath,
         GD_LOG(LOG_ERR, "listChildrenMeta() failed, error[%d]", getError());
         return false;
     }
+    return visitChildren(rpath, parent, children, callback, arg);
+}
+
+bool TransferAgentGoogleDrive::visitChildren(std::string const& rpath,
+                                             GoogleDrive::FileMeta const& parent,
+                                             std::list<GoogleDrive::FileMeta> const& children,
+                                             ListHook callback, void* arg) {
     for (auto const& child : children) {
         FileInfo info(Path::join(rpath, child.name));
         if (!fileMetaToFileInfo(child, info)) {
@@ -107,10 +114,22 @@ bool TransferAgentGoogleDrive::listDir(std::string const& path, std::list<FileIn
         return false;
     }
     GoogleDrive::FileMeta folder;
-    if (!resolveListedFolder(path, folder)) return false;
-    return listChildrenInfo(folder, list);
+    bool listed = resolveListedFolder(path, folder) && listChildrenInfo(folder, list);
+    if (placedFolderLooksGone(listed, list.empty(), folder, path)) {
+        listed = resolveListedFolder(path, folder) && listChildrenInfo(folder, list);
+    }
+    return listed;
 }
 GD_CATCH_AT_EDGE("listDir")
+
+bool TransferAgentGoogleDrive::placedFolderLooksGone(bool listed, bool empty,
+                                                     GoogleDrive::FileMeta const& folder,
+                                                     std::string const& path) {
+    // Drive lists nothing, without an error, below a folder id that no longer
+    // exists: an empty listing of a folder the cache placed proves nothing.
+    bool suspect = listed ? empty && folder.status.empty() : getError() == ERR_REMOTE_NOT_FOUND;
+    return suspect && droppedStalePlacement(getRemotePath(path, true));
+}
 
 bool TransferAgentGoogleDrive::listDirRecursive(std::string const& path, ListHook hook,
                                                 void* arg) try {
@@ -120,8 +139,12 @@ bool TransferAgentGoogleDrive::listDirRecursive(std::string const& path, ListHoo
         return false;
     }
     GoogleDrive::FileMeta folder;
-    if (!resolveListedFolder(path, folder)) return false;
-    return listChildrenRecursive("", folder, hook, arg);
+    std::list<GoogleDrive::FileMeta> children;
+    bool listed = resolveListedFolder(path, folder) && listChildrenMeta(folder, children);
+    if (placedFolderLooksGone(listed, children.empty(), folder, path)) {
+        listed = resolveListedFolder(path, folder) && listChildrenMeta(folder, children);
+    }
+    return listed && visitChildren("", folder, children, hook, arg);
 }
 GD_CATCH_AT_EDGE("listDirRecursive")
 

@@ -1,5 +1,4 @@
-// How Drive reads names: inside the quotes of a query, and when it compares
-// two of them. Shared by the requests and the path resolution.
+// How Drive reads names inside the quotes of a query.
 #pragma once
 
 #include <string>
@@ -18,15 +17,6 @@ inline std::string escapeQueryLiteral(std::string const& value) {
         escaped += c;
     }
     return escaped;
-}
-
-// The key under which Drive takes two names for one: it compares them without
-// case. Folding ASCII letters covers the names a backup writes.
-inline std::string foldName(std::string name) {
-    for (char& c : name) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return name;
 }
 
 }  // namespace Backup

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <set>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "backup/error.h"
@@ -19,6 +20,20 @@ namespace TAVO {
 namespace Backup {
 namespace {
 char const kLogSource[] = "transfer_googledrive";
+
+// A page repeated under a new token, or pages that overlap, list one object
+// twice; taken for two objects, it would be judged a copy of itself. Keeps
+// the first listing of each id.
+void dropRepeatedIds(std::list<GoogleDrive::FileMeta>& list) {
+    if (list.size() < 2) return;
+    std::vector<std::string_view> ids;
+    ids.reserve(list.size());
+    for (auto const& meta : list) ids.push_back(meta.id);
+    std::sort(ids.begin(), ids.end());
+    if (std::adjacent_find(ids.begin(), ids.end()) == ids.end()) return;
+    std::unordered_set<std::string> seen;
+    list.remove_if([&seen](GoogleDrive::FileMeta const& m) { return !seen.insert(m.id).second; });
+}
 }  // namespace
 
 // The opening every request shares: a drive agent, the node cache, and (for
@@ -112,12 +127,15 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
             return googledriveConverTransferResponse(false, _response, true, "listObjects",
                                                      __LINE__);
         }
-        if (!read && !readListingAnswer(page)) return false;
-        pageToken = page.nextPageToken;
+        bool pageRead = read || readListingAnswer(page);
+        // On a bad object the ones before it stay in the list, as on earlier pages.
         for (auto& meta : page.objects) list.push_back(std::move(meta));
+        if (!pageRead) return false;
+        pageToken = page.nextPageToken;
     } while (!pageToken.empty());
 
-    if (_update_node_cache) learnListing(pid, name, list);
+    dropRepeatedIds(list);
+    if (_update_node_cache) learnListing(pid, list);
     return true;
 }
 
@@ -145,23 +163,20 @@ bool TransferAgentGoogleDrive::readListingAnswer(GoogleDrive::ListingPage& page)
     return true;
 }
 
-void TransferAgentGoogleDrive::learnListing(std::string const& pid, std::string const& name,
+void TransferAgentGoogleDrive::learnListing(std::string const& pid,
                                             std::list<GoogleDrive::FileMeta> const& list) {
     // Objects of a name Drive holds more than once in this folder stay out of
     // the index, and an entry learned before is dropped: a later walk must ask
     // the service and be refused again, not pick one of them from the cache.
-    // Every object of a name lookup matches that name as Drive compares names.
-    bool allClash = !name.empty() && list.size() > 1;
-    if (allClash) _node_cache.remove(pid, name);
-    // Folded names sorted, so that the spellings of one name sit side by side.
-    std::vector<std::pair<std::string, size_t>> folded;
-    folded.reserve(list.size());
-    for (auto const& meta : list) folded.emplace_back(foldName(meta.name), folded.size());
-    std::sort(folded.begin(), folded.end());
-    std::vector<bool> clashes(list.size(), allClash);
-    for (size_t i = 1; i < folded.size(); ++i) {
-        if (folded[i].first != folded[i - 1].first) continue;
-        clashes[folded[i].second] = clashes[folded[i - 1].second] = true;
+    // Names are compared byte for byte: "A" and "a" are two files.
+    std::vector<std::pair<std::string_view, size_t>> names;
+    names.reserve(list.size());
+    for (auto const& meta : list) names.emplace_back(meta.name, names.size());
+    std::sort(names.begin(), names.end());
+    std::vector<bool> clashes(list.size(), false);
+    for (size_t i = 1; i < names.size(); ++i) {
+        if (names[i].first != names[i - 1].first) continue;
+        clashes[names[i].second] = clashes[names[i - 1].second] = true;
     }
     size_t position = 0;
     for (auto const& meta : list) {
@@ -177,24 +192,6 @@ void TransferAgentGoogleDrive::noteLostCreation(std::string const& pid, std::str
     // A closed channel means the answer never came: the service may have
     // made the object all the same.
     if (!_client.isConnected()) _creations_in_doubt.insert({pid, name});
-}
-
-bool TransferAgentGoogleDrive::folderHasChildren(std::string const& id, bool& hasChildren) {
-    GD_LOG(LOG_DEBUG, "@folderHasChildren: id=[%s]", id.c_str());
-    GD_OPEN_REQUEST(false, false);
-
-    Json::Value request;
-    request["fn"] = "listObjects";
-    request["queryFilter"] = "('" + escapeQueryLiteral(id) + "' in parents)";
-    if (!_client.send(request, _response)) {
-        return googledriveConverTransferResponse(false, _response, true, "listObjects", __LINE__);
-    }
-    // An empty first page that promises more counts as content: only a folder
-    // known to be empty may be taken for a copy.
-    Json::Value const& answer = _response;
-    Json::Value const& objects = answer["objects"];
-    hasChildren = (objects.isArray() && !objects.empty()) || _response.isMember("nextPageToken");
-    return true;
 }
 
 bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string const& pid,
@@ -233,6 +230,7 @@ bool TransferAgentGoogleDrive::removeObject(std::string const& id) {
     // What the cache knows below a deleted folder went with it; left in, it
     // would make the cache file grow with every deleted backup version.
     if (_update_node_cache) _node_cache.removeTree(id);
+    _confirmed_folders.erase(id);
     return true;
 }
 

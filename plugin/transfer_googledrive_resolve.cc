@@ -49,6 +49,10 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
                name.c_str(), getError());
         return false;
     }
+    // Drive's name filter ignores case; the engine's file system does not, so
+    // "A" beside "a" is another file, never this one.
+    auto otherName = [&name](GoogleDrive::FileMeta const& m) { return m.name != name; };
+    found.remove_if(otherName);
     if (found.empty() && _creations_in_doubt.count({pid, name}) != 0) {
         // A creation of this name lost its answer: name listings lag behind
         // writes, a listing of the whole folder does not.
@@ -58,8 +62,7 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
             return false;
         }
         _creations_in_doubt.erase({pid, name});
-        std::string folded = foldName(name);
-        found.remove_if([&](GoogleDrive::FileMeta const& m) { return foldName(m.name) != folded; });
+        found.remove_if(otherName);
     }
     if (found.empty()) {
         GD_LOG(LOG_DEBUG, "not found, pid=%s, name=%s", pid.c_str(), name.c_str());
@@ -67,7 +70,14 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
         return false;
     }
     if (found.size() > 1) {
-        if (settleDuplicates(name, found, meta)) return true;
+        switch (settleDuplicates(pid, name, found, meta)) {
+            case Settled::Kept:
+                return true;
+            case Settled::Stopped:
+                return false;
+            case Settled::Refused:
+                break;
+        }
         // No tie-break: picking one of two different objects could overwrite
         // or restore the wrong file.
         GD_LOG(LOG_ERR, "list more than one children with the same name, pid=%s,name=%s",
@@ -79,56 +89,63 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
     return true;
 }
 
-bool TransferAgentGoogleDrive::settleDuplicates(std::string const& name,
-                                                std::list<GoogleDrive::FileMeta> const& found,
-                                                GoogleDrive::FileMeta& kept) {
-    // A retried upload or folder creation whose first answer was lost leaves
-    // such copies behind; without this the name could never be resolved again.
+TransferAgentGoogleDrive::Settled TransferAgentGoogleDrive::settleDuplicates(
+    std::string const& pid, std::string const& name, std::list<GoogleDrive::FileMeta> const& found,
+    GoogleDrive::FileMeta& kept) {
+    // A retried upload whose first answer was lost leaves such copies behind;
+    // without this the name could never be resolved again. Only files are
+    // settled: whether a folder is empty cannot be proved against lagging
+    // listings, and deleting one deletes all it holds.
     auto const& first = found.front();
-    bool files = std::none_of(found.begin(), found.end(), [](auto const& m) { return m.isDir; });
-    bool folders = std::all_of(found.begin(), found.end(), [](auto const& m) { return m.isDir; });
+    for (auto const& meta : found) {
+        if (meta.isDir || meta.md5Checksum.empty() || meta.md5Checksum != first.md5Checksum ||
+            meta.size != first.size) {
+            return Settled::Refused;
+        }
+    }
+    // A copy that also lives in another folder is kept: deleting it would
+    // take it from there too.
+    auto elsewhere = [&pid](GoogleDrive::FileMeta const& m) {
+        return m.parents.size() != 1 || m.parents.count(pid) == 0;
+    };
     auto older = [](GoogleDrive::FileMeta const& a, GoogleDrive::FileMeta const& b) {
         return a.lastModified != b.lastModified ? a.lastModified < b.lastModified : a.id < b.id;
     };
     GoogleDrive::FileMeta const* keep = nullptr;
-    if (files) {
-        for (auto const& meta : found) {
-            if (meta.md5Checksum.empty() || meta.md5Checksum != first.md5Checksum ||
-                meta.size != first.size) {
-                return false;
-            }
-        }
-        keep = &*std::min_element(found.begin(), found.end(), older);
-    } else if (folders) {
-        GoogleDrive::FileMeta const* filled = nullptr;
-        for (auto const& meta : found) {
-            bool hasChildren = false;
-            if (!folderHasChildren(meta.id, hasChildren)) return false;
-            if (!hasChildren) continue;
-            if (filled != nullptr) return false;  // two folders with content: no copy of the other
-            filled = &meta;
-        }
-        keep = filled != nullptr ? filled : &*std::min_element(found.begin(), found.end(), older);
-    } else {
-        return false;
+    for (auto const& meta : found) {
+        if (!elsewhere(meta)) continue;
+        if (keep != nullptr) return Settled::Refused;
+        keep = &meta;
     }
+    if (keep == nullptr) keep = &*std::min_element(found.begin(), found.end(), older);
+
+    // A removal that fails leaves a copy that does no harm (the next lookup
+    // settles it) and no code behind once the lookup has succeeded.
+    int const before = getError();
     for (auto const& meta : found) {
         if (&meta == keep) continue;
         GD_LOG(LOG_WARNING, "removing duplicate [%s] id=[%s], keeping id=[%s]", name.c_str(),
                meta.id.c_str(), keep->id.c_str());
-        if (!removeObject(meta.id)) {
-            // The copy that stays does no harm: the next lookup settles it.
-            GD_LOG(LOG_ERR, "removing duplicate id=[%s] failed, error[%d]", meta.id.c_str(),
-                   getError());
-        }
+        if (removeObject(meta.id)) continue;
+        if (getError() == ERR_CANCELED) return Settled::Stopped;
+        GD_LOG(LOG_ERR, "removing duplicate id=[%s] failed, error[%d]", meta.id.c_str(),
+               getError());
     }
+    setError(before);
     kept = *keep;
     if (_update_node_cache) _node_cache.insert(kept);
-    return true;
+    return Settled::Kept;
 }
 
 bool TransferAgentGoogleDrive::findFileMetaByPath(bool cacheOnly, std::string const& path,
                                                   GoogleDrive::FileMeta& meta) {
+    return walkPath(cacheOnly, path, meta, nullptr, nullptr);
+}
+
+bool TransferAgentGoogleDrive::walkPath(bool cacheOnly, std::string const& path,
+                                        GoogleDrive::FileMeta& meta,
+                                        std::vector<std::string>* partsTaken,
+                                        std::vector<GoogleDrive::FileMeta>* steps) {
     GD_LOG(LOG_DEBUG, "@findFileMetaByPath(%s)", path.c_str());
     std::vector<std::string> parts;
     if (!Path::split(path, parts)) {
@@ -144,6 +161,7 @@ bool TransferAgentGoogleDrive::findFileMetaByPath(bool cacheOnly, std::string co
     // The first component stands for the root, whatever it holds.
     parts[0].clear();
 
+    if (steps != nullptr) steps->clear();
     std::string parent;
     GoogleDrive::FileMeta step;
     for (auto const& component : parts) {
@@ -153,8 +171,10 @@ bool TransferAgentGoogleDrive::findFileMetaByPath(bool cacheOnly, std::string co
             return false;
         }
         parent = step.id;
+        if (steps != nullptr) steps->push_back(step);
     }
     meta = step;
+    if (partsTaken != nullptr) *partsTaken = std::move(parts);
     return true;
 }
 
@@ -186,6 +206,14 @@ bool TransferAgentGoogleDrive::statMeta(std::string const& path, GoogleDrive::Fi
     return true;
 }
 
+bool TransferAgentGoogleDrive::statMetaConfirmingAbsence(std::string const& path,
+                                                         GoogleDrive::FileMeta& meta) {
+    if (statMeta(path, meta)) return true;
+    // Nothing under a folder the cache placed may mean a replaced folder.
+    return getError() == ERR_REMOTE_NOT_FOUND && droppedStalePlacement(path) &&
+           statMeta(path, meta);
+}
+
 bool TransferAgentGoogleDrive::statInfo(std::string const& rpath, FileInfo& info) {
     if (getContainer().empty() || !isValidRelativePath(rpath, false)) {
         setError(ERR_BAD_ARGUMENT);
@@ -193,7 +221,7 @@ bool TransferAgentGoogleDrive::statInfo(std::string const& rpath, FileInfo& info
     }
     std::string remotePath = getRemotePath(rpath, true);
     GoogleDrive::FileMeta meta;
-    if (!statMeta(remotePath, meta)) {
+    if (!statMetaConfirmingAbsence(remotePath, meta)) {
         GD_LOG(LOG_DEBUG, "statMeta(%s) failed, error[%d]", remotePath.c_str(), getError());
         return false;
     }

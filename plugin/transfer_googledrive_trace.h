@@ -6,6 +6,7 @@
 
 #include <sys/time.h>
 
+#include <exception>
 #include <string>
 
 #include "backup/error.h"
@@ -19,7 +20,7 @@ class OperationTrace {
     // `name` must outlive the trace (a string literal). The argument texts are
     // copied only when debugging is on.
     OperationTrace(char const* name, std::string const& first, std::string const& second = "")
-        : _name(name), _on(TransferAgent::isDebug()) {
+        : _name(name), _on(TransferAgent::isDebug()), _exceptions(std::uncaught_exceptions()) {
         if (!_on) return;
         _first = first;
         _second = second;
@@ -30,8 +31,11 @@ class OperationTrace {
     ~OperationTrace() {
         if (!_on || !TransferAgent::isDebug()) return;
         double elapsed = (nowMicros() - _start_us) / 1000000.0;
+        // Left by an exception, the operation is about to fail with 1 at the
+        // edge, after this line: say so rather than the code from before.
+        int code = std::uncaught_exceptions() > _exceptions ? ERR_GENERAL : getError();
         TransferAgent::debug("%lf %s(%s%s%s) [%d]", elapsed, _name, _first.c_str(),
-                             _second.empty() ? "" : ", ", _second.c_str(), getError());
+                             _second.empty() ? "" : ", ", _second.c_str(), code);
     }
 
     OperationTrace(OperationTrace const&) = delete;
@@ -46,6 +50,7 @@ class OperationTrace {
 
     char const* _name;
     bool _on;
+    int _exceptions;
     std::string _first;
     std::string _second;
     long long _start_us = 0;

@@ -67,6 +67,7 @@ bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& r
     int resends = 0;
     // Kept across re-sends: the engine only ever sees the position grow.
     long lastReported = 0;
+    bool oddProgressLogged = false;
     OutstandingRequest outstanding(_client);
 
     while (true) {
@@ -99,6 +100,11 @@ bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& r
                                                          "sendRequestAndUpdateProgress", __LINE__);
             }
             Json::Value const& reported = _response.get("progress", 0);
+            if (!reported.isNumeric() && !oddProgressLogged) {
+                GD_LOG(LOG_WARNING, "progress is not a number, taken as 0: [%s]",
+                       TAVO::JsonText::toString(reported).c_str());
+                oddProgressLogged = true;
+            }
             double const fraction = reported.isNumeric() ? reported.asDouble() : 0;
             if (!progress.empty()) {
                 long position =
@@ -162,7 +168,14 @@ bool TransferAgentGoogleDrive::uploadFile(std::string const& name, std::string c
     request["name"] = name;
     request["parentId"] = parentId;
     request["inputPath"] = localPath;
-    if (storeContent(request, fileSize, progress, meta)) return true;
+    try {
+        if (storeContent(request, fileSize, progress, meta)) return true;
+    } catch (...) {
+        // The engine's progress callback threw while the agent was storing:
+        // the agent is abandoned and the file may be there all the same.
+        noteLostCreation(parentId, name);
+        throw;
+    }
     noteLostCreation(parentId, name);
     return false;
 }

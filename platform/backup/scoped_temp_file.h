@@ -8,10 +8,11 @@ namespace TAVO {
 namespace Backup {
 
 class ScopedTempFile {
-public:
+  public:
     // Creates an empty file, mode 0600, in the target's folder. With `hidden`
     // its name starts with a dot (".<name>.tmp.XXXXXX") so that listings of
-    // the folder pass over it. On failure isValid() is false and errno tells why.
+    // the folder pass over it; <name> is cut short when the whole would pass
+    // NAME_MAX. On failure isValid() is false and errno tells why.
     ScopedTempFile(std::string const& target, bool hidden);
     // Removes the temporary file unless it was renamed onto a target.
     ~ScopedTempFile();
@@ -26,7 +27,7 @@ public:
     // by the destructor.
     bool rename(std::string const& target);
 
-private:
+  private:
     std::string _path;
 };
 

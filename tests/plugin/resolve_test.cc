@@ -59,13 +59,33 @@ TEST_F(ResolveTest, CacheOnlyWalkNeverAsks) {
     EXPECT_TRUE(id.empty());
 }
 
-// Drive compares names without case: "B" beside "b" makes the path ambiguous.
-TEST_F(ResolveTest, NamesThatDifferOnlyInCaseAreDuplicates) {
-    drive->put(aId, "B", "x");
-    FileInfo info;
-    EXPECT_FALSE(agent->stat("a/b", info));
-    EXPECT_EQ(1, getError());
-    EXPECT_TRUE(TestSupport::syslogHas("list more than one children with the same name", LOG_ERR));
+// Drive's name filter ignores case; the engine's file system does not: "F"
+// beside "f" is another file, in the index, the walks and the uploads alike.
+TEST_F(ResolveTest, NamesThatDifferOnlyInCaseAreDifferentFiles) {
+    std::string upperId = drive->put(aId, "F", "upper");
+    std::string upperDir = drive->mkdir(aId, "D");
+    ASSERT_TRUE(agent->sendFile(writeLocal("l", "lower"), "a/f")) << getError();
+    ASSERT_TRUE(agent->createDir("a/d")) << getError();
+    ASSERT_TRUE(agent->sendFile(writeLocal("l", "in d"), "a/d/x")) << getError();
+    ASSERT_EQ(2u, drive->lookup(aId, "f").size());
+    EXPECT_EQ("upper", drive->content(upperId));
+    EXPECT_TRUE(drive->children(upperDir).empty());
+    std::list<FileInfo> list;
+    ASSERT_TRUE(agent->listDir("a", list));  // the index learns every spelling
+    for (bool cacheOnly : {true, false}) {
+        SCOPED_TRACE(cacheOnly);
+        std::string id;
+        ASSERT_TRUE(agent->findNodeIdByPath(cacheOnly, "/C/T/a/F", id));
+        EXPECT_EQ(upperId, id);
+        ASSERT_TRUE(agent->findNodeIdByPath(cacheOnly, "/C/T/a/D", id));
+        EXPECT_EQ(upperDir, id);
+        recreateAgent();
+    }
+    ASSERT_TRUE(agent->recvFile("a/f", localPath("down"))) << getError();
+    EXPECT_EQ("lower", readFile(localPath("down")));
+    ASSERT_TRUE(agent->removeFile("a/F"));
+    EXPECT_FALSE(drive->exists(upperId));
+    EXPECT_EQ(1u, drive->lookup(aId, "f").size());
 }
 
 TEST_F(ResolveTest, TrashedOrDeletedObjectIsAbsentAndLeavesTheCache) {

@@ -2,13 +2,16 @@
 // longer matches the account, passing failures, names Drive holds twice, and
 // names that need escaping in a query.
 #include <syslog.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <functional>
 
 #include "backup/error.h"
+#include "backup/json_text.h"
 #include "emulated_drive.h"
 #include "support/syslog_capture.h"
+#include "wire_format.h"
 
 using namespace TAVO::Backup;
 using DriveEmulator::Fault;
@@ -22,6 +25,7 @@ class RobustnessTest : public EmulatedDriveTest {
         return static_cast<int64_t>(drive->lookup(parent, name).size());
     }
     bool canceled = false;
+    FileInfo info_;
 };
 
 // A transfer canceled after its first progress line must take the drive
@@ -217,27 +221,134 @@ TEST_F(RobustnessTest, CopiesLeftByLostAnswersAreSettledByTheNextLookup) {
     EXPECT_FALSE(agent->sendFile(local, "f"));
     recreateAgent();
     EXPECT_TRUE(agent->sendFile(local, "f")) << getError();
-    loseNextAnswer("createFolder");
-    EXPECT_FALSE(agent->createDir("d"));
-    recreateAgent();
-    EXPECT_TRUE(agent->createDir("d")) << getError();
     ASSERT_EQ(2, objectsNamed(targetId, "f"));
-    auto folders = drive->lookup(targetId, "d");
-    ASSERT_EQ(2u, folders.size());
-    drive->put(folders[1].id, "inside", "x");  // the newer one is in use
 
     recreateAgent();  // nothing flushed: the walks ask the service
     drive->clearRequestLog();
     TestSupport::clearSyslog();
+    drive->addFault(Fault::fail("deleteObject", 400));
+    setError(0);
     FileInfo info;
     ASSERT_TRUE(agent->stat("f", info)) << getError();
-    ASSERT_TRUE(agent->stat("d/inside", info)) << getError();
+    EXPECT_EQ(0, getError()) << "a failed removal leaves no code behind a success";
+    recreateAgent();
+    ASSERT_TRUE(agent->stat("f", info)) << getError();
     EXPECT_EQ(1, objectsNamed(targetId, "f"));
-    ASSERT_EQ(1, objectsNamed(targetId, "d"));
-    EXPECT_EQ(folders[1].id, drive->lookup(targetId, "d")[0].id);
     EXPECT_EQ(2, requests("deleteObject"));
-    EXPECT_EQ(2u, TestSupport::syslogLinesContaining("removing duplicate").size());
     EXPECT_TRUE(TestSupport::syslogHas("removing duplicate [f]", LOG_WARNING));
+}
+
+// Only copies placed in the folder alone and listed once are deleted:
+// anything else could take the one copy a user has.
+TEST_F(RobustnessTest, SettlingNeverDeletesTheOnlyOrAnotherFoldersCopy) {
+    std::string otherId = drive->mkdir(targetId, "other");
+    std::string sharedId = drive->put(targetId, "shared", "same");
+    drive->duplicate(sharedId);
+    drive->addParent(sharedId, otherId);
+    std::string onceId = drive->put(targetId, "once", "one");
+    ASSERT_TRUE(agent->stat("other", info_));
+    Json::Value page;
+    page["success"] = true;
+    for (int i = 0; i < 2; ++i)
+        page["objects"].append(DriveEmulator::objectRecord(drive->stat(onceId)));
+    drive->addFault(Fault::garbage("listObjects", TAVO::JsonText::toString(page)));
+    FileInfo info;
+    ASSERT_TRUE(agent->stat("once", info)) << getError();
+    EXPECT_TRUE(drive->exists(onceId));
+    ASSERT_TRUE(agent->stat("shared", info)) << getError();
+    EXPECT_TRUE(drive->exists(sharedId)) << "kept: it also lives in another folder";
+    EXPECT_EQ(1, objectsNamed(targetId, "shared"));
+
+    // Folders are never settled: their emptiness cannot be proved.
+    for (int i = 0; i < 2; ++i) drive->mkdir(targetId, "d");
+    EXPECT_FALSE(agent->stat("d", info));
+    EXPECT_EQ(1, getError());
+    EXPECT_EQ(2, objectsNamed(targetId, "d"));
+    EXPECT_EQ(1, requests("deleteObject"));
+}
+
+// Another client deleted a folder the cache knows and made a new one of the
+// same name: every operation finds the new one, at the first try.
+TEST_F(RobustnessTest, AFolderReplacedElsewhereIsFoundAgain) {
+    std::string local = writeLocal("up", "data");
+    struct Case {
+        char const* what;
+        std::function<bool()> run;
+        std::function<void(std::string const&)> check;
+    } const cases[] = {
+        {"sendFile", [&] { return agent->sendFile(local, "a/new"); },
+         [&](auto const& a) { EXPECT_EQ(1, objectsNamed(a, "new")); }},
+        {"createDir", [&] { return agent->createDir("a/sub"); },
+         [&](auto const& a) { EXPECT_EQ(1, objectsNamed(a, "sub")); }},
+        {"stat",
+         [&] {
+             FileInfo info;
+             return agent->stat("a/f", info);
+         },
+         nullptr},
+        {"recvFile", [&] { return agent->recvFile("a/f", localPath("down")); }, nullptr},
+        {"listDir",
+         [&] {
+             std::list<FileInfo> list;
+             return agent->listDir("a", list) && list.size() == 1;
+         },
+         nullptr},
+        {"listDirRecursive",
+         [&] {
+             int seen = 0;
+             return agent->listDirRecursive(
+                        "a", [&](FileInfo const&, void*) { return ++seen; }, nullptr) &&
+                    seen == 1;
+         },
+         nullptr},
+        {"removeFile",
+         [&] {
+             setError(0);
+             return agent->removeFile("a/f") && getError() != 2003;
+         },
+         [&](auto const& a) { EXPECT_EQ(0, objectsNamed(a, "f")); }},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::string oldId = drive->mkdir(targetId, "a");
+        ASSERT_TRUE(agent->stat("a", info_)) << getError();  // the cache learns it
+        drive->remove(oldId);
+        std::string newId = drive->mkdir(targetId, "a");
+        drive->put(newId, "f", "data");
+        EXPECT_TRUE(c.run()) << getError();
+        if (c.check) c.check(newId);
+        drive->remove(newId);
+    }
+}
+
+// A folder moved out of the target keeps its id: a delete through a cached
+// path must not reach into it.
+TEST_F(RobustnessTest, DeleteConfirmsThePlacementUpToTheTarget) {
+    std::string aId = drive->mkdir(targetId, "a");
+    std::string bId = drive->mkdir(aId, "b");
+    std::string fileId = drive->put(bId, "f", "data");
+    std::string dirId = drive->mkdir(bId, "d");
+    ASSERT_TRUE(agent->stat("a/b/f", info_));
+    ASSERT_TRUE(agent->stat("a/b/d", info_));
+    drive->move(aId, containerId);
+    EXPECT_TRUE(agent->removeFile("a/b/f"));
+    EXPECT_TRUE(agent->removeDirRecursive("a/b/d"));
+    EXPECT_EQ(2003, getError());
+    EXPECT_TRUE(drive->exists(fileId));
+    EXPECT_TRUE(drive->exists(dirId));
+
+    // Confirmed once, a folder is not asked again: a rotation deletes many
+    // files in a few folders.
+    drive->move(aId, targetId);
+    for (char const* name : {"1", "2", "3"}) drive->put(bId, name, name);
+    recreateAgent();
+    std::list<FileInfo> list;
+    ASSERT_TRUE(agent->listDir("a/b", list));
+    ASSERT_TRUE(agent->removeFile("a/b/1"));
+    drive->clearRequestLog();
+    ASSERT_TRUE(agent->removeFile("a/b/2"));
+    EXPECT_EQ(1, requests("getObjectMeta"));
+    EXPECT_EQ(1, requests("deleteObject"));
 }
 
 TEST_F(RobustnessTest, CopiesThatMayDifferAreRefusedEveryTime) {
@@ -286,13 +397,18 @@ TEST_F(RobustnessTest, IllTypedAnswersFailTheOperationNotTheEngine) {
              return agent->getAccountInfo(info);
          }},
     };
+    std::string traced;
+    TransferAgent::setDebugSink([&](std::string const& line) { traced = line; });
     for (auto const& c : cases) {
         SCOPED_TRACE(c.fn);
         recreateAgent();  // an empty cache: every lookup asks the service
         drive->addFault(Fault::garbage(c.fn, c.answer));
         TestSupport::clearSyslog();
+        TransferAgent::setDebug(true);
         EXPECT_FALSE(c.run());
+        TransferAgent::setDebug(false);
         EXPECT_EQ(1, getError());
+        EXPECT_EQ("[1]", traced.substr(traced.size() - 3)) << traced;
         EXPECT_TRUE(TestSupport::syslogHas("unexpected exception", LOG_ERR) ||
                     TestSupport::syslogHas("setFileMeta failed", LOG_ERR));
         FileInfo info;
@@ -303,4 +419,66 @@ TEST_F(RobustnessTest, IllTypedAnswersFailTheOperationNotTheEngine) {
     EXPECT_EQ(0, countTempFilesBeside(local));
     ASSERT_TRUE(agent->flushCache());
     EXPECT_FALSE(cacheFileHasEmptyId());
+}
+
+// An exception inside the check must not leave the cache frozen, and a
+// target without the engine's layout is no reason to drop it.
+TEST_F(RobustnessTest, CheckCacheKeepsLearningAndKeepsAPlainTarget) {
+    std::list<FileInfo> list;
+    ASSERT_TRUE(agent->listDir("", list));
+    ASSERT_TRUE(agent->flushCache());
+    std::string saved = readFile(cacheFile());
+    EXPECT_TRUE(agent->checkCache());
+    EXPECT_EQ(saved, readFile(cacheFile()));
+
+    drive->addFault(Fault::garbage("getObjectMeta", R"({"success":true,"id":"x","name":[1]})"));
+    EXPECT_FALSE(agent->checkCache());
+    std::string fileId = drive->put(targetId, "later", "data");
+    ASSERT_TRUE(agent->stat("later", info_)) << getError();
+    ASSERT_TRUE(agent->flushCache());
+    EXPECT_NE(std::string::npos, readFile(cacheFile()).find(fileId)) << "the cache still learns";
+}
+
+// The engine's progress callback throws while the agent stores a new file:
+// the file may exist all the same, so the retry must not make a second one.
+TEST_F(RobustnessTest, AThrowingProgressCallbackIsALostAnswer) {
+    std::string local = writeLocal("up", std::string(3000, 'x'));
+    drive->addFault(Fault::progress("uploadFile", {0.5}));
+    drive->addFault(Fault::listingLag(1, "uploadFile"));
+    auto thrower = [this](long) -> bool {
+        // Thrown once the agent has stored the file, before its answer is read.
+        for (int i = 0; i < 1000 && objectsNamed(targetId, "f") == 0; ++i) usleep(2000);
+        throw std::runtime_error("engine callback");
+    };
+    EXPECT_FALSE(agent->sendFile(local, "f", thrower));
+    EXPECT_TRUE(agent->sendFile(local, "f")) << getError();
+    EXPECT_EQ(1, objectsNamed(targetId, "f"));
+}
+
+// Any name the local file system takes can be fetched, up to 255 bytes.
+TEST_F(RobustnessTest, LongestNamesAreRestored) {
+    std::string const multibyte = "\xc3\xa9";  // two bytes each
+    for (std::string name :
+         {std::string(255, 'n'), std::string(242, 'm') + multibyte + "xyzzyxyzzyx"}) {
+        SCOPED_TRACE(name.size());
+        ASSERT_TRUE(agent->sendFile(writeLocal("up", "long"), name)) << getError();
+        ASSERT_TRUE(agent->recvFile(name, localPath(name))) << getError();
+        EXPECT_EQ("long", readFile(localPath(name)));
+        EXPECT_EQ(0, countTempFilesBeside(localPath(name)));
+    }
+}
+
+// A bad object in a page fails the listing; what came before it is kept.
+TEST_F(RobustnessTest, ATrashedObjectEndsTheListingAfterTheOnesBefore) {
+    std::string goodId = drive->put(targetId, "good", "g");
+    std::string trashedId = drive->put(targetId, "trashed", "t");
+    drive->trash(trashedId);
+    auto settings = drive->settings();
+    settings.listTrashed = true;
+    drive->setSettings(settings);
+    std::list<GoogleDrive::FileMeta> list;
+    EXPECT_FALSE(agent->listObjects(targetId, "", list));
+    EXPECT_EQ(2003, getError());
+    ASSERT_EQ(1u, list.size());
+    EXPECT_EQ(goodId, list.front().id);
 }

@@ -1,0 +1,101 @@
+// Placements the node cache remembers, confirmed with the service before they
+// are acted on: another client may have deleted, re-created, renamed or moved
+// a folder since the cache learned it. A delete confirms the whole chain up to
+// the root; an operation that found nothing confirms the folders on its way,
+// and is tried once more when one of them no longer held.
+#include <vector>
+
+#include "backup/error.h"
+#include "backup/path.h"
+#include "plugin_log.h"
+#include "transfer_googledrive.h"
+
+namespace TAVO {
+namespace Backup {
+namespace {
+char const kLogSource[] = "transfer_googledrive";
+// More re-walks than a path has levels cannot happen: each drops one record.
+size_t const kMaxRewalks = 64;
+}  // namespace
+
+TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmSteps(
+    std::string const& remotePath, std::vector<std::string> const& parts,
+    std::vector<GoogleDrive::FileMeta> const& steps, bool lastToo) {
+    // steps[0] is the root, whose placement cannot change.
+    for (size_t i = 1; i < steps.size() && i < parts.size(); ++i) {
+        GoogleDrive::FileMeta const& step = steps[i];
+        bool const last = i + 1 == steps.size();
+        if (!step.status.empty()) {
+            // Listed by the service under the step before it, which holds.
+            if (step.isDir) _confirmed_folders.insert(step.id);
+            continue;
+        }
+        if (step.isDir && !(last && lastToo) && _confirmed_folders.count(step.id) != 0) continue;
+        std::string const id = step.id;
+        GoogleDrive::FileMeta fresh;
+        if (getObjectMeta(id, fresh)) {
+            if (fresh.name == parts[i] && fresh.parents.count(steps[i - 1].id) != 0) {
+                if (fresh.isDir) _confirmed_folders.insert(id);
+                continue;
+            }
+        } else if (getError() != ERR_REMOTE_NOT_FOUND) {
+            GD_LOG(LOG_ERR, "cannot confirm [%s] id=[%s] of [%s], error[%d]", parts[i].c_str(),
+                   id.c_str(), remotePath.c_str(), getError());
+            return Placement::Unknown;
+        }
+        GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) of [%s] is no longer there, resolving again",
+               parts[i].c_str(), id.c_str(), remotePath.c_str());
+        _confirmed_folders.erase(id);
+        if (_update_node_cache) _node_cache.removeTree(id);
+        return Placement::Stale;
+    }
+    return Placement::Holds;
+}
+
+bool TransferAgentGoogleDrive::droppedStalePlacement(std::string const& remotePath) {
+    int const code = getError();
+    std::vector<std::string> parts;
+    if (!Path::split(remotePath, parts) || parts.empty()) return false;
+    parts[0].clear();
+    std::vector<GoogleDrive::FileMeta> steps(1);
+    if (!findFileMetaByPidName(false, "", "", steps[0])) return false;
+    // Only what the cache placed can be stale; the walk stopped below it.
+    for (size_t i = 1; i < parts.size(); ++i) {
+        GoogleDrive::FileMeta step;
+        if (!_node_cache.find(steps.back().id, parts[i], step)) break;
+        steps.push_back(step);
+    }
+    switch (confirmSteps(remotePath, parts, steps, false)) {
+        case Placement::Stale:
+            return true;
+        case Placement::Holds:
+            setError(code);
+            return false;
+        case Placement::Unknown:
+            break;
+    }
+    return false;
+}
+
+bool TransferAgentGoogleDrive::findConfirmedMeta(std::string const& remotePath,
+                                                 GoogleDrive::FileMeta& meta) {
+    for (size_t walk = 0; walk < kMaxRewalks; ++walk) {
+        std::vector<std::string> parts;
+        std::vector<GoogleDrive::FileMeta> steps;
+        if (!walkPath(false, remotePath, meta, &parts, &steps)) return false;
+        switch (confirmSteps(remotePath, parts, steps, true)) {
+            case Placement::Holds:
+                return true;
+            case Placement::Unknown:
+                return false;
+            case Placement::Stale:
+                break;
+        }
+    }
+    GD_LOG(LOG_ERR, "[%s] keeps moving, not confirmed", remotePath.c_str());
+    setError(ERR_GENERAL);
+    return false;
+}
+
+}  // namespace Backup
+}  // namespace TAVO
