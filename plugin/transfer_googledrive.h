@@ -196,10 +196,11 @@ class TransferAgentGoogleDrive : public TransferAgent {
     Placement confirmSteps(std::string const& remotePath, std::vector<std::string> const& parts,
                            std::vector<GoogleDrive::FileMeta> const& steps, bool lastToo);
     // For an operation on `remotePath` that found nothing there: confirms the
-    // placements the node cache holds on the way. True when one no longer
-    // held (and was dropped), so that one more try may find the path on the
-    // service; false with the error state as it was when all hold, or with
-    // the error of a confirmation that failed.
+    // deepest placement the node cache holds on the way (and the ones above
+    // it while they are found gone), by one "getObjectMeta" each. True when
+    // one no longer held (and was dropped), so that one more try may find
+    // the path on the service; false with the error state as it was when it
+    // holds, or with the error of a confirmation that failed.
     bool droppedStalePlacement(std::string const& remotePath);
     // The object at `remotePath`, with every step of the walk up to the root
     // confirmed (the last one always): what the node cache placed was moved

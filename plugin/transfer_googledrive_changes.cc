@@ -21,9 +21,12 @@ bool TransferAgentGoogleDrive::createDir(std::string const& path) try {
         setError(ERR_BAD_ARGUMENT);
         return false;
     }
-    FileInfo info(path);
-    if (statInfo(path, info)) {
-        if (info.isDirType()) return true;
+    std::string remotePath = getRemotePath(path, true);
+    // Not statInfo: a new folder is the usual case here, and a replaced
+    // parent shows when the creation below it fails.
+    GoogleDrive::FileMeta meta;
+    if (statMeta(remotePath, meta)) {
+        if (meta.isDir) return true;
         setError(ERR_REMOTE_NOT_DIR);
         return false;
     }
@@ -31,7 +34,6 @@ bool TransferAgentGoogleDrive::createDir(std::string const& path) try {
         GD_LOG(LOG_ERR, "statInfo failed, error[%d]", getError());
         return false;
     }
-    std::string remotePath = getRemotePath(path, true);
     if (createMissingDir(remotePath)) return true;
     // A parent that the cache placed may have been replaced: once more.
     return getError() == ERR_REMOTE_NOT_FOUND && droppedStalePlacement(remotePath) &&

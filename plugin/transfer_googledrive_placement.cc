@@ -59,22 +59,34 @@ bool TransferAgentGoogleDrive::droppedStalePlacement(std::string const& remotePa
     parts[0].clear();
     std::vector<GoogleDrive::FileMeta> steps(1);
     if (!findFileMetaByPidName(false, "", "", steps[0])) return false;
-    // Only what the cache placed can be stale; the walk stopped below it.
     for (size_t i = 1; i < parts.size(); ++i) {
         GoogleDrive::FileMeta step;
         if (!_node_cache.find(steps.back().id, parts[i], step)) break;
         steps.push_back(step);
     }
-    switch (confirmSteps(remotePath, parts, steps, false)) {
-        case Placement::Stale:
-            return true;
-        case Placement::Holds:
-            setError(code);
+    // The walk found nothing below the deepest folder the cache placed: when
+    // that folder still exists where the cache says, the answer was true, and
+    // one request settles it. Each level found gone (deleting a folder takes
+    // its content along) is dropped, and the one above is asked in turn.
+    bool dropped = false;
+    for (size_t i = steps.size() - 1; i >= 1; --i) {
+        std::string const id = steps[i].id;
+        GoogleDrive::FileMeta fresh;
+        if (getObjectMeta(id, fresh)) {
+            if (fresh.name == parts[i] && fresh.parents.count(steps[i - 1].id) != 0) break;
+        } else if (getError() != ERR_REMOTE_NOT_FOUND) {
+            GD_LOG(LOG_ERR, "cannot confirm [%s] id=[%s] of [%s], error[%d]", parts[i].c_str(),
+                   id.c_str(), remotePath.c_str(), getError());
             return false;
-        case Placement::Unknown:
-            break;
+        }
+        GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) of [%s] is no longer there, resolving again",
+               parts[i].c_str(), id.c_str(), remotePath.c_str());
+        _confirmed_folders.erase(id);
+        if (_update_node_cache) _node_cache.removeTree(id);
+        dropped = true;
     }
-    return false;
+    if (!dropped) setError(code);
+    return dropped;
 }
 
 bool TransferAgentGoogleDrive::findConfirmedMeta(std::string const& remotePath,

@@ -210,6 +210,7 @@ bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string
     }
     if (!readResponseRecord(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
+    if (pid == "root" || _confirmed_folders.count(pid) != 0) _confirmed_folders.insert(meta.id);
     return true;
 }
 

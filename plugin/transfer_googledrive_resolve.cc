@@ -164,11 +164,21 @@ bool TransferAgentGoogleDrive::walkPath(bool cacheOnly, std::string const& path,
     if (steps != nullptr) steps->clear();
     std::string parent;
     GoogleDrive::FileMeta step;
+    // Folders the service has just listed below confirmed ones are confirmed
+    // too: a later delete need not ask for them again.
+    bool chainConfirmed = true;
     for (auto const& component : parts) {
         if (!findFileMetaByPidName(cacheOnly, parent, component, step)) {
             GD_LOG(LOG_DEBUG, "findFileMetaBy Pid[%s] Name[%s] failed, error[%d]", parent.c_str(),
                    component.c_str(), getError());
             return false;
+        }
+        if (!parent.empty() && step.isDir && chainConfirmed) {
+            if (!step.status.empty()) {
+                _confirmed_folders.insert(step.id);
+            } else {
+                chainConfirmed = _confirmed_folders.count(step.id) != 0;
+            }
         }
         parent = step.id;
         if (steps != nullptr) steps->push_back(step);

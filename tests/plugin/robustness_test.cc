@@ -330,6 +330,8 @@ TEST_F(RobustnessTest, DeleteConfirmsThePlacementUpToTheTarget) {
     std::string dirId = drive->mkdir(bId, "d");
     ASSERT_TRUE(agent->stat("a/b/f", info_));
     ASSERT_TRUE(agent->stat("a/b/d", info_));
+    ASSERT_TRUE(agent->flushCache());
+    recreateAgent();  // another run, with what the cache file says
     drive->move(aId, containerId);
     EXPECT_TRUE(agent->removeFile("a/b/f"));
     EXPECT_TRUE(agent->removeDirRecursive("a/b/d"));
