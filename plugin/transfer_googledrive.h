@@ -186,13 +186,17 @@ class TransferAgentGoogleDrive : public TransferAgent {
     void noteLostCreation(std::string const& pid, std::string const& name);
     // What a confirmation of cached placements found.
     enum class Placement { Holds, Stale, Unknown };
+    // Is object `id` still named `name` below `parentId` (one "getObjectMeta")?
+    // Stale when it is gone, trashed, renamed or moved: its record and what
+    // the cache held below it are dropped. Unknown with the error set when
+    // the service could not say.
+    Placement confirmStep(std::string const& remotePath, std::string const& name,
+                          std::string const& id, std::string const& parentId);
     // Confirms, from the top, each step of a walk of `parts` (steps[0] the
     // root) that the node cache answered: its name and parent, by one
     // "getObjectMeta". A folder confirmed once in this agent's life is not
-    // asked again, except the last step when `lastToo`. Stale when one is
-    // gone, trashed, renamed or moved: its record and what the cache held
-    // below it are dropped. Unknown, with the error set, when the service
-    // could not say.
+    // asked again, except the last step when `lastToo`. The first step that
+    // is not Holds ends the confirmation and gives the answer.
     Placement confirmSteps(std::string const& remotePath, std::vector<std::string> const& parts,
                            std::vector<GoogleDrive::FileMeta> const& steps, bool lastToo);
     // For an operation on `remotePath` that found nothing there: confirms the

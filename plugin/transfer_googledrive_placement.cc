@@ -18,6 +18,27 @@ char const kLogSource[] = "transfer_googledrive";
 size_t const kMaxRewalks = 64;
 }  // namespace
 
+TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmStep(
+    std::string const& remotePath, std::string const& name, std::string const& id,
+    std::string const& parentId) {
+    GoogleDrive::FileMeta fresh;
+    if (getObjectMeta(id, fresh)) {
+        if (fresh.name == name && fresh.parents.count(parentId) != 0) {
+            if (fresh.isDir) _confirmed_folders.insert(id);
+            return Placement::Holds;
+        }
+    } else if (getError() != ERR_REMOTE_NOT_FOUND) {
+        GD_LOG(LOG_ERR, "cannot confirm [%s] id=[%s] of [%s], error[%d]", name.c_str(), id.c_str(),
+               remotePath.c_str(), getError());
+        return Placement::Unknown;
+    }
+    GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) of [%s] is no longer there, resolving again",
+           name.c_str(), id.c_str(), remotePath.c_str());
+    _confirmed_folders.erase(id);
+    if (_update_node_cache) _node_cache.removeTree(id);
+    return Placement::Stale;
+}
+
 TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmSteps(
     std::string const& remotePath, std::vector<std::string> const& parts,
     std::vector<GoogleDrive::FileMeta> const& steps, bool lastToo) {
@@ -31,23 +52,8 @@ TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmSteps(
             continue;
         }
         if (step.isDir && !(last && lastToo) && _confirmed_folders.count(step.id) != 0) continue;
-        std::string const id = step.id;
-        GoogleDrive::FileMeta fresh;
-        if (getObjectMeta(id, fresh)) {
-            if (fresh.name == parts[i] && fresh.parents.count(steps[i - 1].id) != 0) {
-                if (fresh.isDir) _confirmed_folders.insert(id);
-                continue;
-            }
-        } else if (getError() != ERR_REMOTE_NOT_FOUND) {
-            GD_LOG(LOG_ERR, "cannot confirm [%s] id=[%s] of [%s], error[%d]", parts[i].c_str(),
-                   id.c_str(), remotePath.c_str(), getError());
-            return Placement::Unknown;
-        }
-        GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) of [%s] is no longer there, resolving again",
-               parts[i].c_str(), id.c_str(), remotePath.c_str());
-        _confirmed_folders.erase(id);
-        if (_update_node_cache) _node_cache.removeTree(id);
-        return Placement::Stale;
+        Placement placement = confirmStep(remotePath, parts[i], step.id, steps[i - 1].id);
+        if (placement != Placement::Holds) return placement;
     }
     return Placement::Holds;
 }
@@ -70,19 +76,9 @@ bool TransferAgentGoogleDrive::droppedStalePlacement(std::string const& remotePa
     // its content along) is dropped, and the one above is asked in turn.
     bool dropped = false;
     for (size_t i = steps.size() - 1; i >= 1; --i) {
-        std::string const id = steps[i].id;
-        GoogleDrive::FileMeta fresh;
-        if (getObjectMeta(id, fresh)) {
-            if (fresh.name == parts[i] && fresh.parents.count(steps[i - 1].id) != 0) break;
-        } else if (getError() != ERR_REMOTE_NOT_FOUND) {
-            GD_LOG(LOG_ERR, "cannot confirm [%s] id=[%s] of [%s], error[%d]", parts[i].c_str(),
-                   id.c_str(), remotePath.c_str(), getError());
-            return false;
-        }
-        GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) of [%s] is no longer there, resolving again",
-               parts[i].c_str(), id.c_str(), remotePath.c_str());
-        _confirmed_folders.erase(id);
-        if (_update_node_cache) _node_cache.removeTree(id);
+        Placement placement = confirmStep(remotePath, parts[i], steps[i].id, steps[i - 1].id);
+        if (placement == Placement::Unknown) return false;
+        if (placement == Placement::Holds) break;
         dropped = true;
     }
     if (!dropped) setError(code);
