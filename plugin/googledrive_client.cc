@@ -67,7 +67,10 @@ bool GoogleDriveClient::connect(std::string const& accessToken, std::string cons
                                 bool /*flag*/) {
     // A refusal recorded by an earlier start must not be read as this one's.
     TLIBCErrSetEx(0, kLogSource, __LINE__);
-    if (isCanceled()) return false;
+    if (isCanceled()) {
+        TLIBCErrSetEx(kCoreErrCanceled, kLogSource, __LINE__);
+        return false;
+    }
     close();
 
     // std::string always has character data, so the "bad parameters" case of
@@ -108,9 +111,9 @@ bool GoogleDriveClient::connect(std::string const& accessToken, std::string cons
         // The engine gave up waiting: no fault of the drive agent's.
         if (isCanceled()) {
             GD_LOG(LOG_INFO, "canceled while waiting for the ready msg from drive_agent.py");
-        } else {
-            GD_LOG(LOG_ERR, "could not read ready msg from drive_agent.py");
+            return fail(kCoreErrCanceled, __LINE__);
         }
+        GD_LOG(LOG_ERR, "could not read ready msg from drive_agent.py");
         return fail(kCoreErrAgentStart, __LINE__);
     }
     if (ready.find("is not a valid base64 string") != std::string::npos) {

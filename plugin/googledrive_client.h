@@ -48,7 +48,7 @@ class GoogleDriveClient : public AgentClient {
 bool needRetry(Json::Value const& response);
 
 // Core error numbers recorded by connect().
-enum { kCoreErrInvalidToken = 0x300, kCoreErrAgentStart = 0x2a00 };
+enum { kCoreErrInvalidToken = 0x300, kCoreErrAgentStart = 0x2a00, kCoreErrCanceled = 0x2a01 };
 
 }  // namespace Backup
 }  // namespace TAVO

@@ -86,7 +86,10 @@ bool TransferAgentGoogleDrive::checkAndCreateClient() {
     }
     if (!_client.connect(accessToken, refreshToken, true)) {
         GD_LOG(LOG_ERR, "connect failed");
-        setError(TLIBCErrGet() == kCoreErrInvalidToken ? ERR_CREDENTIALS : ERR_GENERAL);
+        int const core = TLIBCErrGet();
+        setError(core == kCoreErrInvalidToken ? ERR_CREDENTIALS
+                 : core == kCoreErrCanceled   ? ERR_CANCELED
+                                              : ERR_GENERAL);
         return false;
     }
     return true;
