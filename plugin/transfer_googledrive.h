@@ -16,6 +16,7 @@
 #include "googledrive_client.h"
 #include "googledrive_meta.h"
 #include "googledrive_meta_page.h"
+#include "transfer_googledrive_confirmed.h"
 
 namespace TAVO {
 namespace Backup {
@@ -124,8 +125,9 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // As findFileMetaByPath, then fresh metadata from the service when the
     // walk was answered by the cache.
     bool statMeta(std::string const& path, GoogleDrive::FileMeta& meta);
-    // statMeta, and when it finds nothing under a folder the node cache
-    // placed that is no longer there, statMeta once more from the service.
+    // As statMeta, with the whole placement confirmed (findConfirmedMeta);
+    // when it finds nothing under a folder the node cache placed that is no
+    // longer there, once more from the service.
     bool statMetaConfirmingAbsence(std::string const& path, GoogleDrive::FileMeta& meta);
     bool statInfo(std::string const& rpath, FileInfo& info);
 
@@ -190,15 +192,18 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // Stale when it is gone, trashed, renamed or moved: its record and what
     // the cache held below it are dropped. Unknown with the error set when
     // the service could not say.
+    // `fresh` is what the service said of it.
     Placement confirmStep(std::string const& remotePath, std::string const& name,
-                          std::string const& id, std::string const& parentId);
+                          std::string const& id, std::string const& parentId,
+                          GoogleDrive::FileMeta& fresh);
     // Confirms, from the top, each step of a walk of `parts` (steps[0] the
     // root) that the node cache answered: its name and parent, by one
-    // "getObjectMeta". A folder confirmed once in this agent's life is not
-    // asked again, except the last step when `lastToo`. The first step that
-    // is not Holds ends the confirmation and gives the answer.
+    // "getObjectMeta". A folder confirmed lately is not asked again, except
+    // the last step when `lastToo`. A step asked for is replaced by what the
+    // service said. The first step that is not Holds ends the confirmation
+    // and gives the answer.
     Placement confirmSteps(std::string const& remotePath, std::vector<std::string> const& parts,
-                           std::vector<GoogleDrive::FileMeta> const& steps, bool lastToo);
+                           std::vector<GoogleDrive::FileMeta>& steps, bool lastToo);
     // For an operation on `remotePath` that found nothing there: confirms the
     // deepest placement the node cache holds on the way (and the ones above
     // it while they are found gone), by one "getObjectMeta" each. True when
@@ -207,10 +212,12 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // holds, or with the error of a confirmation that failed.
     bool droppedStalePlacement(std::string const& remotePath);
     // The object at `remotePath`, with every step of the walk up to the root
-    // confirmed (the last one always): what the node cache placed was moved
-    // or renamed outside the plug-in is forgotten and walked again, so that a
-    // delete acts on what the path names now.
-    bool findConfirmedMeta(std::string const& remotePath, GoogleDrive::FileMeta& meta);
+    // confirmed (the last one always when `askLast`): what the node cache
+    // placed but was moved or renamed outside the plug-in is forgotten and
+    // walked again, so that a delete, an overwrite or a new object acts on
+    // what the path names now.
+    bool findConfirmedMeta(std::string const& remotePath, GoogleDrive::FileMeta& meta,
+                           bool askLast = true);
     // The walk of findFileMetaByPath; on success also gives the path's
     // components (the first one empty, for the root) and the step taken at each.
     bool walkPath(bool cacheOnly, std::string const& path, GoogleDrive::FileMeta& meta,
@@ -250,9 +257,9 @@ class TransferAgentGoogleDrive : public TransferAgent {
     GoogleDriveTA::FileMetaStore _node_cache;
     // (parent id, name) of creations that may have been applied unseen.
     std::set<std::pair<std::string, std::string>> _creations_in_doubt;
-    // Folders whose placement up to the root the service confirmed in this
-    // agent's life (listed, made or asked for): not asked again before a delete.
-    std::set<std::string> _confirmed_folders;
+    // Folders whose placement the service confirmed lately (listed, made or
+    // asked for): not asked again before a delete or an overwrite.
+    ConfirmedFolders _confirmed_folders;
 };
 
 // Reads the access token (empty when missing) and the refresh token from the

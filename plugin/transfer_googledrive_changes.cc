@@ -25,7 +25,7 @@ bool TransferAgentGoogleDrive::createDir(std::string const& path) try {
     // Not statInfo: a new folder is the usual case here, and a replaced
     // parent shows when the creation below it fails.
     GoogleDrive::FileMeta meta;
-    if (statMeta(remotePath, meta)) {
+    if (findConfirmedMeta(remotePath, meta)) {
         if (meta.isDir) return true;
         setError(ERR_REMOTE_NOT_DIR);
         return false;
@@ -43,12 +43,13 @@ GD_CATCH_AT_EDGE("createDir")
 
 bool TransferAgentGoogleDrive::createMissingDir(std::string const& remotePath) {
     std::string parentPath = Path::dirname(remotePath);
-    std::string parentId;
     // Missing parents are not created: the engine creates its tree top down.
-    if (!findNodeIdByPath(false, parentPath, parentId)) {
+    GoogleDrive::FileMeta parent;
+    if (!findConfirmedMeta(parentPath, parent, false)) {
         GD_LOG(LOG_ERR, "findNodeIdByPath(%s) failed, error[%d]", parentPath.c_str(), getError());
         return false;
     }
+    std::string const& parentId = parent.id;
     std::string name = Path::basename(remotePath);
     GoogleDrive::FileMeta meta;
     if (!createFolder(name, parentId, meta)) {

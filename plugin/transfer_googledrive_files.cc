@@ -91,8 +91,10 @@ bool TransferAgentGoogleDrive::storeFileAt(std::string const& local, std::string
                                            std::string const& remotePath, long size,
                                            ProgressHook progress, GoogleDrive::FileMeta& meta) {
     std::string parentPath = Path::dirname(remotePath);
-    std::string parentId;
-    if (!findNodeIdByPath(false, parentPath, parentId)) {
+    // The folder a new file goes into is where the path says, not one that
+    // another client moved away since the cache learned it.
+    GoogleDrive::FileMeta parent;
+    if (!findConfirmedMeta(parentPath, parent, false)) {
         // A missing parent is the engine's to create; not worth an error line.
         if (getError() != ERR_REMOTE_NOT_FOUND) {
             GD_LOG(LOG_ERR, "failed to get parent [%s]'s id, error[%d]", parentPath.c_str(),
@@ -100,9 +102,12 @@ bool TransferAgentGoogleDrive::storeFileAt(std::string const& local, std::string
         }
         return false;
     }
+    std::string const& parentId = parent.id;
 
     std::string name = Path::basename(remotePath);
-    if (statMeta(remotePath, meta)) {
+    // An overwrite, like a delete, must reach the file the path names now,
+    // not one that another client moved away with a folder the cache knows.
+    if (findConfirmedMeta(remotePath, meta)) {
         if (meta.isDir) {
             GD_LOG(LOG_ERR, "[%s] exists, is dir.", remote.c_str());
             setError(ERR_REMOTE_IS_DIR);

@@ -99,7 +99,7 @@ bool TransferAgentGoogleDrive::visitChildren(std::string const& rpath,
 bool TransferAgentGoogleDrive::resolveListedFolder(std::string const& path,
                                                    GoogleDrive::FileMeta& folder) {
     std::string remotePath = getRemotePath(path, true);
-    if (!findFileMetaByPath(false, remotePath, folder)) {
+    if (!findConfirmedMeta(remotePath, folder, false)) {
         GD_LOG(LOG_ERR, "findFileMetaByPath(%s) failed, error[%d]", remotePath.c_str(), getError());
         return false;
     }

@@ -20,11 +20,10 @@ size_t const kMaxRewalks = 64;
 
 TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmStep(
     std::string const& remotePath, std::string const& name, std::string const& id,
-    std::string const& parentId) {
-    GoogleDrive::FileMeta fresh;
+    std::string const& parentId, GoogleDrive::FileMeta& fresh) {
     if (getObjectMeta(id, fresh)) {
         if (fresh.name == name && fresh.parents.count(parentId) != 0) {
-            if (fresh.isDir) _confirmed_folders.insert(id);
+            if (fresh.isDir) _confirmed_folders.confirm(id);
             return Placement::Holds;
         }
     } else if (getError() != ERR_REMOTE_NOT_FOUND) {
@@ -34,26 +33,28 @@ TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmStep(
     }
     GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) of [%s] is no longer there, resolving again",
            name.c_str(), id.c_str(), remotePath.c_str());
-    _confirmed_folders.erase(id);
+    _confirmed_folders.forget(id);
     if (_update_node_cache) _node_cache.removeTree(id);
     return Placement::Stale;
 }
 
 TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmSteps(
     std::string const& remotePath, std::vector<std::string> const& parts,
-    std::vector<GoogleDrive::FileMeta> const& steps, bool lastToo) {
+    std::vector<GoogleDrive::FileMeta>& steps, bool lastToo) {
     // steps[0] is the root, whose placement cannot change.
     for (size_t i = 1; i < steps.size() && i < parts.size(); ++i) {
-        GoogleDrive::FileMeta const& step = steps[i];
+        GoogleDrive::FileMeta& step = steps[i];
         bool const last = i + 1 == steps.size();
         if (!step.status.empty()) {
             // Listed by the service under the step before it, which holds.
-            if (step.isDir) _confirmed_folders.insert(step.id);
+            if (step.isDir) _confirmed_folders.confirm(step.id);
             continue;
         }
-        if (step.isDir && !(last && lastToo) && _confirmed_folders.count(step.id) != 0) continue;
-        Placement placement = confirmStep(remotePath, parts[i], step.id, steps[i - 1].id);
+        if (step.isDir && !(last && lastToo) && _confirmed_folders.trusted(step.id)) continue;
+        GoogleDrive::FileMeta fresh;
+        Placement placement = confirmStep(remotePath, parts[i], step.id, steps[i - 1].id, fresh);
         if (placement != Placement::Holds) return placement;
+        step = fresh;
     }
     return Placement::Holds;
 }
@@ -76,7 +77,9 @@ bool TransferAgentGoogleDrive::droppedStalePlacement(std::string const& remotePa
     // its content along) is dropped, and the one above is asked in turn.
     bool dropped = false;
     for (size_t i = steps.size() - 1; i >= 1; --i) {
-        Placement placement = confirmStep(remotePath, parts[i], steps[i].id, steps[i - 1].id);
+        GoogleDrive::FileMeta fresh;
+        Placement placement =
+            confirmStep(remotePath, parts[i], steps[i].id, steps[i - 1].id, fresh);
         if (placement == Placement::Unknown) return false;
         if (placement == Placement::Holds) break;
         dropped = true;
@@ -86,13 +89,14 @@ bool TransferAgentGoogleDrive::droppedStalePlacement(std::string const& remotePa
 }
 
 bool TransferAgentGoogleDrive::findConfirmedMeta(std::string const& remotePath,
-                                                 GoogleDrive::FileMeta& meta) {
+                                                 GoogleDrive::FileMeta& meta, bool askLast) {
     for (size_t walk = 0; walk < kMaxRewalks; ++walk) {
         std::vector<std::string> parts;
         std::vector<GoogleDrive::FileMeta> steps;
         if (!walkPath(false, remotePath, meta, &parts, &steps)) return false;
-        switch (confirmSteps(remotePath, parts, steps, true)) {
+        switch (confirmSteps(remotePath, parts, steps, askLast)) {
             case Placement::Holds:
+                meta = steps.back();
                 return true;
             case Placement::Unknown:
                 return false;

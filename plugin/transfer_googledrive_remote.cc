@@ -210,7 +210,7 @@ bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string
     }
     if (!readResponseRecord(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
-    if (pid == "root" || _confirmed_folders.count(pid) != 0) _confirmed_folders.insert(meta.id);
+    if (pid == "root" || _confirmed_folders.trusted(pid)) _confirmed_folders.confirm(meta.id);
     return true;
 }
 
@@ -231,7 +231,7 @@ bool TransferAgentGoogleDrive::removeObject(std::string const& id) {
     // What the cache knows below a deleted folder went with it; left in, it
     // would make the cache file grow with every deleted backup version.
     if (_update_node_cache) _node_cache.removeTree(id);
-    _confirmed_folders.erase(id);
+    _confirmed_folders.forget(id);
     return true;
 }
 

@@ -175,9 +175,9 @@ bool TransferAgentGoogleDrive::walkPath(bool cacheOnly, std::string const& path,
         }
         if (!parent.empty() && step.isDir && chainConfirmed) {
             if (!step.status.empty()) {
-                _confirmed_folders.insert(step.id);
+                _confirmed_folders.confirm(step.id);
             } else {
-                chainConfirmed = _confirmed_folders.count(step.id) != 0;
+                chainConfirmed = _confirmed_folders.trusted(step.id);
             }
         }
         parent = step.id;
@@ -218,10 +218,11 @@ bool TransferAgentGoogleDrive::statMeta(std::string const& path, GoogleDrive::Fi
 
 bool TransferAgentGoogleDrive::statMetaConfirmingAbsence(std::string const& path,
                                                          GoogleDrive::FileMeta& meta) {
-    if (statMeta(path, meta)) return true;
+    // The last step is always asked: a status wants the object's details.
+    auto confirmedMeta = [&] { return findConfirmedMeta(path, meta, true); };
+    if (confirmedMeta()) return true;
     // Nothing under a folder the cache placed may mean a replaced folder.
-    return getError() == ERR_REMOTE_NOT_FOUND && droppedStalePlacement(path) &&
-           statMeta(path, meta);
+    return getError() == ERR_REMOTE_NOT_FOUND && droppedStalePlacement(path) && confirmedMeta();
 }
 
 bool TransferAgentGoogleDrive::statInfo(std::string const& rpath, FileInfo& info) {

@@ -333,6 +333,8 @@ TEST_F(RobustnessTest, DeleteConfirmsThePlacementUpToTheTarget) {
     ASSERT_TRUE(agent->flushCache());
     recreateAgent();  // another run, with what the cache file says
     drive->move(aId, containerId);
+    EXPECT_FALSE(agent->sendFile(writeLocal("l", "new"), "a/b/f"));
+    EXPECT_EQ("data", drive->content(fileId)) << "not overwritten where it was moved";
     EXPECT_TRUE(agent->removeFile("a/b/f"));
     EXPECT_TRUE(agent->removeDirRecursive("a/b/d"));
     EXPECT_EQ(2003, getError());
