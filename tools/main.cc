@@ -12,6 +12,7 @@
 #include "interrupt.h"
 #include "plugin_log.h"
 #include "plugin_module.h"
+#include "remote_tree.h"
 #include "stderr_filter.h"
 
 namespace gdhost {
@@ -58,7 +59,13 @@ int runCommand(Invocation& inv) {
                              kExitUsage);
     }
     Session session{*agent, inv.destination, inv.args};
-    int rc = inv.command->run(session);
+    beginOperation();
+    int rc = kExitOk;
+    try {
+        rc = inv.command->run(session);
+    } catch (BadRemotePath const& e) {
+        rc = reportProblem(e.what(), kExitUsage);
+    }
     // Keep what the node cache learned, as the engine does at the end of a run.
     if (rc == kExitOk && inv.args.action != "drop") agent->flushCache();
     if (interrupted()) rc = kExitCanceled;

@@ -24,6 +24,10 @@ std::string humanBytes(int64_t bytes) {
     return text;
 }
 
+std::string counted(int64_t count, std::string const& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 std::string readableTime(int64_t epochSeconds) {
     time_t seconds = static_cast<time_t>(epochSeconds);
     struct tm local;

@@ -14,6 +14,9 @@ namespace gdhost {
 // "0 B", "512 B", "1.5 KiB", "3.2 GiB": one decimal above 1 KiB.
 std::string humanBytes(int64_t bytes);
 
+// "1 file", "2 files", "0 files": `count` and the noun, plural unless one.
+std::string counted(int64_t count, std::string const& noun);
+
 // Local time as "YYYY-MM-DD HH:MM:SS".
 std::string readableTime(int64_t epochSeconds);
 

@@ -179,7 +179,7 @@ TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
     drive().clearRequestLog();
     Result second = run({"copy", path("src"), "backup"});
     EXPECT_EQ(second.code, 0);
-    EXPECT_NE(second.out.find("4 files unchanged"), std::string::npos) << second.out;
+    EXPECT_NE(second.out.find("0 sent, 4 unchanged"), std::string::npos) << second.out;
     EXPECT_EQ(drive().countRequests("uploadFile") + drive().countRequests("uploadEmptyFile") +
                   drive().countRequests("updateFile") + drive().countRequests("createFolder"),
               0);
