@@ -15,7 +15,12 @@ void remoteRequired(CLI::App& c, CommandArgs& a) {
 }
 
 void twoPaths(char const* from, char const* to, CLI::App& c, CommandArgs& a) {
-    c.add_option(std::string(from) + " " + to, a.paths)->required()->expected(2);
+    for (char const* name : {from, to}) {
+        c.add_option_function<std::string>(
+             name, [&a](std::string const& path) { a.paths.push_back(path); })
+            ->required()
+            ->type_name("");
+    }
 }
 
 void json(CLI::App& c, CommandArgs& a) {
@@ -88,7 +93,7 @@ std::vector<Command> const& commandTable() {
         {"purge", "remove a folder and everything below it",
          [](CLI::App& c, CommandArgs& a) {
              remoteRequired(c, a);
-             c.add_flag("-f,--force", a.force, "do not ask, even on a terminal");
+             c.add_flag("-f,--force", a.force, "do not ask (needed when stdin is not a terminal)");
          },
          runPurge},
         {"containers", "list the top-level folders of the Drive", [](CLI::App&, CommandArgs&) {},

@@ -70,18 +70,18 @@ int runPut(Session& s) {
 
 int runGet(Session& s) {
     std::string remote = remotePath(s.path(0));
-    FileInfo info(remote);
-    if (!s.agent.stat(remote, info)) return reportFailure("get", remote, getError(), Wanted::kFile);
-    if (info.isDirType()) {
-        return reportProblem("get " + remote + ": is a folder; use restore to fetch a tree",
-                             kExitUsage);
-    }
     std::string local = s.path(1);
     if (isLocalFolder(local)) local = local + "/" + Path::basename(remote);
     std::string folder = localParent(local);
     if (!isLocalFolder(folder)) {
         return reportProblem("get " + remote + ": the local folder " + folder + " does not exist",
                              kExitFolderNotFound);
+    }
+    FileInfo info(remote);
+    if (!s.agent.stat(remote, info)) return reportFailure("get", remote, getError(), Wanted::kFile);
+    if (info.isDirType()) {
+        return reportProblem("get " + remote + ": is a folder; use restore to fetch a tree",
+                             kExitUsage);
     }
     removeLeftoverDownloads(folder);
     DownloadClaim claim(folder);

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "backup/error.h"
+#include "interrupt.h"
 #include "plugin_log.h"
 
 namespace gdhost {
@@ -18,7 +19,7 @@ char const* meaningOf(int engineCode) {
         case ERR_BAD_ARGUMENT:
             return "bad argument or missing setting";
         case ERR_CANCELED:
-            return "canceled";
+            return interrupted() ? "canceled" : "canceled by the drive agent";
         case ERR_BAD_REQUEST:
             return "malformed request or invalid name";
         case ERR_LOCAL_NOT_FOUND:
@@ -66,7 +67,7 @@ int exitCodeFor(int engineCode, Wanted wanted, int serviceCode) {
         case ERR_BAD_ARGUMENT:
             return kExitUsage;
         case ERR_CANCELED:
-            return kExitCanceled;
+            return interrupted() ? kExitCanceled : kExitError;
         case ERR_LOCAL_NOT_FOUND:
         case ERR_REMOTE_NOT_FOUND:
             return wanted == Wanted::kFolder ? kExitFolderNotFound : kExitFileNotFound;
@@ -98,7 +99,7 @@ Failure describeFailure(int engineCode, Wanted wanted) {
     }
     failure.exitCode = exitCodeFor(engineCode, wanted, reason.serviceCode);
     failure.stopsRun = engineCode == ERR_CREDENTIALS || engineCode == ERR_REMOTE_QUOTA ||
-                       engineCode == ERR_LOCAL_NO_SPACE || engineCode == ERR_CANCELED;
+                       engineCode == ERR_LOCAL_NO_SPACE || failure.exitCode == kExitCanceled;
     return failure;
 }
 

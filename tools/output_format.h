@@ -17,6 +17,14 @@ std::string humanBytes(int64_t bytes);
 // "1 file", "2 files", "0 files": `count` and the noun, plural unless one.
 std::string counted(int64_t count, std::string const& noun);
 
+// `text` with control characters written as C escapes ("\n", "\t", "\033"),
+// backslashes doubled, as `ls -b` shows names.
+std::string escapeControls(std::string const& text);
+
+// `text` with every byte that is not part of valid UTF-8 replaced by U+FFFD,
+// so that a strict decoder reads a JSON document holding it.
+std::string validUtf8(std::string const& text);
+
 // Local time as "YYYY-MM-DD HH:MM:SS".
 std::string readableTime(int64_t epochSeconds);
 

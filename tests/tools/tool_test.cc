@@ -100,7 +100,9 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         {{"--version"}, 0, "gdrive_host ", ""},
         {{"frobnicate"}, 2, "", "frobnicate"},
         {{"--frob", "ls"}, 2, "", "--frob"},
-        {{"put", "only-one"}, 2, "", "LOCAL REMOTE"},
+        {{"put", "only-one"}, 2, "", "REMOTE is required"},
+        {{"-q", "-v", "ls"}, 2, "", "excludes"},
+        {{"--target", "a/b", "init"}, 2, "", "one folder"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0]);
@@ -131,6 +133,8 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         {none, {"put", path("fifo"), "x"}, 2, "is a FIFO"},
         {none, {"put", path("link"), "x"}, 2, "is a symbolic link"},
         {none, {"put", path("folder"), "x"}, 2, "use copy"},
+        {none, {"ls", "a/.."}, 2, "cannot go up"},
+        {none, {"get", "x", path("missing/x")}, 3, "local folder"},
         {DriveEmulator::Fault::fail("*", 408).always(), {"ls"}, 5, "error 2104"},
         {DriveEmulator::Fault::fail("*", 401).always(), {"about"}, 7, "credentials refused"},
         {DriveEmulator::Fault::fail("uploadFile", 403,
