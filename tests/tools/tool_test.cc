@@ -221,6 +221,20 @@ TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
     EXPECT_EQ(run({"check", path("back"), "backup"}).code, 1);
 }
 
+// Names are compared byte for byte, as the NAS file system does: "X" is no
+// second "x".
+TEST_F(ToolTest, DupesAreByteIdenticalNamesOnly) {
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"mkdir", "d"}).code, 0);
+    std::string folder = drive().idByPath("/Backups/nas1.hbk/d");
+    for (char const* name : {"x", "x", "X"}) drive().put(folder, name, name);
+    Result r = run({"dupes"});
+    EXPECT_EQ(r.code, 0);
+    EXPECT_NE(r.out.find("d/x\n"), r.out.rfind("d/x\n")) << r.out;
+    EXPECT_EQ(r.out.find("d/X"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\n1 name held more than once"), std::string::npos) << r.out;
+}
+
 // One bad file or folder costs only itself: everything else is sent, each
 // failure is listed with its reason, and sync deletes remote extras only once
 // the whole local tree could be read.
