@@ -25,6 +25,7 @@ struct CommandArgs {
     bool dryRun = false;
     bool force = false;
     bool quiet = false;
+    bool verbose = false;
 };
 
 // What a running command works with.

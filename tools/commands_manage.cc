@@ -33,6 +33,12 @@ int runInit(Session& s) {
 
 int runMkdir(Session& s) {
     std::string path = remotePath(s.path(0));
+    // Making a folder that is there succeeds in silence, as the engine wants;
+    // a person who asks hears of it.
+    FileInfo existing(path);
+    if (s.args.verbose && s.agent.stat(path, existing) && existing.isDirType()) {
+        fprintf(stderr, "gdrive_host: mkdir %s: already there\n", path.c_str());
+    }
     bool ok = s.args.parents ? makeRemoteFolders(s.agent, path) : s.agent.createDir(path);
     return ok ? kExitOk : reportFailure("mkdir", path, getError(), Wanted::kFolder);
 }

@@ -58,6 +58,7 @@ int runCommand(Invocation& inv) {
         return reportProblem("destination settings are incomplete (container, refresh token)",
                              kExitUsage);
     }
+    inv.args.verbose = inv.verbose;
     Session session{*agent, inv.destination, inv.args};
     beginOperation();
     int rc = kExitOk;
