@@ -25,6 +25,7 @@ struct CommandArgs {
     bool dryRun = false;
     bool force = false;
     bool quiet = false;
+    bool verbose = false;
 };
 
 // What a running command works with.
@@ -58,6 +59,7 @@ int runDupes(Session& s);
 int runPut(Session& s);
 int runGet(Session& s);
 int runCopy(Session& s);
+int runSync(Session& s);
 int runRestore(Session& s);
 int runCheck(Session& s);
 int runInit(Session& s);
