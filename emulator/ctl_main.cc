@@ -35,6 +35,7 @@ The data folder is DIR, else $DRIVE_EMULATOR_DATA.
   addparent OBJ PARENT             give OBJ another parent
   rmparent OBJ PARENT
   dup OBJ                          another object of the same name beside it; prints its id
+  recreate OBJ                     replace OBJ and all below by copies under new ids; prints its id
   trash OBJ | untrash OBJ
   rm OBJ                           delete for good (descendants without another parent too)
   touch OBJ SECONDS                set the modification time
@@ -44,7 +45,7 @@ The data folder is DIR, else $DRIVE_EMULATOR_DATA.
         fires on N (default 1) matching requests from the nth on
         KIND: fail delay exit exit_after_apply cut_answer exit_after_progress
               garbage short_download long_download progress refuse_handshake
-              listing_lag
+              listing_lag repeat_listing
   fault list | fault clear
   log [--fn NAME] | log clear | log count [FN]
   stats                            object counts, sizes and requests by name
@@ -361,6 +362,10 @@ int run(std::vector<std::string> argv) {
         std::string id = obj("object");
         args.done();
         std::cout << drive.duplicate(id) << "\n";
+    } else if (command == "recreate") {
+        std::string id = obj("object");
+        args.done();
+        std::cout << drive.recreate(id) << "\n";
     } else if (command == "trash" || command == "untrash") {
         std::string id = obj("object");
         args.done();

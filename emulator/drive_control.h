@@ -75,6 +75,11 @@ class Drive {
     // Makes another object of the same name, kind, contents and parents as `id`
     // (a folder is copied empty); returns its id.
     std::string duplicate(std::string const& id);
+    // Replaces `id` and everything below it by copies under new ids (same
+    // names, kinds, contents, parents and times), as a client that deletes an
+    // object and uploads it again does; trashed objects below are not copied.
+    // Returns the new id of `id`. The root cannot be replaced (403).
+    std::string recreate(std::string const& id);
 
     void rename(std::string const& id, std::string const& name);
     // Replaces all parents of `id` with `newParentId`.
