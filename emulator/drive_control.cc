@@ -237,6 +237,21 @@ std::string Drive::duplicate(std::string const& id) {
     }
 }
 
+std::vector<Placed> Drive::walk(std::string const& id, bool includeTrashed) {
+    return inRead(*_store, [&] {
+        std::vector<Placed> found;
+        std::function<void(std::string const&, std::string const&)> visit = [&](auto& folder,
+                                                                                auto& prefix) {
+            for (auto& child : _store->children(folder, includeTrashed)) {
+                found.push_back({prefix + child.name, child});
+                if (child.isDir) visit(child.id, prefix + child.name + "/");
+            }
+        };
+        visit(_store->get(id).object.id, "");
+        return found;
+    });
+}
+
 std::string Drive::recreate(std::string const& id) {
     // The tree, parents before children, each file's contents linked to a new blob.
     std::vector<StoredObject> tree = inRead(*_store, [&] {

@@ -19,6 +19,12 @@ namespace DriveEmulator {
 
 class Store;
 
+// An object and one place where it is.
+struct Placed {
+    std::string path;
+    Object object;
+};
+
 class Drive {
   public:
     // Creates a fresh account in `folder` (made if missing), erasing any
@@ -54,6 +60,11 @@ class Drive {
     // The children of `parentId` named `name` (compared case-insensitively).
     std::vector<Object> lookup(std::string const& parentId, std::string const& name,
                                bool includeTrashed = false);
+    // Every object below `id` with its path from there ("a/b"), parents
+    // before children, each folder's children in creation order; trashed ones
+    // only when `includeTrashed`. An object with several parents below `id` is
+    // listed at each place. Error(404) when `id` is unknown.
+    std::vector<Placed> walk(std::string const& id, bool includeTrashed = false);
     // The id at an absolute path such as "/a/b" ("/" is the root); throws
     // Error(404) when a component is missing and Error(400) when one is ambiguous.
     std::string idByPath(std::string const& path);
