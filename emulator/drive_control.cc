@@ -137,6 +137,25 @@ std::string Drive::idByPath(std::string const& path) {
     });
 }
 
+std::vector<Object> Drive::at(std::string const& path) {
+    if (path.empty() || path[0] != '/') throw Error(400, "not an absolute path: " + path);
+    return inRead(*_store, [&] {
+        std::vector<Object> found{_store->get("root").object};
+        for (size_t start = 1, end; start < path.size() && !found.empty(); start = end + 1) {
+            end = std::min(path.find('/', start), path.size());
+            std::string const name = path.substr(start, end - start);
+            std::vector<Object> next;
+            for (auto const& folder : found) {
+                for (auto& child : _store->lookup(folder.id, name, false)) {
+                    if (child.name == name) next.push_back(child);
+                }
+            }
+            found = std::move(next);
+        }
+        return found;
+    });
+}
+
 std::string Drive::mkdir(std::string const& parentId, std::string const& name) {
     return inWrite(*_store, [&] { return _store->createFolder(parentId, name, 0).id; });
 }

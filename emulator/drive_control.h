@@ -65,6 +65,10 @@ class Drive {
     // only when `includeTrashed`. An object with several parents below `id` is
     // listed at each place. Error(404) when `id` is unknown.
     std::vector<Placed> walk(std::string const& id, bool includeTrashed = false);
+    // The objects at an absolute path such as "/a/b" ("/" the root), names
+    // compared byte for byte, every object of one name followed; empty when
+    // nothing is there.
+    std::vector<Object> at(std::string const& path);
     // The id at an absolute path such as "/a/b" ("/" is the root); throws
     // Error(404) when a component is missing and Error(400) when one is ambiguous.
     std::string idByPath(std::string const& path);

@@ -1,6 +1,7 @@
 #include "other_client.h"
 
 #include <cctype>
+#include <optional>
 
 namespace DriveEmulator {
 
@@ -70,6 +71,27 @@ std::string applyChange(Drive& drive, Change change, std::string const& id,
             return id;
     }
     throw Error(400, "unknown change");
+}
+
+std::string applyChangeAt(Drive& drive, Change change, std::string const& path, bool isFile) {
+    auto one = [&drive](std::string const& at) -> std::optional<std::string> {
+        auto found = drive.at(at.empty() ? "/" : at);
+        return found.size() == 1 ? std::optional<std::string>(found[0].id) : std::nullopt;
+    };
+    for (std::string at = path; at.size() > 1; at.erase(at.rfind('/'))) {
+        std::string const twin = caseTwinName(at.substr(at.rfind('/') + 1));
+        auto here = one(at), parent = one(at.substr(0, at.rfind('/')));
+        if (change == Change::CaseTwin && parent && !twin.empty()) {
+            if (!here) makeOther(drive, *parent, twin, !(isFile && at == path));
+            if (here) applyChange(drive, change, *here, "");
+            return at;
+        }
+        if (change == Change::CaseTwin || !here) continue;
+        bool elsewhere = change == Change::Move || change == Change::SecondParent;
+        applyChange(drive, change, *here, elsewhere ? drive.mkdir("root", "elsewhere") : "");
+        return at;
+    }
+    return "";
 }
 
 }  // namespace DriveEmulator

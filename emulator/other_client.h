@@ -40,4 +40,12 @@ std::string makeOther(Drive& drive, std::string const& parentId, std::string con
 std::string applyChange(Drive& drive, Change change, std::string const& id,
                         std::string const& elsewhere);
 
+// Does `change` at the absolute `path`: to the one object there, else to the
+// nearest folder above it that is there (not the root). A case twin is made of
+// the deepest name with a letter whose folder is there, even when nothing of
+// that name is there yet (a file if that is `path` and `isFile`). Move and
+// SecondParent use a folder "elsewhere" made in the root. Returns the path
+// changed; empty when nothing could be.
+std::string applyChangeAt(Drive& drive, Change change, std::string const& path, bool isFile);
+
 }  // namespace DriveEmulator

@@ -145,15 +145,15 @@ TEST_F(Faults, RepeatedListingShowsTheLastObjectOnANextPage) {
     auto emulator = start();
     auto names = [&](std::string const& query) {
         std::string seen;
-        Json::Value page;
-        for (std::string token;; token = page["nextPageToken"].asString()) {
+        for (Json::Value page = Json::objectValue;
+             seen.empty() || page.isMember("nextPageToken");) {
             Json::Value request = req({{"fn", "listObjects"}, {"queryFilter", query}});
-            if (!token.empty()) request["pageToken"] = token;
+            if (page.isMember("nextPageToken")) request["pageToken"] = page["nextPageToken"];
             page = emulator->call(request);
             for (auto const& object : page["objects"]) seen += object["name"].asString();
-            if (!page.isMember("nextPageToken")) return seen + "|";
             seen += "|";
         }
+        return seen;
     };
     EXPECT_EQ("ab|b|", names("'root' in parents"));
     EXPECT_EQ("a|a|", names("('root' in parents) and (name = 'a')"));
