@@ -44,14 +44,14 @@ enum Effect { Reads, Writes, Removes };
 class Checker {
   public:
     Checker(Sandbox& box, std::vector<Finding>& findings, std::vector<Step>& failed,
-            Hooks const& hooks)
-        : _box(box), _findings(findings), _failed(failed), _hooks(hooks) {}
+            Hook const& hook)
+        : _box(box), _findings(findings), _failed(failed), _hook(hook) {}
 
     // Starts `operation` on `path`, which it reads, writes (the contents of
     // what is there) or removes (with what is below).
     void begin(std::string const& operation, std::string const& path, Effect effect = Reads) {
         _step = {_step.index + 1, operation, absolute(path)};
-        if (_hooks.before) _hooks.before(_step);
+        if (_hook) _hook(_step, false);
         _held = _box.drive->walk("root");
         _free.clear();
         for (auto const& p : _held) {
@@ -74,7 +74,7 @@ class Checker {
                                      _step.operation + ": lost " + line(p)});
             }
         }
-        if (_hooks.after) _hooks.after(_step);
+        if (_hook) _hook(_step, true);
         if (!ok) {
             _failed.push_back(_step);
         } else if (holds && !holds()) {
@@ -117,7 +117,7 @@ class Checker {
     Sandbox& _box;
     std::vector<Finding>& _findings;
     std::vector<Step>& _failed;
-    Hooks const& _hooks;
+    Hook const& _hook;
     std::vector<Placed> _held;    // the account before the operation
     std::set<std::string> _free;  // ids the operation may change or delete
     Step _step{0, "", ""};
@@ -142,8 +142,8 @@ void writeSources(Sandbox& box) {
 }
 
 void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Finding>& findings,
-               std::vector<Step>& failed, Hooks const& hooks) {
-    Checker check(box, findings, failed, hooks);
+               std::vector<Step>& failed, Hook const& hook) {
+    Checker check(box, findings, failed, hook);
 
     check.begin("createContainer C", "..");
     check.expect(agent.createContainer("C"), [&] { return check.isFolder(".."); });

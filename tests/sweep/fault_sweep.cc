@@ -59,10 +59,8 @@ struct FaultKind {
     // The service says "not found", which the plug-in must believe: checkCache
     // then drops the cache, and a removal takes the object for gone already.
     bool saysNotFound = false;
-    // Another client's change, made before the operation n instead of at a
-    // request; the rules then hold for that operation only.
+    // Another client's change, made before operation n instead of at a request.
     std::optional<Change> change = {};
-    bool betweenOperations = false;
 };
 
 using DriveEmulator::Messages::kQuotaExceeded;
@@ -89,11 +87,11 @@ std::vector<FaultKind> faultKinds() {
         {"lost create, lagging listing",
          {Fault::exitAfterApply("*"), Fault::listingLag(3)},
          {"uploadFile", "uploadEmptyFile", "createFolder"}},
-        {"other client: list twice", {Fault::repeatListing().always()}, {}, false, false, {}, true},
+        {"other client: list twice", {anyRequest(Fault::repeatListing())}, {"listObjects"}},
     };
     for (int c = 0; c <= int(Change::SecondParent); ++c) {
         std::string name = "other client: " + changeName(Change(c));
-        kinds.push_back({name, {}, {}, false, false, Change(c), true});
+        kinds.push_back({name, {}, {}, false, false, Change(c)});
     }
     return kinds;
 }
@@ -108,13 +106,17 @@ struct PairResult {
 };
 
 // Whether failing is the right answer of `step` after another client's
-// `change` of `changed`: two objects of one name with different contents are
-// refused, and in the run of the change what it took away cannot be read.
-bool rightlyFailed(Change change, std::string const& changed, Step const& step, bool sameRun) {
-    bool const below = step.path.rfind(changed, 0) == 0;
-    if (change == Change::CopyOther) return below || changed.rfind(step.path, 0) == 0;
+// `change` of `changed` (a folder: `folder`). A name held twice with other
+// contents, or by two folders, is refused; in the run of the change, what
+// it took away cannot be read, nor can anything below it be made.
+bool rightlyFailed(Change change, std::string const& changed, bool folder, Step const& step,
+                   bool sameRun) {
+    bool const at = step.path == changed, below = step.path.rfind(changed + "/", 0) == 0;
+    if (change == Change::CopyOther || (change == Change::Copy && folder)) {
+        return at || below || changed.rfind(step.path + "/", 0) == 0;
+    }
     bool const reads = step.operation.rfind("list", 0) == 0 || step.operation.rfind("recv", 0) == 0;
-    return sameRun && below && reads &&
+    return sameRun && (below || (at && reads)) &&
            (change == Change::Delete || change == Change::Move || change == Change::Rename);
 }
 
@@ -126,12 +128,9 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
     writeSources(box);
     std::vector<Finding> findings;
     std::vector<Step> failed;
-    bool const between = kind && kind->betweenOperations;
-    for (Fault rule : kind && !between ? kind->rules : std::vector<Fault>{}) {
-        box.drive->addFault(rule.onNth(n));
-    }
+    for (Fault rule : kind ? kind->rules : std::vector<Fault>{}) box.drive->addFault(rule.onNth(n));
     std::string changed;  // the path another client changed
-    bool injected = false;
+    bool folder = false;  // and whether it is a folder
     {
         auto agent = box.newAgent();
         enum { Armed, Cancelling, Done } cancel = Armed;
@@ -142,22 +141,17 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
                 return cancel == Cancelling;
             });
         }
-        Hooks hooks;
-        hooks.before = [&](Step const& step) {
-            if (!kind) out << "S\t" << step.operation << "\n";
-            if (!between || step.index != n) return;
-            for (auto const& rule : kind->rules) box.drive->addFault(rule);
-            bool const file = step.operation.rfind("sendFile", 0) == 0;
-            if (kind->change) changed = applyChangeAt(*box.drive, *kind->change, step.path, file);
-            injected = !changed.empty();
+        auto hook = [&](Step const& step, bool returned) {
+            if (cancel == Cancelling && returned) cancel = Done;
+            if (!kind && !returned) out << "S\t" << step.operation << "\n";
+            if (kind && kind->change && step.index == n && !returned) {
+                bool const file = step.operation.rfind("sendFile", 0) == 0;
+                changed = applyChangeAt(*box.drive, *kind->change, step.path, file);
+                auto there = box.drive->at(changed.empty() ? "/" : changed);
+                folder = !there.empty() && there.front().isDir;
+            }
         };
-        hooks.after = [&](Step const& step) {
-            if (cancel == Cancelling) cancel = Done;
-            if (!between || step.index != n || kind->rules.empty()) return;
-            injected = box.drive->faults().front().fired > 0;
-            box.drive->clearFaults();
-        };
-        runBackup(box, *agent, findings, failed, hooks);
+        runBackup(box, *agent, findings, failed, hook);
     }
     // Copies another client made stay while the plug-in has no reason to look:
     // a path may hold two objects, a removal leaves the copy it did not know.
@@ -176,7 +170,7 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
     auto failures = [&](char const* invariant, bool sameRun) {
         for (auto const& step : failed) {
             if (!kind || !kind->change || changed.empty() ||
-                !rightlyFailed(*kind->change, changed, step, sameRun)) {
+                !rightlyFailed(*kind->change, changed, folder, step, sameRun)) {
                 findings.push_back({invariant, step.operation});
             }
         }
@@ -184,7 +178,7 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
     if (kind && kind->change && !changed.empty()) {
         failures("operations after the change succeed", true);
     }
-    if (between) out << "I\t" << injected << "\n";
+    if (kind && kind->change) out << "I\t" << !changed.empty() << "\n";
     for (auto const& rule : box.drive->faults()) out << "I\t" << (rule.fired > 0) << "\n";
     for (auto const& entry : box.drive->requestLog()) out << "R\t" << entry.fn << "\n";
     box.drive->clearFaults();
@@ -288,7 +282,13 @@ std::vector<int> positionsFor(FaultKind const& kind, std::vector<std::string> co
     }
     if (spread <= 1 || all.size() <= size_t(spread)) return all;
     std::vector<int> picked;
-    for (int i = 0; i < spread; ++i) picked.push_back(all[i * (all.size() - 1) / (spread - 1)]);
+    // Another client's changes: half as many operations each, each change at other ones.
+    for (size_t i = 0, k = spread / 2; kind.change && i < k; ++i) {
+        picked.push_back(all[(size_t(*kind.change) + i * all.size() / k) % all.size()]);
+    }
+    for (int i = 0; !kind.change && i < spread; ++i) {
+        picked.push_back(all[i * (all.size() - 1) / (spread - 1)]);
+    }
     return picked;
 }
 
@@ -310,7 +310,7 @@ int sweep(int spread, std::vector<std::string> const& only,
         auto prefixes = [&kind](std::string const& p) { return kind.name.rfind(p, 0) == 0; };
         if (std::any_of(skipped.begin(), skipped.end(), prefixes)) continue;
         int& count = byKind[kind.name];
-        auto const& at = kind.betweenOperations ? clean.steps : clean.requests;
+        auto const& at = kind.change ? clean.steps : clean.requests;
         for (int n : positionsFor(kind, at, spread)) {
             PairResult pair = runInChild(box, &kind, n);
             ++pairs;
