@@ -100,9 +100,10 @@ class Checker {
         auto object = at(path);
         return object && !object->isDir && _box.drive->content(object->id) == content;
     }
-    // The children of `path` by name, or every file below it by relative path.
-    std::set<std::string> below(std::string const& path, bool recursive) {
-        std::set<std::string> names;
+    // The children of `path` by name, or every file below it by relative path,
+    // each as often as it is there.
+    std::multiset<std::string> below(std::string const& path, bool recursive) {
+        std::multiset<std::string> names;
         auto folder = at(path);
         for (auto const& [name, object] :
              folder ? _box.drive->walk(folder->id) : std::vector<Placed>{}) {
@@ -169,7 +170,7 @@ void runBackup(Sandbox& box, TransferAgentGoogleDrive& agent, std::vector<Findin
     }
 
     for (bool recursive : {false, true}) {
-        std::set<std::string> listed;
+        std::multiset<std::string> listed;
         std::list<FileInfo> infos;
         auto hook = [&listed](FileInfo const& info, void*) {
             if (info.isRegType()) listed.insert(relative(info.getRpath(), false));
