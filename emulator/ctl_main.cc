@@ -3,6 +3,7 @@
 // path from the root; anything else is an id ("root" included).
 #include <json/writer.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "drive_control.h"
+#include "other_client.h"
 
 using namespace DriveEmulator;
 
@@ -35,6 +37,9 @@ The data folder is DIR, else $DRIVE_EMULATOR_DATA.
   addparent OBJ PARENT             give OBJ another parent
   rmparent OBJ PARENT
   dup OBJ                          another object of the same name beside it; prints its id
+  change KIND OBJ [FOLDER]         what another client does: delete move FOLDER rename
+                                   recreate copy copy_other case_twin second_parent FOLDER
+  recreate OBJ                     replace OBJ and all below by copies under new ids; prints its id
   trash OBJ | untrash OBJ
   rm OBJ                           delete for good (descendants without another parent too)
   touch OBJ SECONDS                set the modification time
@@ -45,7 +50,7 @@ The data folder is DIR, else $DRIVE_EMULATOR_DATA.
         fires on N (default 1) matching requests from the nth on
         KIND: fail delay exit exit_after_apply cut_answer exit_after_progress
               garbage short_download long_download progress refuse_handshake
-              listing_lag
+              listing_lag repeat_listing
   fault list | fault clear
   log [--fn NAME] | log clear | log count [FN]
   stats                            object counts, sizes and requests by name
@@ -114,13 +119,13 @@ void printLine(Object const& o) {
               << "\t" << o.name << (o.isDir ? "/" : "") << "\n";
 }
 
-void printTree(Drive& drive, std::string const& id, std::string const& indent) {
-    for (auto const& child : drive.children(id, true)) {
-        std::cout << indent << child.name << (child.isDir ? "/" : "")
-                  << (child.trashed ? "  [trashed]" : "") << "  (" << child.id;
+void printTree(Drive& drive, std::string const& id) {
+    for (auto const& [path, child] : drive.walk(id, true)) {
+        std::cout << std::string(2 + 2 * std::count(path.begin(), path.end(), '/'), ' ')
+                  << child.name << (child.isDir ? "/" : "") << (child.trashed ? "  [trashed]" : "")
+                  << "  (" << child.id;
         if (!child.isDir) std::cout << ", " << child.size << " bytes";
         std::cout << ")\n";
-        if (child.isDir) printTree(drive, child.id, indent + "  ");
     }
 }
 
@@ -316,7 +321,7 @@ int run(std::vector<std::string> argv) {
         std::string id = resolve(drive, args.nextOr("root"));
         args.done();
         std::cout << drive.stat(id).name << "/  (" << drive.stat(id).id << ")\n";
-        printTree(drive, id, "  ");
+        printTree(drive, id);
     } else if (command == "ls") {
         bool all = args.take("-a");
         std::string id = resolve(drive, args.nextOr("root"));
@@ -369,6 +374,17 @@ int run(std::vector<std::string> argv) {
         std::string id = obj("object");
         args.done();
         std::cout << drive.duplicate(id) << "\n";
+    } else if (command == "change") {
+        Change change = changeFromName(args.next("change"));
+        std::string id = obj("object");
+        std::string elsewhere =
+            change == Change::Move || change == Change::SecondParent ? obj("folder") : "";
+        args.done();
+        std::cout << applyChange(drive, change, id, elsewhere) << "\n";
+    } else if (command == "recreate") {
+        std::string id = obj("object");
+        args.done();
+        std::cout << drive.recreate(id) << "\n";
     } else if (command == "trash" || command == "untrash") {
         std::string id = obj("object");
         args.done();

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <type_traits>
 
 #include "content_copy.h"
@@ -135,6 +137,25 @@ std::string Drive::idByPath(std::string const& path) {
     });
 }
 
+std::vector<Object> Drive::at(std::string const& path) {
+    if (path.empty() || path[0] != '/') throw Error(400, "not an absolute path: " + path);
+    return inRead(*_store, [&] {
+        std::vector<Object> found{_store->get("root").object};
+        for (size_t start = 1, end; start < path.size() && !found.empty(); start = end + 1) {
+            end = std::min(path.find('/', start), path.size());
+            std::string const name = path.substr(start, end - start);
+            std::vector<Object> next;
+            for (auto const& folder : found) {
+                for (auto& child : _store->lookup(folder.id, name, false)) {
+                    if (child.name == name) next.push_back(child);
+                }
+            }
+            found = std::move(next);
+        }
+        return found;
+    });
+}
+
 std::string Drive::mkdir(std::string const& parentId, std::string const& name) {
     return inWrite(*_store, [&] { return _store->createFolder(parentId, name, 0).id; });
 }
@@ -231,6 +252,76 @@ std::string Drive::duplicate(std::string const& id) {
         });
     } catch (...) {
         _store->blobs().discard(blob);
+        throw;
+    }
+}
+
+std::vector<Placed> Drive::walk(std::string const& id, bool includeTrashed) {
+    return inRead(*_store, [&] {
+        std::vector<Placed> found;
+        std::function<void(std::string const&, std::string const&)> visit = [&](auto& folder,
+                                                                                auto& prefix) {
+            for (auto& child : _store->children(folder, includeTrashed)) {
+                found.push_back({prefix + child.name, child});
+                if (child.isDir) visit(child.id, prefix + child.name + "/");
+            }
+        };
+        visit(_store->get(id).object.id, "");
+        return found;
+    });
+}
+
+std::string Drive::recreate(std::string const& id) {
+    // The tree, parents before children, each file's contents linked to a new blob.
+    std::vector<StoredObject> tree = inRead(*_store, [&] {
+        std::vector<StoredObject> found{_store->get(id)};
+        for (size_t i = 0; i < found.size(); ++i) {
+            for (auto const& child : _store->children(found[i].object.id, false)) {
+                auto same = [&](StoredObject const& s) { return s.object.id == child.id; };
+                if (std::none_of(found.begin(), found.end(), same))
+                    found.push_back(_store->get(child.id));
+            }
+        }
+        return found;
+    });
+    if (tree.front().object.parents.empty())
+        throw Error(403, "The root folder cannot be replaced.");
+    std::vector<std::string> linked;
+    try {
+        for (auto& node : tree) {
+            if (node.blob.empty()) continue;
+            std::string blob = randomToken(24);
+            if (::link(_store->blobs().path(node.blob).c_str(),
+                       _store->blobs().path(blob).c_str()) != 0) {
+                localFailure("cannot copy", _store->blobs().path(node.blob));
+            }
+            linked.push_back(node.blob = blob);
+        }
+        auto discarded = inWrite(*_store, [&] {
+            std::map<std::string, std::string> renewed;
+            for (auto const& node : tree) {
+                Object const& o = node.object;
+                std::vector<std::string> parents;
+                for (auto const& p : o.parents) {
+                    parents.push_back(renewed.count(p) ? renewed[p] : p);
+                }
+                std::string copy =
+                    o.isDir
+                        ? _store->createFolder(parents.front(), o.name, 0).id
+                        : _store
+                              ->createFile(parents.front(), o.name,
+                                           {node.blob, static_cast<std::int64_t>(o.size), o.md5}, 0)
+                              .id;
+                if (parents.size() > 1) _store->setParents(copy, parents);
+                _store->setMtime(copy, o.mtime);
+                renewed[o.id] = copy;
+            }
+            return std::make_pair(renewed[id], _store->remove(id));
+        });
+        for (auto const& blob : discarded.second) _store->blobs().discard(blob);
+        return discarded.first;
+    } catch (...) {
+        for (auto const& blob : linked) _store->blobs().discard(blob);
         throw;
     }
 }

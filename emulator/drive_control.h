@@ -19,6 +19,12 @@ namespace DriveEmulator {
 
 class Store;
 
+// An object and one place where it is.
+struct Placed {
+    std::string path;
+    Object object;
+};
+
 class Drive {
   public:
     // Creates a fresh account in `folder` (made if missing), erasing any
@@ -54,6 +60,15 @@ class Drive {
     // The children of `parentId` named `name` (compared case-insensitively).
     std::vector<Object> lookup(std::string const& parentId, std::string const& name,
                                bool includeTrashed = false);
+    // Every object below `id` with its path from there ("a/b"), parents
+    // before children, each folder's children in creation order; trashed ones
+    // only when `includeTrashed`. An object with several parents below `id` is
+    // listed at each place. Error(404) when `id` is unknown.
+    std::vector<Placed> walk(std::string const& id, bool includeTrashed = false);
+    // The objects at an absolute path such as "/a/b" ("/" the root), names
+    // compared byte for byte, every object of one name followed; empty when
+    // nothing is there.
+    std::vector<Object> at(std::string const& path);
     // The id at an absolute path such as "/a/b" ("/" is the root); throws
     // Error(404) when a component is missing and Error(400) when one is ambiguous.
     std::string idByPath(std::string const& path);
@@ -75,6 +90,11 @@ class Drive {
     // Makes another object of the same name, kind, contents and parents as `id`
     // (a folder is copied empty); returns its id.
     std::string duplicate(std::string const& id);
+    // Replaces `id` and everything below it by copies under new ids (same
+    // names, kinds, contents, parents and times), as a client that deletes an
+    // object and uploads it again does; trashed objects below are not copied.
+    // Returns the new id of `id`. The root cannot be replaced (403).
+    std::string recreate(std::string const& id);
 
     void rename(std::string const& id, std::string const& name);
     // Replaces all parents of `id` with `newParentId`.

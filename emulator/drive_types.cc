@@ -26,6 +26,7 @@ KindName const kKindNames[] = {
     {FaultKind::RefuseHandshake, "refuse_handshake"},
     {FaultKind::ListingLag, "listing_lag"},
     {FaultKind::CutAnswer, "cut_answer"},
+    {FaultKind::RepeatListing, "repeat_listing"},
 };
 
 Fault make(FaultKind kind, std::string fn) {
@@ -135,6 +136,8 @@ Fault Fault::listingLag(std::int64_t listings, std::string fn) {
 }
 
 Fault Fault::cutAnswer(std::string fn) { return make(FaultKind::CutAnswer, std::move(fn)); }
+
+Fault Fault::repeatListing() { return make(FaultKind::RepeatListing, "listObjects"); }
 
 Fault& Fault::onNth(int n) {
     nth = n;

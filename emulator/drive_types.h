@@ -78,8 +78,9 @@ enum class FaultKind {
     LongDownload,       // downloads: write one byte more than the file holds
     Progress,           // transfers: send `fractions` as the progress messages
     RefuseHandshake,    // at start: write `text` as the first line instead of "start" and exit
-    ListingLag,  // objects this request creates miss the next `number` name-filtered listings
-    CutAnswer,   // do the request, write the first half of its answer line, then exit
+    ListingLag,     // objects this request creates miss the next `number` name-filtered listings
+    CutAnswer,      // do the request, write the first half of its answer line, then exit
+    RepeatListing,  // listings: the page's last object comes again on a next page, new token
 };
 
 // A fault rule. It watches the requests whose "fn" equals `fn` ("*": every
@@ -116,6 +117,7 @@ struct Fault {
     static Fault refuseHandshake(std::string line);
     static Fault listingLag(std::int64_t listings, std::string fn = "*");
     static Fault cutAnswer(std::string fn);
+    static Fault repeatListing();
     Fault& onNth(int n);
     Fault& forNext(int n);
     Fault& always();

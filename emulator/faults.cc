@@ -135,6 +135,9 @@ FiredFaults fireRequestFaults(Db& db, std::string const& fn) {
             case FaultKind::ListingLag:
                 if (rule.number > result.listingLag) result.listingLag = rule.number;
                 break;
+            case FaultKind::RepeatListing:
+                result.repeatListing = true;
+                break;
             case FaultKind::RefuseHandshake:
                 break;
         }

@@ -23,6 +23,7 @@ struct FiredFaults {
     std::optional<std::vector<double>> progress;
     std::optional<std::int64_t> exitAfterProgress;
     std::int64_t listingLag = 0;  // the largest ListingLag that fired
+    bool repeatListing = false;
 };
 
 // Stores `fault` (Error(400) for a rule that cannot fire); returns its id.

@@ -263,8 +263,8 @@ Json::Value Server::meta(Request const& request, FiredFaults const& fired) {
         return objectResponse(_store.get(request.get("id")).object);
     }
     if (request.fn == "listObjects") {
-        ListPage page =
-            _store.list(request.get("queryFilter"), request.get("pageToken"), _store.settings());
+        ListPage page = _store.list(request.get("queryFilter"), request.get("pageToken"),
+                                    _store.settings(), fired.repeatListing);
         Json::Value response(Json::objectValue);
         response["success"] = true;
         Json::Value& objects = response["objects"] = Json::Value(Json::arrayValue);

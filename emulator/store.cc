@@ -302,7 +302,7 @@ void Store::setQuota(std::optional<std::int64_t> quota) {
 }
 
 ListPage Store::list(std::string const& query, std::string const& pageToken,
-                     Settings const& settings) {
+                     Settings const& settings, bool repeatLast) {
     ParsedQuery parsed = parseQuery(query);
     std::uint64_t hash = queryHash(query, settings.listTrashed);
     std::int64_t after = pageToken.empty() ? 0 : readPageToken(pageToken, hash);
@@ -323,6 +323,7 @@ ListPage Store::list(std::string const& query, std::string const& pageToken,
 
     ListPage page;
     std::vector<std::int64_t> missed;
+    std::int64_t beforeLast = after;
     {
         auto q = _db.query(sql);
         int index = 1;
@@ -339,8 +340,13 @@ ListPage Store::list(std::string const& query, std::string const& pageToken,
                 break;
             }
             page.objects.push_back(load(q));
+            beforeLast = last;
             last = q.int64(0);
         }
+    }
+    // Only first pages, so that a rule firing on every listing still ends.
+    if (repeatLast && pageToken.empty() && !page.objects.empty()) {
+        page.nextPageToken = makePageToken(hash, beforeLast);
     }
     for (std::int64_t seq : missed) {
         _db.query("UPDATE objects SET lag = lag - 1 WHERE seq = ?").bind(1, seq).run();

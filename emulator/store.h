@@ -76,8 +76,11 @@ class Store {
     // One page of the objects matching a search expression. Hides objects
     // that lag behind name-filtered listings (and counts the listing against
     // them, so it writes: hold a WriteTransaction). Error(400, "Invalid Value")
-    // for a bad expression or page token.
-    ListPage list(std::string const& query, std::string const& pageToken, Settings const& settings);
+    // for a bad expression or page token. With `repeatLast`, a first page
+    // that holds anything gets a next page token whose page starts with the
+    // first page's last object again.
+    ListPage list(std::string const& query, std::string const& pageToken, Settings const& settings,
+                  bool repeatLast = false);
 
     // ---- Changing (inside a WriteTransaction) ----
     Object createFolder(std::string const& parentId, std::string const& name, std::int64_t lag);

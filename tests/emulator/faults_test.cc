@@ -135,3 +135,27 @@ TEST_F(Faults, DownloadsCutShortOrLongAndUploadsDyingHalfWayStoreNothing) {
     EXPECT_EQ(3, emulator->finish());
     EXPECT_TRUE(drive->lookup("root", "f2").empty());
 }
+
+// A listing that repeats: the first page's last object comes again on a second
+// page, and the listing still ends.
+TEST_F(Faults, RepeatedListingShowsTheLastObjectOnANextPage) {
+    drive->put("root", "a", "1");
+    drive->put("root", "b", "2");
+    drive->addFault(Fault::repeatListing().always());
+    auto emulator = start();
+    auto names = [&](std::string const& query) {
+        std::string seen;
+        for (Json::Value page = Json::objectValue;
+             seen.empty() || page.isMember("nextPageToken");) {
+            Json::Value request = req({{"fn", "listObjects"}, {"queryFilter", query}});
+            if (page.isMember("nextPageToken")) request["pageToken"] = page["nextPageToken"];
+            page = emulator->call(request);
+            for (auto const& object : page["objects"]) seen += object["name"].asString();
+            seen += "|";
+        }
+        return seen;
+    };
+    EXPECT_EQ("ab|b|", names("'root' in parents"));
+    EXPECT_EQ("a|a|", names("('root' in parents) and (name = 'a')"));
+    EXPECT_EQ("|", names("('root' in parents) and (name = 'c')"));
+}

@@ -86,3 +86,22 @@ TEST_F(Model, QuotaRefusesGrowthBeyondItAndUpdatesReplaceContent) {
     EXPECT_GT(after.mtime, 1000);
     EXPECT_EQ(1, blobFiles());  // the old version's file is gone
 }
+
+// Another client deletes a tree and uploads it again: the same names, contents,
+// parents and times under new ids.
+TEST_F(Model, RecreateReplacesATreeByCopiesUnderNewIds) {
+    std::string a = drive->mkdir("root", "a");
+    std::string f = drive->put(drive->mkdir(a, "b"), "f", "content");
+    drive->addParent(a, drive->mkdir("root", "other"));
+    drive->setMtime(f, 1000);
+    long blobs = blobFiles();
+
+    std::string renewed = drive->recreate(a);
+    EXPECT_FALSE(drive->exists(a) || drive->exists(f));
+    EXPECT_EQ(renewed, drive->idByPath("/other/a"));
+    Object copy = drive->stat(drive->idByPath("/a/b/f"));
+    EXPECT_EQ("content", drive->content(copy.id));
+    EXPECT_EQ(1000, copy.mtime);
+    EXPECT_EQ(blobs, blobFiles());
+    expectError(403, [&] { drive->recreate("root"); });
+}

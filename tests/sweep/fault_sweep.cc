@@ -5,10 +5,12 @@
 // a user would notice. Prints every invariant violation, then the pairs run
 // and the faults injected; exits 1 when there was any violation.
 //
-//   fault_sweep [--spread K] [--kind NAME]...
+//   fault_sweep [--spread K] [--kind NAME]... [--skip PREFIX]
 //
 // Without --spread every request number is tried; with it, K numbers spread
-// over the requests each kind applies to. Each pair runs in a child process,
+// over the requests each kind applies to. Kinds whose name starts with a
+// --skip prefix are left out. Another client's changes come between two
+// operations instead: at operation n, on what it works on. Each pair runs in a child process,
 // so that a crash or a hang is reported as such and the sweep goes on.
 #include <signal.h>
 #include <sys/wait.h>
@@ -25,7 +27,9 @@
 
 #include "backup_script.h"
 #include "file_meta_store.h"
+#include "other_client.h"
 
+using DriveEmulator::Change;
 using DriveEmulator::Fault;
 using Clock = std::chrono::steady_clock;
 
@@ -45,7 +49,7 @@ Fault anyRequest(Fault rule) {
 // One kind of fault: its rules are added to fire from the nth request of the
 // run on. Every rule watches all requests ("*"), so that n counts them all.
 struct FaultKind {
-    char const* name;
+    std::string name;
     std::vector<Fault> rules;
     std::vector<std::string> onlyAt = {};  // the requests it means something for; empty: all
     // The engine cancels the operation in flight when the rule fires (the
@@ -55,38 +59,66 @@ struct FaultKind {
     // The service says "not found", which the plug-in must believe: checkCache
     // then drops the cache, and a removal takes the object for gone already.
     bool saysNotFound = false;
+    // Another client's change, made before operation n instead of at a request.
+    std::optional<Change> change = {};
 };
 
 using DriveEmulator::Messages::kQuotaExceeded;
 using DriveEmulator::Messages::kRateLimit;
 std::vector<std::string> const kTransfers = {"uploadFile", "uploadEmptyFile", "updateFile",
                                              "updateEmptyFile", "downloadFile"};
-std::vector<FaultKind> const kFaultKinds = {
-    {"503 once", {Fault::fail("*", 503)}},
-    {"rate limit once", {Fault::fail("*", 403, kRateLimit)}},
-    {"500 always", {Fault::fail("*", 500).always()}},
-    {"404", {Fault::fail("*", 404)}, {}, false, true},
-    {"403 forbidden", {Fault::fail("*", 403, "The user does not have sufficient permissions.")}},
-    {"quota", {Fault::fail("*", 403, kQuotaExceeded)}},
-    {"401", {Fault::fail("*", 401)}},
-    {"exit before answer", {Fault::exitBeforeAnswer("*")}},
-    {"exit after apply", {Fault::exitAfterApply("*")}},
-    {"exit after progress", {Fault::exitAfterProgress("*", 1)}, kTransfers},
-    {"garbage line", {Fault::garbage("*")}},
-    {"line cut short", {Fault::cutAnswer("*")}},
-    {"short download", {anyRequest(Fault::shortDownload())}, {"downloadFile"}},
-    {"engine cancels, goes on", {Fault::delay("*", kCancelHoldMs)}, {}, true},
-    {"lost create, lagging listing",
-     {Fault::exitAfterApply("*"), Fault::listingLag(3)},
-     {"uploadFile", "uploadEmptyFile", "createFolder"}},
-};
+std::vector<FaultKind> faultKinds() {
+    std::vector<FaultKind> kinds = {
+        {"503 once", {Fault::fail("*", 503)}},
+        {"rate limit once", {Fault::fail("*", 403, kRateLimit)}},
+        {"500 always", {Fault::fail("*", 500).always()}},
+        {"404", {Fault::fail("*", 404)}, {}, false, true},
+        {"403 forbidden",
+         {Fault::fail("*", 403, "The user does not have sufficient permissions.")}},
+        {"quota", {Fault::fail("*", 403, kQuotaExceeded)}},
+        {"401", {Fault::fail("*", 401)}},
+        {"exit before answer", {Fault::exitBeforeAnswer("*")}},
+        {"exit after apply", {Fault::exitAfterApply("*")}},
+        {"exit after progress", {Fault::exitAfterProgress("*", 1)}, kTransfers},
+        {"garbage line", {Fault::garbage("*")}},
+        {"line cut short", {Fault::cutAnswer("*")}},
+        {"short download", {anyRequest(Fault::shortDownload())}, {"downloadFile"}},
+        {"engine cancels, goes on", {Fault::delay("*", kCancelHoldMs)}, {}, true},
+        {"lost create, lagging listing",
+         {Fault::exitAfterApply("*"), Fault::listingLag(3)},
+         {"uploadFile", "uploadEmptyFile", "createFolder"}},
+        {"other client: list twice", {anyRequest(Fault::repeatListing())}, {"listObjects"}},
+    };
+    for (int c = 0; c <= int(Change::SecondParent); ++c) {
+        std::string name = "other client: " + changeName(Change(c));
+        kinds.push_back({name, {}, {}, false, false, Change(c)});
+    }
+    return kinds;
+}
+std::vector<FaultKind> const kFaultKinds = faultKinds();
 
 struct PairResult {
     std::vector<Finding> findings;
     std::vector<std::string> requests;  // the first run's requests, by fn
+    std::vector<std::string> steps;     // the first run's operations
     std::string account;                // the snapshot after the second run
     bool injected = false;
 };
+
+// Whether failing is the right answer of `step` after another client's
+// `change` of `changed` (a folder: `folder`). A name held twice with other
+// contents, or by two folders, is refused; in the run of the change, what
+// it took away cannot be read, nor can anything below it be made.
+bool rightlyFailed(Change change, std::string const& changed, bool folder, Step const& step,
+                   bool sameRun) {
+    bool const at = step.path == changed, below = step.path.rfind(changed + "/", 0) == 0;
+    if (change == Change::CopyOther || (change == Change::Copy && folder)) {
+        return at || below || changed.rfind(step.path + "/", 0) == 0;
+    }
+    bool const reads = step.operation.rfind("list", 0) == 0 || step.operation.rfind("recv", 0) == 0;
+    return sameRun && (below || (at && reads)) &&
+           (change == Change::Delete || change == Change::Move || change == Change::Rename);
+}
 
 // Runs the backup with `kind` at request `n` (none: the clean run), then clean
 // again, and checks what can be checked inside. Runs in a child process and
@@ -95,8 +127,10 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
     box.reset();
     writeSources(box);
     std::vector<Finding> findings;
-    std::vector<std::string> failed;
+    std::vector<Step> failed;
     for (Fault rule : kind ? kind->rules : std::vector<Fault>{}) box.drive->addFault(rule.onNth(n));
+    std::string changed;  // the path another client changed
+    bool folder = false;  // and whether it is a folder
     {
         auto agent = box.newAgent();
         enum { Armed, Cancelling, Done } cancel = Armed;
@@ -107,18 +141,44 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
                 return cancel == Cancelling;
             });
         }
-        runBackup(box, *agent, findings, failed, [&cancel] {
-            if (cancel == Cancelling) cancel = Done;
-        });
+        auto hook = [&](Step const& step, bool returned) {
+            if (cancel == Cancelling && returned) cancel = Done;
+            if (!kind && !returned) out << "S\t" << step.operation << "\n";
+            if (kind && kind->change && step.index == n && !returned) {
+                bool const file = step.operation.rfind("sendFile", 0) == 0;
+                changed = applyChangeAt(*box.drive, *kind->change, step.path, file);
+                auto there = box.drive->at(changed.empty() ? "/" : changed);
+                folder = !there.empty() && there.front().isDir;
+            }
+        };
+        runBackup(box, *agent, findings, failed, hook);
     }
-    if (kind && kind->saysNotFound) {
-        auto believed = [](Finding const& f) {
+    // Copies another client made stay while the plug-in has no reason to look:
+    // a path may hold two objects, a removal leaves the copy it did not know.
+    bool const copied = kind && (kind->change == Change::Copy || kind->change == Change::CopyOther);
+    if (kind && (kind->saysNotFound || kind->change)) {
+        // Told "not found", or shown a changed account, the plug-in rightly drops its cache.
+        bool const removals = kind->saysNotFound || copied;
+        auto believed = [removals](Finding const& f) {
             return f.invariant == "checkCache keeps the cache" ||
-                   (f.invariant == "success did what it said" &&
+                   (removals && f.invariant == "success did what it said" &&
                     f.operation.rfind("remove", 0) == 0);
         };
         findings.erase(std::remove_if(findings.begin(), findings.end(), believed), findings.end());
     }
+    // After another client's change, failing must be the right answer.
+    auto failures = [&](char const* invariant, bool sameRun) {
+        for (auto const& step : failed) {
+            if (!kind || !kind->change || changed.empty() ||
+                !rightlyFailed(*kind->change, changed, folder, step, sameRun)) {
+                findings.push_back({invariant, step.operation});
+            }
+        }
+    };
+    if (kind && kind->change && !changed.empty()) {
+        failures("operations after the change succeed", true);
+    }
+    if (kind && kind->change) out << "I\t" << !changed.empty() << "\n";
     for (auto const& rule : box.drive->faults()) out << "I\t" << (rule.fired > 0) << "\n";
     for (auto const& entry : box.drive->requestLog()) out << "R\t" << entry.fn << "\n";
     box.drive->clearFaults();
@@ -127,8 +187,12 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
         failed.clear();
         runBackup(box, *box.newAgent(), findings, failed);
     }
-    for (auto const& op : failed) findings.push_back({"clean re-run succeeds", op});
+    failures("clean re-run succeeds", false);
     writeFile(box.own("account.txt"), box.snapshot(findings));
+    if (copied) {
+        auto twice = [](Finding const& f) { return f.invariant == "no two objects of one name"; };
+        findings.erase(std::remove_if(findings.begin(), findings.end(), twice), findings.end());
+    }
 
     TAVO::Backup::GoogleDriveTA::FileMetaStore before, after;
     if (!before.load(box.cacheFile()) || before.size() == 0) {
@@ -153,6 +217,7 @@ PairResult readResult(Sandbox& box) {
         std::string rest = line.substr(std::min<size_t>(2, line.size()));
         if (line[0] == 'I') result.injected = result.injected || rest == "1";
         if (line[0] == 'R') result.requests.push_back(rest);
+        if (line[0] == 'S') result.steps.push_back(rest);
         size_t tab = rest.find('\t');
         if (line[0] == 'F') result.findings.push_back({rest.substr(0, tab), rest.substr(tab + 1)});
     }
@@ -181,7 +246,7 @@ PairResult runInChild(Sandbox& box, FaultKind const* kind, int n) {
         if (Clock::now() > deadline) {
             kill(child, SIGKILL);
             waitpid(child, &status, 0);
-            return PairResult{{{"no hang", "the pair did not finish in time"}}, {}, "", false};
+            return PairResult{{{"no hang", "the pair did not finish in time"}}, {}, {}, "", false};
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -217,11 +282,18 @@ std::vector<int> positionsFor(FaultKind const& kind, std::vector<std::string> co
     }
     if (spread <= 1 || all.size() <= size_t(spread)) return all;
     std::vector<int> picked;
-    for (int i = 0; i < spread; ++i) picked.push_back(all[i * (all.size() - 1) / (spread - 1)]);
+    // Another client's changes: half as many operations each, each change at other ones.
+    for (size_t i = 0, k = spread / 2; kind.change && i < k; ++i) {
+        picked.push_back(all[(size_t(*kind.change) + i * all.size() / k) % all.size()]);
+    }
+    for (int i = 0; !kind.change && i < spread; ++i) {
+        picked.push_back(all[i * (all.size() - 1) / (spread - 1)]);
+    }
     return picked;
 }
 
-int sweep(int spread, std::vector<std::string> const& only) {
+int sweep(int spread, std::vector<std::string> const& only,
+          std::vector<std::string> const& skipped) {
     auto started = Clock::now();
     Sandbox box;
     PairResult clean = runInChild(box, nullptr, 0);
@@ -235,17 +307,19 @@ int sweep(int spread, std::vector<std::string> const& only) {
     std::map<std::string, int> byKind;
     for (auto const& kind : kFaultKinds) {
         if (!only.empty() && std::find(only.begin(), only.end(), kind.name) == only.end()) continue;
+        auto prefixes = [&kind](std::string const& p) { return kind.name.rfind(p, 0) == 0; };
+        if (std::any_of(skipped.begin(), skipped.end(), prefixes)) continue;
         int& count = byKind[kind.name];
-        for (int n : positionsFor(kind, clean.requests, spread)) {
+        auto const& at = kind.change ? clean.steps : clean.requests;
+        for (int n : positionsFor(kind, at, spread)) {
             PairResult pair = runInChild(box, &kind, n);
             ++pairs;
             injected += pair.injected;
-            std::string diff = firstDifference(clean.account, pair.account);
+            std::string diff = kind.change ? "" : firstDifference(clean.account, pair.account);
             if (!diff.empty()) pair.findings.push_back({"account equals the clean run's", diff});
             for (auto const& f : pair.findings) {
-                std::printf("VIOLATION %s at %d (%s): %s: %s\n", kind.name, n,
-                            clean.requests[n - 1].c_str(), f.invariant.c_str(),
-                            f.operation.c_str());
+                std::printf("VIOLATION %s at %d (%s): %s: %s\n", kind.name.c_str(), n,
+                            at[n - 1].c_str(), f.invariant.c_str(), f.operation.c_str());
             }
             count += static_cast<int>(pair.findings.size());
         }
@@ -264,17 +338,20 @@ int sweep(int spread, std::vector<std::string> const& only) {
 
 int main(int argc, char** argv) {
     int spread = 0;
-    std::vector<std::string> kinds;
+    std::vector<std::string> kinds, skipped;
     for (int i = 1; i < argc; i += 2) {
         std::string option = argv[i];
         if (i + 1 < argc && option == "--spread") {
             spread = std::atoi(argv[i + 1]);
         } else if (i + 1 < argc && option == "--kind") {
             kinds.push_back(argv[i + 1]);
+        } else if (i + 1 < argc && option == "--skip") {
+            skipped.push_back(argv[i + 1]);
         } else {
-            std::fprintf(stderr, "usage: %s [--spread K] [--kind NAME]...\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--spread K] [--kind NAME]... [--skip PREFIX]...\n",
+                         argv[0]);
             return 2;
         }
     }
-    return Sweep::sweep(spread, kinds);
+    return Sweep::sweep(spread, kinds, skipped);
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <set>
 
 namespace fs = std::filesystem;
@@ -11,18 +10,12 @@ namespace Sweep {
 
 std::string Sandbox::snapshot(std::vector<Finding>& findings) {
     std::vector<std::string> lines;
-    std::function<void(std::string const&, std::string const&)> walk = [&](auto& id, auto& path) {
-        std::set<std::string> seen;  // names as Drive compares them (ASCII here)
-        for (auto const& child : drive->children(id)) {
-            std::string childPath = path + "/" + child.name, folded = child.name;
-            std::transform(folded.begin(), folded.end(), folded.begin(), ::tolower);
-            if (!seen.insert(folded).second)
-                findings.push_back({"no two objects of one name", childPath});
-            lines.push_back(childPath + (child.isDir ? " folder" : " file " + child.md5));
-            if (child.isDir) walk(child.id, childPath);
-        }
-    };
-    walk(drive->rootId(), "");
+    std::set<std::string> seen;
+    for (auto const& [path, object] : drive->walk("root")) {
+        if (!seen.insert(path).second)
+            findings.push_back({"no two objects of one name", "/" + path});
+        lines.push_back("/" + path + (object.isDir ? " folder" : " file " + object.md5));
+    }
     std::sort(lines.begin(), lines.end());
     std::string text;
     for (auto const& line : lines) text += line + "\n";

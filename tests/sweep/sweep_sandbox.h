@@ -21,8 +21,8 @@ class Sandbox : public EmulatedAccount {
     std::string own(std::string const& name) const { return _dir + "/" + name; }
 
     // The account as text, one line per object below the root: path, kind
-    // and content digest, sorted; ids and times left out. Two objects whose
-    // names Drive takes as one in a folder add a finding each.
+    // and content digest, sorted; ids and times left out. Two objects of
+    // one name (byte for byte) in a folder add a finding each.
     std::string snapshot(std::vector<Finding>& findings);
     // Temporary files the plug-in left in the local and cache folders, and
     // pending blobs left in the emulator's data folder.
