@@ -313,6 +313,10 @@ void FakeDrive::expireSessions(int count) {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->expireSessions = count;
 }
+void FakeDrive::corruptNextUpload() {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->corruptNext = true;
+}
 void FakeDrive::limitMediaAnswers(std::int64_t bytes) {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->mediaLimit = bytes;

@@ -55,6 +55,8 @@ class FakeDrive {
     void addFailure(FailRule const& rule);
     // The next `count` chunk uploads find their session expired (404).
     void expireSessions(int count);
+    // The next completed upload reports an MD5 other than its bytes'.
+    void corruptNextUpload();
     // alt=media answers carry at most this many bytes (0: no limit).
     void limitMediaAnswers(std::int64_t bytes);
 

@@ -44,6 +44,7 @@ struct FakeDrive::State {
     std::map<std::string, std::chrono::steady_clock::time_point> tokens;  // token -> expiry
     std::vector<FailRule> failures;
     int expireSessions = 0;
+    bool corruptNext = false;
     std::int64_t mediaLimit = 0;
     std::map<std::string, UploadSession> sessions;
     Counters counters;

@@ -101,6 +101,11 @@ void finish(FakeDrive::State& s, std::string const& sid, UploadSession& session,
             httplib::Response& res) {
     DriveEmulator::NewContent content{"", 0, DriveEmulator::kEmptyMd5};
     std::string md5 = hexDigest(gHashes[sid].get());
+    if (s.corruptNext) {
+        // Bytes damaged on the service's side: the checksum no longer matches.
+        s.corruptNext = false;
+        md5 = DriveEmulator::md5Hex(md5);
+    }
     if (session.size > 0) {
         content = DriveEmulator::NewContent{session.blob->name(), session.size, md5};
         session.blob->publish(false);

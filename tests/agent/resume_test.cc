@@ -93,3 +93,14 @@ TEST(ServiceFailures, ReachThePluginByReasonAfterRetryAfter) {
     // The next attempt is served.
     EXPECT_TRUE(agent->call(req({{"fn", "getAccountInfo"}}))["success"].asBool());
 }
+
+TEST(ServiceFailures, UploadStoredWrongIsRetryableAndLeavesNoObject) {
+    AgentOnFake onFake;
+    auto agent = onFake.start();
+    writeFile(onFake.scratch + "/in", "data");
+    onFake.fake->corruptNextUpload();
+    Json::Value answer =
+        agent->transfer(EmulatorTest::upload("root", onFake.scratch + "/in")).back();
+    EXPECT_EQ(-4, answer["error_code"].asInt()) << answer;
+    EXPECT_TRUE(onFake.drive->children(onFake.drive->rootId()).empty());
+}
