@@ -3,6 +3,7 @@
 // ignored), it checks the handshake environment, says "start", and serves the
 // pipe protocol's requests on stdin/stdout with the Drive REST API v3.
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <json/reader.h>
 #include <signal.h>
 #include <unistd.h>
@@ -129,8 +130,12 @@ int main(int argc, char** argv) {
     ::signal(SIGPIPE, SIG_IGN);
     // Our standard output is the protocol: keep it for ourselves and send
     // whatever else might write to it (a library's stray print) to stderr.
-    int const out = ::dup(STDOUT_FILENO);
-    if (out < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) return 1;
+    int const out = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (out < 0) return 1;
+    if (::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+        int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (nowhere < 0 || ::dup2(nowhere, STDOUT_FILENO) < 0) return 1;
+    }
 
     DriveEmulator::EnvLookup env = [](char const* name) -> char const* {
         return std::getenv(name);

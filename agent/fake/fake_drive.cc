@@ -164,7 +164,7 @@ void token(FakeDrive::State& state, httplib::Request const& req, httplib::Respon
 
 void addMetadataRoutes(FakeDrive::State& state) {
     auto& s = state;
-    s.server.Get(
+    s.server->Get(
         "/drive/v3/files/generateIds", [&s](httplib::Request const& req, httplib::Response& res) {
             int count = req.has_param("count") ? std::stoi(req.get_param_value("count")) : 10;
             Json::Value answer(Json::objectValue);
@@ -173,21 +173,21 @@ void addMetadataRoutes(FakeDrive::State& state) {
             for (int i = 0; i < count; ++i) answer["ids"].append(DriveEmulator::newObjectId());
             sendJson(res, answer);
         });
-    s.server.Get(R"(/drive/v3/files/([^/]+))",
-                 [&s](httplib::Request const& req, httplib::Response& res) {
-                     if (req.get_param_value("alt") == "media") {
-                         serveMedia(s, req, res);
-                         return;
-                     }
-                     std::lock_guard<std::mutex> guard(s.lock);
-                     try {
-                         ReadTransaction read(s.store.db());
-                         sendJson(res, fileResource(s.store.get(req.matches[1]).object));
-                     } catch (Error const& e) {
-                         sendModelError(res, e);
-                     }
-                 });
-    s.server.Get("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
+    s.server->Get(R"(/drive/v3/files/([^/]+))",
+                  [&s](httplib::Request const& req, httplib::Response& res) {
+                      if (req.get_param_value("alt") == "media") {
+                          serveMedia(s, req, res);
+                          return;
+                      }
+                      std::lock_guard<std::mutex> guard(s.lock);
+                      try {
+                          ReadTransaction read(s.store.db());
+                          sendJson(res, fileResource(s.store.get(req.matches[1]).object));
+                      } catch (Error const& e) {
+                          sendModelError(res, e);
+                      }
+                  });
+    s.server->Get("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
         std::lock_guard<std::mutex> guard(s.lock);
         try {
             DriveEmulator::Settings settings;
@@ -215,7 +215,7 @@ void addMetadataRoutes(FakeDrive::State& state) {
             sendModelError(res, e);
         }
     });
-    s.server.Post("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
+    s.server->Post("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
         Json::Value meta = parseBody(req.body);
         std::lock_guard<std::mutex> guard(s.lock);
         try {
@@ -237,20 +237,20 @@ void addMetadataRoutes(FakeDrive::State& state) {
             sendModelError(res, e);
         }
     });
-    s.server.Delete(R"(/drive/v3/files/([^/]+))",
-                    [&s](httplib::Request const& req, httplib::Response& res) {
-                        std::lock_guard<std::mutex> guard(s.lock);
-                        try {
-                            WriteTransaction txn(s.store.db());
-                            std::vector<std::string> blobs = s.store.remove(req.matches[1]);
-                            txn.commit();
-                            for (auto const& blob : blobs) s.store.blobs().discard(blob);
-                            res.status = 204;
-                        } catch (Error const& e) {
-                            sendModelError(res, e);
-                        }
-                    });
-    s.server.Get("/drive/v3/about", [&s](httplib::Request const&, httplib::Response& res) {
+    s.server->Delete(R"(/drive/v3/files/([^/]+))",
+                     [&s](httplib::Request const& req, httplib::Response& res) {
+                         std::lock_guard<std::mutex> guard(s.lock);
+                         try {
+                             WriteTransaction txn(s.store.db());
+                             std::vector<std::string> blobs = s.store.remove(req.matches[1]);
+                             txn.commit();
+                             for (auto const& blob : blobs) s.store.blobs().discard(blob);
+                             res.status = 204;
+                         } catch (Error const& e) {
+                             sendModelError(res, e);
+                         }
+                     });
+    s.server->Get("/drive/v3/about", [&s](httplib::Request const&, httplib::Response& res) {
         std::lock_guard<std::mutex> guard(s.lock);
         ReadTransaction read(s.store.db());
         DriveEmulator::Account account = s.store.account();
@@ -265,28 +265,33 @@ void addMetadataRoutes(FakeDrive::State& state) {
 
 }  // namespace
 
-FakeDrive::FakeDrive(std::string const& dataFolder) : _state(std::make_unique<State>(dataFolder)) {
+FakeDrive::FakeDrive(std::string const& dataFolder, std::string const& certFile,
+                     std::string const& keyFile)
+    : _state(std::make_unique<State>(dataFolder, certFile, keyFile)) {
     State& s = *_state;
-    s.server.set_pre_routing_handler(
+    s.server->set_pre_routing_handler(
         [&s](httplib::Request const& req, httplib::Response& res) { return gate(s, req, res); });
-    s.server.Post("/token", [&s](httplib::Request const& req, httplib::Response& res) {
+    s.server->Post("/token", [&s](httplib::Request const& req, httplib::Response& res) {
         token(s, req, res);
     });
     addMetadataRoutes(s);
     addTransferRoutes(s);
-    s.port = s.server.bind_to_any_port("127.0.0.1");
+    s.port = s.server->bind_to_any_port("127.0.0.1");
     if (s.port <= 0) throw std::runtime_error("fake drive cannot listen");
-    s.thread = std::thread([&s] { s.server.listen_after_bind(); });
-    while (!s.server.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    s.thread = std::thread([&s] { s.server->listen_after_bind(); });
+    while (!s.server->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 FakeDrive::~FakeDrive() {
-    _state->server.stop();
+    _state->server->stop();
     _state->thread.join();
 }
 
 int FakeDrive::port() const { return _state->port; }
-std::string FakeDrive::url() const { return "http://127.0.0.1:" + std::to_string(_state->port); }
+std::string FakeDrive::url() const {
+    return (_state->tls ? "https://127.0.0.1:" : "http://127.0.0.1:") +
+           std::to_string(_state->port);
+}
 
 void FakeDrive::setRefreshToken(std::string const& token) {
     std::lock_guard<std::mutex> guard(_state->lock);

@@ -34,14 +34,16 @@ struct Counters {
 class FakeDrive {
   public:
     // Serves the account in `dataFolder` (an emulator data folder with an
-    // account) on 127.0.0.1 at an ephemeral port, until destroyed.
-    explicit FakeDrive(std::string const& dataFolder);
+    // account) on 127.0.0.1 at an ephemeral port, until destroyed; over TLS
+    // when a certificate and its key (PEM files) are given.
+    explicit FakeDrive(std::string const& dataFolder, std::string const& certFile = "",
+                       std::string const& keyFile = "");
     ~FakeDrive();
     FakeDrive(FakeDrive const&) = delete;
     FakeDrive& operator=(FakeDrive const&) = delete;
 
     int port() const;
-    // "http://127.0.0.1:PORT"
+    // "http://127.0.0.1:PORT" (https with TLS)
     std::string url() const;
 
     // The refresh token the token endpoint accepts (decoded form).

@@ -30,11 +30,16 @@ struct UploadSession {
 };
 
 struct FakeDrive::State {
-    explicit State(std::string const& folder) : store(folder) {}
+    State(std::string const& folder, std::string const& cert, std::string const& key)
+        : store(folder),
+          server(cert.empty() ? std::make_unique<httplib::Server>()
+                              : std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str())),
+          tls(!cert.empty()) {}
 
     std::mutex lock;  // guards everything below and the store
     DriveEmulator::Store store;
-    httplib::Server server;
+    std::unique_ptr<httplib::Server> server;
+    bool tls;
     std::thread thread;
     int port = 0;
 

@@ -92,7 +92,8 @@ void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Res
     // The session lives where the client reached us (a proxy in front, say).
     std::string host = req.get_header_value("Host");
     if (host.empty()) host = "127.0.0.1:" + std::to_string(s.port);
-    res.set_header("Location", "http://" + host + path + "?uploadType=resumable&upload_id=" + sid);
+    res.set_header("Location", (s.tls ? "https://" : "http://") + host + path +
+                                   "?uploadType=resumable&upload_id=" + sid);
     res.status = 200;
 }
 
@@ -198,18 +199,18 @@ void receiveChunk(FakeDrive::State& s, httplib::Request const& req, httplib::Res
 
 void addTransferRoutes(FakeDrive::State& state) {
     auto& s = state;
-    s.server.Post("/upload/drive/v3/files",
-                  [&s](httplib::Request const& req, httplib::Response& res) {
-                      startSession(s, req, res, "");
-                  });
-    s.server.Patch(R"(/upload/drive/v3/files/([^/]+))",
+    s.server->Post("/upload/drive/v3/files",
                    [&s](httplib::Request const& req, httplib::Response& res) {
-                       startSession(s, req, res, req.matches[1]);
+                       startSession(s, req, res, "");
                    });
+    s.server->Patch(R"(/upload/drive/v3/files/([^/]+))",
+                    [&s](httplib::Request const& req, httplib::Response& res) {
+                        startSession(s, req, res, req.matches[1]);
+                    });
     auto chunk = [&s](httplib::Request const& req, httplib::Response& res,
                       httplib::ContentReader const& reader) { receiveChunk(s, req, res, reader); };
-    s.server.Put("/upload/drive/v3/files", chunk);
-    s.server.Put(R"(/upload/drive/v3/files/([^/]+))", chunk);
+    s.server->Put("/upload/drive/v3/files", chunk);
+    s.server->Put(R"(/upload/drive/v3/files/([^/]+))", chunk);
 }
 
 void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Response& res) {

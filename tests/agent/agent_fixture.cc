@@ -10,15 +10,31 @@
 
 namespace AgentTest {
 
-AgentOnFake::AgentOnFake(bool throughProxy)
+AgentOnFake::AgentOnFake(bool throughProxy, bool tls)
     : data(TestSupport::makeTempFolder("agent-data")),
       scratch(TestSupport::makeTempFolder("agent-local")) {
     drive.emplace(DriveEmulator::Drive::init(data));
-    fake = std::make_unique<DriveFake::FakeDrive>(data);
+    std::string cert, key;
+    if (tls) {
+        cert = scratch + "/cert.pem";
+        key = scratch + "/key.pem";
+        std::string command =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 "
+            "-subj /CN=127.0.0.1 "
+            "-addext subjectAltName=IP:127.0.0.1 -keyout " +
+            key + " -out " + cert + " >/dev/null 2>&1";
+        if (std::system(command.c_str()) != 0) ADD_FAILURE() << "openssl made no certificate";
+    }
+    fake = std::make_unique<DriveFake::FakeDrive>(data, cert, key);
     if (throughProxy) proxy = std::make_unique<DriveFake::CutProxy>(fake->port());
+    configure(cert);
+}
+
+void AgentOnFake::configure(std::string const& caFile) {
     std::string url = proxy ? proxy->url() : fake->url();
-    std::ofstream(scratch + "/drive_agent.conf")
-        << "api_url = " << url << "\ntoken_url = " << url << "/token\nstall_seconds = 5\n";
+    std::ofstream conf(scratch + "/drive_agent.conf");
+    conf << "api_url = " << url << "\ntoken_url = " << url << "/token\nstall_seconds = 5\n";
+    if (!caFile.empty()) conf << "ca_file = " << caFile << "\n";
 }
 
 AgentOnFake::~AgentOnFake() {

@@ -21,12 +21,17 @@ using TestSupport::writeFile;
 
 class AgentOnFake {
   public:
-    explicit AgentOnFake(bool throughProxy = false);
+    // `tls`: the fake serves https with a certificate made for the test,
+    // which the agent's configuration names as its CA.
+    explicit AgentOnFake(bool throughProxy = false, bool tls = false);
     ~AgentOnFake();
 
     // drive_agent started as the plug-in starts it, pointed at the fake (or
     // the proxy); the test fails unless it says "start".
     std::unique_ptr<EmulatorProcess> start(Env const& env = {});
+    // Writes the agent's configuration file: the fake's (or proxy's) URLs
+    // and, when given, the CA file.
+    void configure(std::string const& caFile);
 
     std::string data;     // the account's data folder
     std::string scratch;  // a private folder for local files

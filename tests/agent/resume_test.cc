@@ -9,6 +9,7 @@
 #include "agent_fixture.h"
 #include "backup/error.h"
 #include "googledrive_error.h"
+#include "http.h"
 
 using namespace AgentTest;
 
@@ -103,4 +104,21 @@ TEST(ServiceFailures, UploadStoredWrongIsRetryableAndLeavesNoObject) {
         agent->transfer(EmulatorTest::upload("root", onFake.scratch + "/in")).back();
     EXPECT_EQ(-4, answer["error_code"].asInt()) << answer;
     EXPECT_TRUE(onFake.drive->children(onFake.drive->rootId()).empty());
+}
+
+TEST(Tls, VerifiedAlwaysAndATestCaOnlyForLoopback) {
+    AgentOnFake onFake(false, true);
+    auto trusting = onFake.start();
+    EXPECT_TRUE(trusting->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
+    onFake.configure("");
+    auto plain = onFake.start();
+    EXPECT_EQ(-2,
+              plain->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["error_code"].asInt());
+    for (char const* url : {"https://127.0.0.1:8080/x", "http://[::1]/", "https://localhost"}) {
+        EXPECT_TRUE(DriveAgent::isLoopbackUrl(url)) << url;
+    }
+    for (char const* url : {"https://127.0.0.1.example.com/", "https://localhost.example.com",
+                            "https://www.googleapis.com"}) {
+        EXPECT_FALSE(DriveAgent::isLoopbackUrl(url)) << url;
+    }
 }
