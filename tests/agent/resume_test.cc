@@ -43,12 +43,12 @@ TEST_F(Transfers, ExpiredSessionStartsAgainAndShortRangesAreFollowedUp) {
 
 TEST(Tokens, RenewedBeforeExpiryAndOnceAfterARefusal) {
     AgentOnFake onFake;
-    onFake.fake->setTokenLife(1);
+    onFake.fake->setTokenLife(2);
     auto agent = onFake.start({{"GOOGLEDRIVE_ACCESS_TOKEN", std::string()}});
     for (int i = 0; i < 3; ++i) {
         EXPECT_TRUE(
             agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
-        std::this_thread::sleep_for(std::chrono::milliseconds(700));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1100));
     }
     EXPECT_EQ(0, onFake.fake->counters().unauthorized.load());
     EXPECT_GE(onFake.fake->counters().tokenGrants.load(), 2);
