@@ -4,6 +4,7 @@
 
 #include <httplib.h>
 #include <json/value.h>
+#include <openssl/evp.h>
 
 #include <map>
 #include <mutex>
@@ -26,7 +27,8 @@ struct UploadSession {
     std::int64_t size = 0;
     std::int64_t received = 0;
     std::unique_ptr<DriveEmulator::PendingBlob> blob;
-    Json::Value finished;  // the file resource once complete
+    std::shared_ptr<EVP_MD_CTX> md5;  // of the bytes received so far
+    Json::Value finished;             // the file resource once complete
 };
 
 struct FakeDrive::State {

@@ -21,13 +21,6 @@ using DriveEmulator::WriteTransaction;
 
 namespace {
 
-struct Md5Deleter {
-    void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-
-// Running MD5s of the sessions, by session id.
-std::map<std::string, std::unique_ptr<EVP_MD_CTX, Md5Deleter>> gHashes;
-
 std::string hexDigest(EVP_MD_CTX* ctx) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned len = 0;
@@ -83,8 +76,8 @@ void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Res
         return;
     }
     std::string sid = DriveEmulator::randomToken(40);
-    gHashes[sid].reset(EVP_MD_CTX_new());
-    EVP_DigestInit_ex(gHashes[sid].get(), EVP_md5(), nullptr);
+    session.md5.reset(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    EVP_DigestInit_ex(session.md5.get(), EVP_md5(), nullptr);
     s.sessions[sid] = std::move(session);
     ++s.counters.sessions;
     std::string path =
@@ -98,10 +91,9 @@ void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Res
 }
 
 // Publishes a complete session's content as the file's new version.
-void finish(FakeDrive::State& s, std::string const& sid, UploadSession& session,
-            httplib::Response& res) {
+void finish(FakeDrive::State& s, UploadSession& session, httplib::Response& res) {
     DriveEmulator::NewContent content{"", 0, DriveEmulator::kEmptyMd5};
-    std::string md5 = hexDigest(gHashes[sid].get());
+    std::string md5 = hexDigest(session.md5.get());
     if (s.corruptNext) {
         // Bytes damaged on the service's side: the checksum no longer matches.
         s.corruptNext = false;
@@ -171,7 +163,7 @@ void receiveChunk(FakeDrive::State& s, httplib::Request const& req, httplib::Res
                     stored = false;
                     return false;
                 }
-                EVP_DigestUpdate(gHashes[sid].get(), data + skip, fresh);
+                EVP_DigestUpdate(session.md5.get(), data + skip, fresh);
                 session.received = end;
             }
             position = end;
@@ -187,7 +179,7 @@ void receiveChunk(FakeDrive::State& s, httplib::Request const& req, httplib::Res
         return;
     }
     if (session.received == session.size) {
-        finish(s, sid, session, res);
+        finish(s, session, res);
         return;
     }
     res.status = 308;
