@@ -52,6 +52,8 @@ class ChildPipe {
         ::waitpid(_pid, &status, 0);
     }
 
+    pid_t pid() const { return _pid; }
+
     void write(std::string const& text) {
         for (size_t done = 0; done < text.size();) {
             ssize_t n = ::write(_to, text.data() + done, text.size() - done);

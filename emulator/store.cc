@@ -376,11 +376,18 @@ void Store::insertObject(StoredObject const& stored, std::string const& parentId
         .run();
 }
 
-Object Store::createFolder(std::string const& parentId, std::string const& name, std::int64_t lag) {
+std::string Store::claimId(std::string const& id) {
+    if (id.empty()) return newObjectId();
+    if (find(id)) throw Error(409, "A file already exists with the provided ID.");
+    return id;
+}
+
+Object Store::createFolder(std::string const& parentId, std::string const& name, std::int64_t lag,
+                           std::string const& id) {
     checkName(name);
     StoredObject parent = getFolder(parentId);
     StoredObject stored;
-    stored.object.id = newObjectId();
+    stored.object.id = claimId(id);
     stored.object.name = name;
     stored.object.parents = {parent.object.id};
     stored.object.isDir = true;
@@ -393,12 +400,12 @@ Object Store::createFolder(std::string const& parentId, std::string const& name,
 }
 
 Object Store::createFile(std::string const& parentId, std::string const& name,
-                         NewContent const& content, std::int64_t lag) {
+                         NewContent const& content, std::int64_t lag, std::string const& id) {
     checkName(name);
     StoredObject parent = getFolder(parentId);
     checkQuota(content.size);
     StoredObject stored;
-    stored.object.id = newObjectId();
+    stored.object.id = claimId(id);
     stored.object.name = name;
     stored.object.parents = {parent.object.id};
     stored.object.size = static_cast<std::uint64_t>(content.size);

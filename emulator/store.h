@@ -83,10 +83,14 @@ class Store {
                   bool repeatLast = false);
 
     // ---- Changing (inside a WriteTransaction) ----
-    Object createFolder(std::string const& parentId, std::string const& name, std::int64_t lag);
-    // Creates a file from published content; 404/400 for the parent, 403 for the quota.
+    // `id` empty: a fresh one; otherwise the caller's (as Drive takes ids
+    // from files.generateIds), Error(409) when an object already has it.
+    Object createFolder(std::string const& parentId, std::string const& name, std::int64_t lag,
+                        std::string const& id = "");
+    // Creates a file from published content; 404/400 for the parent, 403 for
+    // the quota, 409 as createFolder.
     Object createFile(std::string const& parentId, std::string const& name,
-                      NewContent const& content, std::int64_t lag);
+                      NewContent const& content, std::int64_t lag, std::string const& id = "");
     // Replaces a file's contents; returns the blob the old version used (to be
     // discarded after the commit). 404, 400 for a folder, 403 for the quota.
     std::string updateFile(std::string const& id, NewContent const& content);
@@ -105,6 +109,7 @@ class Store {
     void checkQuota(std::int64_t delta);
 
   private:
+    std::string claimId(std::string const& id);
     std::string metaValue(char const* key);
     void insertObject(StoredObject const& stored, std::string const& parentId);
     std::vector<std::string> parentsOf(std::string const& id);

@@ -48,6 +48,12 @@ void addDestinationOptions(CLI::App& app, Destination& d) {
     app.add_option("--data-dir", d.dataDir,
                    "embedded emulator's folder; default $XDG_DATA_HOME/gdrive_host")
         ->envname("GDRIVE_DATA_DIR");
+    app.add_option("--service", d.service,
+                   "who plays the Drive: the embedded emulator, or drive for the real Drive "
+                   "through drive_agent")
+        ->envname("GDRIVE_SERVICE")
+        ->check(CLI::IsMember({"emulator", "drive"}))
+        ->capture_default_str();
     app.add_option("--plugin", d.plugin, "plug-in module to load")
         ->envname("GDRIVE_PLUGIN")
         ->capture_default_str();
@@ -105,10 +111,45 @@ std::string defaultPluginPath() {
     return installed.empty() ? BUILT_PLUGIN_PATH : installed;
 }
 
+namespace {
+
+// The engine's layout of the drive agent under `root`, with drive_agent as
+// its program; its OAuth client settings come from drive_agent.conf in the
+// tool's configuration folder when there is one.
+void layOutDriveAgent(std::string const& root) {
+    namespace fs = std::filesystem;
+    std::string program = root + DriveEmulator::kAgentProgram;
+    std::string script = root + DriveEmulator::kAgentScript;
+    fs::create_directories(fs::path(program).parent_path());
+    fs::create_directories(fs::path(script).parent_path());
+    std::string agent = besideTool("drive_agent");
+    std::error_code ignored;
+    fs::remove(program, ignored);
+    fs::create_symlink(agent.empty() ? BUILT_DRIVE_AGENT : agent, program);
+    if (!fs::exists(script))
+        std::ofstream(script) << "# Placeholder: the drive agent is drive_agent.\n";
+    std::string conf = fs::path(defaultProfile()).parent_path() / "drive_agent.conf";
+    if (!getenv("DRIVE_AGENT_CONF") && fs::exists(conf))
+        setenv("DRIVE_AGENT_CONF", conf.c_str(), 1);
+}
+
+}  // namespace
+
 bool prepareDestination(Destination& d, std::string& error) {
     if (d.dataDir.empty()) d.dataDir = defaultDataDir();
     if (d.cacheDir.empty()) d.cacheDir = d.dataDir + "/cache";
     if (getenv("TAVO_ROOT")) return true;
+    if (d.service == "drive") {
+        std::string root = d.dataDir + "/drive-agent-root";
+        try {
+            layOutDriveAgent(root);
+        } catch (std::exception const& e) {
+            error = "cannot lay out the drive agent in " + d.dataDir + ": " + e.what();
+            return false;
+        }
+        setenv("TAVO_ROOT", root.c_str(), 1);
+        return true;
+    }
     std::string root = d.dataDir + "/agent-root";
     try {
         DriveEmulator::makeAgentRoot(root, emulatorAccountFolder(d));

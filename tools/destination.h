@@ -19,6 +19,7 @@ struct Destination {
     std::string cacheDir;  // the engine's cache root; default DATA/cache
     std::string dataDir;   // default $XDG_DATA_HOME/gdrive_host, else ~/.local/share/gdrive_host
     std::string plugin;    // the plug-in module to load
+    std::string service = "emulator";  // "drive": the drive agent for the real Drive
 };
 
 // Adds the destination's options to `app`: each flag also read from an
@@ -32,7 +33,8 @@ void warnUnknownProfileKeys(std::string const& profile);
 
 // Fills the defaults that depend on the environment and, unless TAVO_ROOT
 // already names a drive agent, lays out the embedded emulator under the data
-// folder (account, agent root, first use only) and points TAVO_ROOT at it.
+// folder (account, agent root, first use only), or with service "drive" the
+// drive agent for the real Drive, and points TAVO_ROOT at it.
 // False with `error` set when the folders cannot be made.
 bool prepareDestination(Destination& destination, std::string& error);
 

@@ -12,7 +12,8 @@
 
 namespace EmulatorTest {
 
-EmulatorProcess::EmulatorProcess(std::string const& dataFolder, Env const& changes) {
+EmulatorProcess::EmulatorProcess(std::string const& dataFolder, Env const& changes,
+                                 std::string const& binary) {
     Env env = {
         {"GOOGLEDRIVE_ACCESS_TOKEN", std::string("ya29.access")},
         {"GOOGLEDRIVE_REFRESH_TOKEN", std::string("MS8vMGdSZWZyZXNoVG9rZW4=")},
@@ -31,7 +32,8 @@ EmulatorProcess::EmulatorProcess(std::string const& dataFolder, Env const& chang
             ::unsetenv(name.c_str());
         }
     }
-    _pipe = TAVOPipeOpen(&_pid, DriveEmulator::emulatorBinary().c_str(), nullptr);
+    std::string program = binary.empty() ? DriveEmulator::emulatorBinary() : binary;
+    _pipe = TAVOPipeOpen(&_pid, program.c_str(), nullptr);
     if (!_pipe) throw std::runtime_error("cannot start the emulator");
 }
 

@@ -27,8 +27,10 @@ using Env = std::map<std::string, std::optional<std::string>>;
 
 class EmulatorProcess {
   public:
-    // Starts the emulator on `dataFolder`, unless `env` names another.
-    explicit EmulatorProcess(std::string const& dataFolder, Env const& env = {});
+    // Starts the emulator on `dataFolder`, unless `env` names another; or
+    // `binary` (another drive agent) in its place, with the same environment.
+    explicit EmulatorProcess(std::string const& dataFolder, Env const& env = {},
+                             std::string const& binary = "");
     // Closes both pipes and reaps it.
     ~EmulatorProcess();
     EmulatorProcess(EmulatorProcess const&) = delete;

@@ -1,0 +1,157 @@
+#include "download.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "agent_failure.h"
+#include "protocol_out.h"
+
+namespace DriveAgent {
+
+namespace {
+
+constexpr int kStalledAttempts = 6;
+
+[[noreturn]] void localFailure(std::string const& path) {
+    throw AgentFailure(kLocalFailure, "cannot write " + path + ": " + std::strerror(errno));
+}
+
+// The output file with what was written so far and its running MD5.
+class Output {
+  public:
+    Output(std::string const& path) : _path(path), _ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
+        _fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (_fd < 0) localFailure(path);
+        restart();
+    }
+    ~Output() {
+        if (_fd >= 0) ::close(_fd);
+    }
+    // Back to an empty file (the service ignored our Range).
+    void restart() {
+        struct stat st;
+        if (::fstat(_fd, &st) != 0 || (st.st_size > 0 && ::ftruncate(_fd, 0) != 0))
+            localFailure(_path);
+        EVP_DigestInit_ex(_ctx.get(), EVP_md5(), nullptr);
+        _written = 0;
+    }
+    bool append(char const* data, size_t n) {
+        for (size_t done = 0; done < n;) {
+            ssize_t w =
+                ::pwrite(_fd, data + done, n - done, _written + static_cast<std::int64_t>(done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) {
+                _write_errno = errno;
+                return false;
+            }
+            done += static_cast<size_t>(w);
+        }
+        EVP_DigestUpdate(_ctx.get(), data, n);
+        _written += static_cast<std::int64_t>(n);
+        return true;
+    }
+    std::int64_t written() const { return _written; }
+    int writeErrno() const { return _write_errno; }
+    std::string md5() {
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned len = 0;
+        EVP_DigestFinal_ex(_ctx.get(), digest, &len);
+        static char const* const digits = "0123456789abcdef";
+        std::string text;
+        for (unsigned i = 0; i < len; ++i) {
+            text += digits[digest[i] >> 4];
+            text += digits[digest[i] & 15];
+        }
+        return text;
+    }
+    void close() {
+        if (::close(_fd) != 0) {
+            _fd = -1;
+            localFailure(_path);
+        }
+        _fd = -1;
+    }
+
+  private:
+    std::string _path;
+    int _fd = -1;
+    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> _ctx;
+    std::int64_t _written = 0;
+    int _write_errno = 0;
+};
+
+// The start offset a 206 answer's Content-Range names ("bytes 100-199/1000").
+std::int64_t rangeStart(HttpResponse const& response) {
+    std::string range = response.header("content-range");
+    size_t space = range.find(' ');
+    return space == std::string::npos ? -1 : std::atoll(range.c_str() + space + 1);
+}
+
+}  // namespace
+
+Json::Value downloadContent(DriveApi& api, std::string const& id, std::string const& outputPath,
+                            int out) {
+    std::string const path = "files/" + api.http().escape(id);
+    Json::Value file = api.call(api.api(
+        "GET", path, "fields=" + api.http().escape(kFileFields) + "&supportsAllDrives=true"));
+    if (file.get("mimeType", "").asString() == "application/vnd.google-apps.folder") {
+        throw AgentFailure(403, "Only files with binary content can be downloaded.");
+    }
+    std::int64_t const size = std::atoll(file.get("size", "0").asString().c_str());
+    Output output(outputPath);
+    ProgressLines progress(out, size);
+    int stalled = 0;
+    while (output.written() < size) {
+        std::int64_t before = output.written();
+        HttpRequest request = api.api("GET", path, "alt=media&supportsAllDrives=true");
+        request.headers.push_back("Range: bytes=" + std::to_string(before) + "-");
+        bool first = true;
+        request.sink = [&](char const* data, size_t n, HttpResponse const& answer) {
+            if (first) {
+                first = false;
+                // A 200 is the whole file again; a 206 must start where we are.
+                if (answer.status == 200) {
+                    output.restart();
+                } else if (rangeStart(answer) != before) {
+                    return false;
+                }
+            }
+            if (!output.append(data, n)) return false;
+            progress.reached(output.written());
+            return output.written() <= size;
+        };
+        HttpResponse response;
+        response = api.exchange(request);
+        if (output.writeErrno() != 0) {
+            errno = output.writeErrno();
+            localFailure(outputPath);
+        }
+        if (!response.transportFailed() && (response.status < 200 || response.status >= 300)) {
+            api.fail(response);
+        }
+        if (output.written() > before) {
+            stalled = 0;
+        } else if (++stalled >= kStalledAttempts) {
+            if (response.transportFailed()) api.fail(response);
+            throw AgentFailure(kTransportFailure, "the download makes no progress");
+        }
+    }
+    output.close();
+    progress.finish();
+    std::string expected = file.get("md5Checksum", "").asString();
+    if (!expected.empty() && output.md5() != expected) {
+        throw AgentFailure(kIntegrityFailure, "the downloaded bytes do not match the file's MD5");
+    }
+    Json::Value done(Json::objectValue);
+    done["success"] = true;
+    done["complete"] = true;
+    return done;
+}
+
+}  // namespace DriveAgent

@@ -1,0 +1,117 @@
+#include "drive_api.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <thread>
+
+#include "drive_errors.h"
+
+namespace DriveAgent {
+
+char const* const kFileFields = "id,name,mimeType,parents,size,modifiedTime,md5Checksum,trashed";
+
+namespace {
+
+constexpr long kMaxRetryAfter = 120;
+char const* const kFolderType = "application/vnd.google-apps.folder";
+
+}  // namespace
+
+DriveApi::DriveApi(Http& http, TokenSource& tokens, AgentConfig const& config)
+    : _http(http), _tokens(tokens), _config(config) {}
+
+HttpResponse DriveApi::exchange(HttpRequest request) {
+    size_t const plainHeaders = request.headers.size();
+    HttpResponse response;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        request.headers.resize(plainHeaders);
+        request.headers.push_back("Authorization: Bearer " + _tokens.accessToken());
+        response = _http.perform(request);
+        if (response.status != 401 || response.transportFailed()) break;
+        _tokens.expire();
+    }
+    return response;
+}
+
+void DriveApi::fail(HttpResponse const& response) {
+    if (response.transportFailed()) throw transportFailure(response);
+    long wait = std::min(retryAfterSeconds(response), kMaxRetryAfter);
+    if (wait > 0) std::this_thread::sleep_for(std::chrono::seconds(wait));
+    throw driveFailure(response.status, response.body);
+}
+
+Json::Value DriveApi::call(HttpRequest const& request) {
+    HttpResponse response = exchange(request);
+    if (response.transportFailed() || response.status < 200 || response.status >= 300) {
+        fail(response);
+    }
+    return response.body.empty() ? Json::Value() : parseJson(response.body);
+}
+
+Json::Value parseJson(std::string const& text) {
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    std::string errors;
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors)) {
+        throw AgentFailure(kTransportFailure, "the service's answer is not JSON");
+    }
+    return value;
+}
+
+HttpRequest DriveApi::api(std::string const& method, std::string const& path,
+                          std::string const& query) const {
+    HttpRequest request;
+    request.method = method;
+    request.url = _config.apiUrl + "/drive/v3/" + path + (query.empty() ? "" : "?" + query);
+    return request;
+}
+
+HttpRequest DriveApi::apiJson(std::string const& method, std::string const& path,
+                              std::string const& query, Json::Value const& body) const {
+    HttpRequest request = api(method, path, query);
+    request.headers.push_back("Content-Type: application/json; charset=UTF-8");
+    request.body = toLine(body);
+    return request;
+}
+
+long long parseRfc3339(std::string const& text) {
+    std::tm tm{};
+    if (!strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &tm)) return 0;
+    return static_cast<long long>(timegm(&tm));
+}
+
+Json::Value objectRecord(Json::Value const& file) {
+    Json::Value record(Json::objectValue);
+    record["id"] = file.get("id", "").asString();
+    Json::Value const& parents = file["parents"];
+    if (parents.isArray() && !parents.empty()) record["name"] = file.get("name", "").asString();
+    Json::Value& list = record["parents"] = Json::Value(Json::arrayValue);
+    if (parents.isArray()) {
+        for (auto const& parent : parents) list.append(parent.asString());
+    }
+    bool isDir = file.get("mimeType", "").asString() == kFolderType;
+    Json::Value& properties = record["properties"];
+    properties["isDir"] = isDir;
+    // Drive sends sizes as decimal strings.
+    properties["size"] = Json::UInt64(
+        isDir ? 0 : std::strtoull(file.get("size", "0").asString().c_str(), nullptr, 10));
+    properties["lastModified"] =
+        Json::Int64(std::max(0LL, parseRfc3339(file.get("modifiedTime", "").asString())));
+    properties["md5Checksum"] = isDir ? "" : file.get("md5Checksum", "").asString();
+    properties["isTrash"] = file.get("trashed", false).asBool();
+    return record;
+}
+
+std::string toLine(Json::Value const& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+}  // namespace DriveAgent

@@ -1,0 +1,101 @@
+#include "drive_errors.h"
+
+#include <json/reader.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace DriveAgent {
+
+char const* const kQuotaMessage = "The user's Drive storage quota has been exceeded.";
+
+namespace {
+
+Json::Value parseBody(std::string const& body) {
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    std::string errors;
+    if (!reader->parse(body.data(), body.data() + body.size(), &value, &errors) ||
+        !value.isObject()) {
+        return Json::Value();
+    }
+    return value;
+}
+
+std::string statusText(long status) {
+    switch (status) {
+        case 400:
+            return "Bad Request";
+        case 401:
+            return "Invalid Credentials";
+        case 403:
+            return "Forbidden";
+        case 404:
+            return "Not Found";
+        case 408:
+            return "Request Timeout";
+        case 429:
+            return "Too Many Requests";
+        case 500:
+            return "Internal Error";
+        case 502:
+            return "Bad Gateway";
+        case 503:
+            return "Service Unavailable";
+        case 504:
+            return "Gateway Timeout";
+        default:
+            return "HTTP " + std::to_string(status);
+    }
+}
+
+}  // namespace
+
+AgentFailure driveFailure(long status, std::string const& body) {
+    Json::Value error = parseBody(body)["error"];
+    std::string reason;
+    std::string message;
+    if (error.isObject()) {
+        Json::Value const& errors = error["errors"];
+        if (errors.isArray() && !errors.empty() && errors[0].isObject()) {
+            reason = errors[0].get("reason", "").asString();
+        }
+        if (error["message"].isString()) message = error["message"].asString();
+    }
+    int code = static_cast<int>(status);
+    if (code == 429) return AgentFailure(429, message.empty() ? statusText(429) : message);
+    if (reason == "userRateLimitExceeded") return AgentFailure(403, "User Rate Limit Exceeded");
+    if (reason == "rateLimitExceeded" || reason == "sharingRateLimitExceeded") {
+        return AgentFailure(403, "Rate Limit Exceeded");
+    }
+    if (reason == "storageQuotaExceeded" || reason == "quotaExceeded") {
+        return AgentFailure(403, kQuotaMessage);
+    }
+    if (code == 401) return AgentFailure(401, "Invalid Credentials");
+    if (message.empty() || message == kQuotaMessage) message = statusText(status);
+    return AgentFailure(code, message);
+}
+
+AgentFailure tokenFailure(long status, std::string const& body) {
+    Json::Value answer = parseBody(body);
+    std::string error = answer["error"].isString() ? answer["error"].asString() : "";
+    if (error == "invalid_grant" || error == "invalid_client" || error == "unauthorized_client") {
+        return AgentFailure(401, "Token has been expired or revoked.");
+    }
+    return driveFailure(status, body);
+}
+
+AgentFailure transportFailure(HttpResponse const& response) {
+    return AgentFailure(kTransportFailure, "connection failed: " + response.error);
+}
+
+long retryAfterSeconds(HttpResponse const& response) {
+    std::string value = response.header("retry-after");
+    if (value.empty()) return 0;
+    char* end = nullptr;
+    long seconds = std::strtol(value.c_str(), &end, 10);
+    return end && *end == '\0' && seconds > 0 ? seconds : 0;
+}
+
+}  // namespace DriveAgent

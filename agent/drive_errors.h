@@ -1,0 +1,34 @@
+// Turns the service's failed answers into the pipe protocol's failures. The
+// decision rests on the HTTP status and Drive's `reason`, never on its
+// wording: the plug-in compares a few messages whole (the quota sentence, the
+// rate limits), so those are always written here in the plug-in's words.
+#pragma once
+
+#include <string>
+
+#include "agent_failure.h"
+#include "http.h"
+
+namespace DriveAgent {
+
+// The quota sentence the plug-in turns into its quota error.
+extern char const* const kQuotaMessage;
+
+// The failure a Drive API answer with `status` (400 or above) and `body`
+// stands for: a rate limit becomes 403 "User Rate Limit Exceeded" or "Rate
+// Limit Exceeded", a full account 403 with kQuotaMessage, 429 and 5xx keep
+// their status; a body that is not Drive's JSON (a proxy's HTML page) gives
+// the status with a short text.
+AgentFailure driveFailure(long status, std::string const& body);
+
+// The failure an OAuth token endpoint answer stands for: a refused grant or
+// client is 401 (refused credentials), anything else as driveFailure.
+AgentFailure tokenFailure(long status, std::string const& body);
+
+// The failure a transport error stands for (-2, retryable by the plug-in).
+AgentFailure transportFailure(HttpResponse const& response);
+
+// Seconds the answer's Retry-After header asks for (0 when absent or a date).
+long retryAfterSeconds(HttpResponse const& response);
+
+}  // namespace DriveAgent

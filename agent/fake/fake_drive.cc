@@ -1,0 +1,331 @@
+#include "fake_drive.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <ctime>
+
+#include "content_copy.h"
+#include "fake_state.h"
+#include "ids.h"
+
+namespace DriveFake {
+
+using DriveEmulator::Error;
+using DriveEmulator::Object;
+using DriveEmulator::ReadTransaction;
+using DriveEmulator::WriteTransaction;
+
+void sendJson(httplib::Response& res, Json::Value const& value, int status) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    res.status = status;
+    res.set_content(Json::writeString(builder, value), "application/json; charset=UTF-8");
+}
+
+void sendError(httplib::Response& res, int status, std::string const& reason,
+               std::string const& message) {
+    Json::Value error(Json::objectValue);
+    Json::Value detail(Json::objectValue);
+    detail["domain"] = "global";
+    detail["reason"] = reason;
+    detail["message"] = message;
+    error["error"]["errors"].append(detail);
+    error["error"]["code"] = status;
+    error["error"]["message"] = message;
+    sendJson(res, error, status);
+}
+
+void sendModelError(httplib::Response& res, Error const& error) {
+    std::string message = error.what();
+    switch (error.code()) {
+        case 404:
+            sendError(res, 404, "notFound", message);
+            break;
+        case 409:
+            sendError(res, 409, "duplicate", message);
+            break;
+        case 400:
+            sendError(res, 400, "invalid", message);
+            break;
+        case 403:
+            // Drive words a full account differently in different places;
+            // the agent must go by the reason.
+            if (message == DriveEmulator::Messages::kQuotaExceeded) {
+                sendError(res, 403, "storageQuotaExceeded",
+                          "The user has exceeded their Drive storage quota");
+            } else {
+                sendError(res, 403, "insufficientFilePermissions", message);
+            }
+            break;
+        default:
+            sendError(res, error.code() > 0 ? error.code() : 500, "backendError", message);
+    }
+}
+
+Json::Value fileResource(Object const& object) {
+    Json::Value file(Json::objectValue);
+    file["kind"] = "drive#file";
+    file["id"] = object.id;
+    file["name"] = object.name;
+    file["mimeType"] =
+        object.isDir ? "application/vnd.google-apps.folder" : "application/octet-stream";
+    if (!object.parents.empty()) {
+        for (auto const& parent : object.parents) file["parents"].append(parent);
+    }
+    if (!object.isDir) {
+        file["size"] = std::to_string(object.size);
+        file["md5Checksum"] = object.md5;
+    }
+    char when[32];
+    std::time_t t = object.mtime;
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S.000Z", &tm);
+    file["modifiedTime"] = when;
+    file["trashed"] = object.trashed;
+    return file;
+}
+
+namespace {
+
+Json::Value parseBody(std::string const& body) {
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    reader->parse(body.data(), body.data() + body.size(), &value, &errors);
+    return value;
+}
+
+// A failure rule that fires on this request, if any.
+std::optional<FailRule> firedRule(FakeDrive::State& state, httplib::Request const& req) {
+    std::string what = req.method + " " + req.path;
+    for (auto it = state.failures.begin(); it != state.failures.end(); ++it) {
+        if (what.find(it->match) == std::string::npos) continue;
+        FailRule rule = *it;
+        if (--it->times == 0) state.failures.erase(it);
+        return rule;
+    }
+    return std::nullopt;
+}
+
+void sendRule(httplib::Response& res, FailRule const& rule) {
+    if (rule.retryAfter > 0) res.set_header("Retry-After", std::to_string(rule.retryAfter));
+    if (rule.html) {
+        res.status = rule.status;
+        res.set_content(
+            "<html><head><title>502 Bad Gateway</title></head><body>Bad Gateway</body></html>",
+            "text/html");
+    } else {
+        sendError(res, rule.status, rule.reason, rule.message);
+    }
+}
+
+// Faults first, then the access token of every API request.
+httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request const& req,
+                                      httplib::Response& res) {
+    std::lock_guard<std::mutex> guard(state.lock);
+    if (auto rule = firedRule(state, req)) {
+        sendRule(res, *rule);
+        return httplib::Server::HandlerResponse::Handled;
+    }
+    if (req.path == "/token") return httplib::Server::HandlerResponse::Unhandled;
+    std::string auth = req.get_header_value("Authorization");
+    std::string token = auth.rfind("Bearer ", 0) == 0 ? auth.substr(7) : "";
+    auto found = state.tokens.find(token);
+    if (found == state.tokens.end() || std::chrono::steady_clock::now() >= found->second) {
+        ++state.counters.unauthorized;
+        sendError(res, 401, "authError", "Invalid Credentials");
+        return httplib::Server::HandlerResponse::Handled;
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+}
+
+void token(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
+    std::lock_guard<std::mutex> guard(state.lock);
+    if (req.get_param_value("grant_type") != "refresh_token" || state.revoked ||
+        req.get_param_value("refresh_token") != state.refreshToken) {
+        Json::Value answer(Json::objectValue);
+        answer["error"] = "invalid_grant";
+        answer["error_description"] = "Token has been expired or revoked.";
+        sendJson(res, answer, 400);
+        return;
+    }
+    std::string token = "ya29.fake-" + DriveEmulator::randomToken(24);
+    state.tokens[token] = std::chrono::steady_clock::now() + std::chrono::seconds(state.tokenLife);
+    ++state.counters.tokenGrants;
+    Json::Value answer(Json::objectValue);
+    answer["access_token"] = token;
+    answer["expires_in"] = state.tokenLife;
+    answer["token_type"] = "Bearer";
+    sendJson(res, answer);
+}
+
+void addMetadataRoutes(FakeDrive::State& state) {
+    auto& s = state;
+    s.server->Get(
+        "/drive/v3/files/generateIds", [&s](httplib::Request const& req, httplib::Response& res) {
+            int count = req.has_param("count") ? std::stoi(req.get_param_value("count")) : 10;
+            Json::Value answer(Json::objectValue);
+            answer["kind"] = "drive#generatedIds";
+            answer["space"] = "drive";
+            for (int i = 0; i < count; ++i) answer["ids"].append(DriveEmulator::newObjectId());
+            sendJson(res, answer);
+        });
+    s.server->Get(R"(/drive/v3/files/([^/]+))",
+                  [&s](httplib::Request const& req, httplib::Response& res) {
+                      if (req.get_param_value("alt") == "media") {
+                          serveMedia(s, req, res);
+                          return;
+                      }
+                      std::lock_guard<std::mutex> guard(s.lock);
+                      try {
+                          ReadTransaction read(s.store.db());
+                          sendJson(res, fileResource(s.store.get(req.matches[1]).object));
+                      } catch (Error const& e) {
+                          sendModelError(res, e);
+                      }
+                  });
+    s.server->Get("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
+        std::lock_guard<std::mutex> guard(s.lock);
+        try {
+            DriveEmulator::Settings settings;
+            {
+                ReadTransaction read(s.store.db());
+                settings = s.store.settings();
+            }
+            // Drive itself lists trashed objects unless the query says otherwise.
+            settings.listTrashed = true;
+            if (req.has_param("pageSize")) {
+                settings.pageSize =
+                    std::max(1, std::min(1000, std::stoi(req.get_param_value("pageSize"))));
+            }
+            WriteTransaction txn(s.store.db());
+            DriveEmulator::ListPage page =
+                s.store.list(req.get_param_value("q"), req.get_param_value("pageToken"), settings);
+            txn.commit();
+            Json::Value answer(Json::objectValue);
+            answer["kind"] = "drive#fileList";
+            answer["files"] = Json::Value(Json::arrayValue);
+            for (auto const& object : page.objects) answer["files"].append(fileResource(object));
+            if (!page.nextPageToken.empty()) answer["nextPageToken"] = page.nextPageToken;
+            sendJson(res, answer);
+        } catch (Error const& e) {
+            sendModelError(res, e);
+        }
+    });
+    s.server->Post("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
+        Json::Value meta = parseBody(req.body);
+        std::lock_guard<std::mutex> guard(s.lock);
+        try {
+            WriteTransaction txn(s.store.db());
+            std::string parent = meta["parents"].isArray() && !meta["parents"].empty()
+                                     ? meta["parents"][0].asString()
+                                     : "root";
+            std::string name = meta.get("name", "Untitled").asString();
+            std::string id = meta.get("id", "").asString();
+            Object object =
+                meta.get("mimeType", "").asString() == "application/vnd.google-apps.folder"
+                    ? s.store.createFolder(parent, name, 0, id)
+                    : s.store.createFile(parent, name,
+                                         DriveEmulator::NewContent{"", 0, DriveEmulator::kEmptyMd5},
+                                         0, id);
+            txn.commit();
+            sendJson(res, fileResource(object));
+        } catch (Error const& e) {
+            sendModelError(res, e);
+        }
+    });
+    s.server->Delete(R"(/drive/v3/files/([^/]+))",
+                     [&s](httplib::Request const& req, httplib::Response& res) {
+                         std::lock_guard<std::mutex> guard(s.lock);
+                         try {
+                             WriteTransaction txn(s.store.db());
+                             std::vector<std::string> blobs = s.store.remove(req.matches[1]);
+                             txn.commit();
+                             for (auto const& blob : blobs) s.store.blobs().discard(blob);
+                             res.status = 204;
+                         } catch (Error const& e) {
+                             sendModelError(res, e);
+                         }
+                     });
+    s.server->Get("/drive/v3/about", [&s](httplib::Request const&, httplib::Response& res) {
+        std::lock_guard<std::mutex> guard(s.lock);
+        ReadTransaction read(s.store.db());
+        DriveEmulator::Account account = s.store.account();
+        Json::Value answer(Json::objectValue);
+        answer["user"]["displayName"] = account.userName;
+        answer["user"]["emailAddress"] = account.email;
+        if (account.quota) answer["storageQuota"]["limit"] = std::to_string(*account.quota);
+        answer["storageQuota"]["usage"] = std::to_string(account.usedSize);
+        sendJson(res, answer);
+    });
+}
+
+}  // namespace
+
+FakeDrive::FakeDrive(std::string const& dataFolder, std::string const& certFile,
+                     std::string const& keyFile)
+    : _state(std::make_unique<State>(dataFolder, certFile, keyFile)) {
+    State& s = *_state;
+    s.server->set_pre_routing_handler(
+        [&s](httplib::Request const& req, httplib::Response& res) { return gate(s, req, res); });
+    s.server->Post("/token", [&s](httplib::Request const& req, httplib::Response& res) {
+        token(s, req, res);
+    });
+    addMetadataRoutes(s);
+    addTransferRoutes(s);
+    s.port = s.server->bind_to_any_port("127.0.0.1");
+    if (s.port <= 0) throw std::runtime_error("fake drive cannot listen");
+    s.thread = std::thread([&s] { s.server->listen_after_bind(); });
+    while (!s.server->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+FakeDrive::~FakeDrive() {
+    _state->server->stop();
+    _state->thread.join();
+}
+
+int FakeDrive::port() const { return _state->port; }
+std::string FakeDrive::url() const {
+    return (_state->tls ? "https://127.0.0.1:" : "http://127.0.0.1:") +
+           std::to_string(_state->port);
+}
+
+void FakeDrive::setRefreshToken(std::string const& token) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->refreshToken = token;
+}
+void FakeDrive::setTokenLife(int seconds) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->tokenLife = seconds;
+}
+void FakeDrive::expireAccessTokens() {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->tokens.clear();
+}
+void FakeDrive::revokeGrant() {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->revoked = true;
+    _state->tokens.clear();
+}
+void FakeDrive::addFailure(FailRule const& rule) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->failures.push_back(rule);
+}
+void FakeDrive::expireSessions(int count) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->expireSessions = count;
+}
+void FakeDrive::corruptNextUpload() {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->corruptNext = true;
+}
+void FakeDrive::limitMediaAnswers(std::int64_t bytes) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->mediaLimit = bytes;
+}
+Counters& FakeDrive::counters() { return _state->counters; }
+
+}  // namespace DriveFake

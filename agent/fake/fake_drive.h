@@ -1,0 +1,74 @@
+// A REST-level fake of the Drive API v3 and Google's OAuth token endpoint on
+// a loopback port, for the drive agent's tests: files.get/list/create/delete,
+// generateIds, about, resumable uploads, alt=media with Range, Drive's error
+// bodies, and injected faults. The account lives in an emulator data folder
+// (the emulator's model), so the emulator's control library can shape it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace DriveFake {
+
+// A failure the fake answers instead of serving: the next `times` requests
+// whose "METHOD path" contains `match`.
+struct FailRule {
+    std::string match;
+    int times = 1;
+    int status = 503;
+    std::string reason = "backendError";
+    std::string message = "Backend Error";
+    int retryAfter = 0;  // seconds; 0: no header
+    bool html = false;   // a proxy's HTML page instead of Drive's JSON
+};
+
+struct Counters {
+    std::atomic<int> tokenGrants{0};
+    std::atomic<int> unauthorized{0};  // 401 answers to API requests
+    std::atomic<int> sessions{0};      // resumable sessions opened
+};
+
+class FakeDrive {
+  public:
+    // Serves the account in `dataFolder` (an emulator data folder with an
+    // account) on 127.0.0.1 at an ephemeral port, until destroyed; over TLS
+    // when a certificate and its key (PEM files) are given.
+    explicit FakeDrive(std::string const& dataFolder, std::string const& certFile = "",
+                       std::string const& keyFile = "");
+    ~FakeDrive();
+    FakeDrive(FakeDrive const&) = delete;
+    FakeDrive& operator=(FakeDrive const&) = delete;
+
+    int port() const;
+    // "http://127.0.0.1:PORT" (https with TLS)
+    std::string url() const;
+
+    // The refresh token the token endpoint accepts (decoded form).
+    void setRefreshToken(std::string const& token);
+    // Lifetime in seconds of the access tokens handed out from now on.
+    void setTokenLife(int seconds);
+    // The access tokens handed out so far are refused from now on.
+    void expireAccessTokens();
+    // Every later token request is refused with invalid_grant.
+    void revokeGrant();
+    void addFailure(FailRule const& rule);
+    // The next `count` chunk uploads find their session expired (404).
+    void expireSessions(int count);
+    // The next completed upload reports an MD5 other than its bytes'.
+    void corruptNextUpload();
+    // alt=media answers carry at most this many bytes (0: no limit).
+    void limitMediaAnswers(std::int64_t bytes);
+
+    Counters& counters();
+
+    // The routes' shared state (fake_state.h).
+    struct State;
+
+  private:
+    std::unique_ptr<State> _state;
+};
+
+}  // namespace DriveFake

@@ -1,0 +1,74 @@
+// The fake's shared state and helpers, between its metadata routes
+// (fake_drive.cc) and its content routes (fake_transfers.cc).
+#pragma once
+
+#include <httplib.h>
+#include <json/value.h>
+#include <openssl/evp.h>
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "blobs.h"
+#include "fake_drive.h"
+#include "store.h"
+
+namespace DriveFake {
+
+struct UploadSession {
+    std::string id;        // update: the file; create: the id to give the new file
+    std::string name;      // create only
+    std::string parentId;  // create only
+    bool update = false;
+    std::int64_t size = 0;
+    std::int64_t received = 0;
+    std::unique_ptr<DriveEmulator::PendingBlob> blob;
+    std::shared_ptr<EVP_MD_CTX> md5;  // of the bytes received so far
+    Json::Value finished;             // the file resource once complete
+};
+
+struct FakeDrive::State {
+    State(std::string const& folder, std::string const& cert, std::string const& key)
+        : store(folder),
+          server(cert.empty() ? std::make_unique<httplib::Server>()
+                              : std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str())),
+          tls(!cert.empty()) {}
+
+    std::mutex lock;  // guards everything below and the store
+    DriveEmulator::Store store;
+    std::unique_ptr<httplib::Server> server;
+    bool tls;
+    std::thread thread;
+    int port = 0;
+
+    std::string refreshToken = "1//0gRefreshToken";
+    int tokenLife = 3600;
+    bool revoked = false;
+    std::map<std::string, std::chrono::steady_clock::time_point> tokens;  // token -> expiry
+    std::vector<FailRule> failures;
+    int expireSessions = 0;
+    bool corruptNext = false;
+    std::int64_t mediaLimit = 0;
+    std::map<std::string, UploadSession> sessions;
+    Counters counters;
+};
+
+// Drive's error body for `status`, with `reason` and `message`.
+void sendError(httplib::Response& res, int status, std::string const& reason,
+               std::string const& message);
+// The model's refusal as Drive words it.
+void sendModelError(httplib::Response& res, DriveEmulator::Error const& error);
+// Drive's file resource of `object`.
+Json::Value fileResource(DriveEmulator::Object const& object);
+void sendJson(httplib::Response& res, Json::Value const& value, int status = 200);
+
+// Content routes: resumable uploads.
+void addTransferRoutes(FakeDrive::State& state);
+// GET files/ID?alt=media, with Range.
+void serveMedia(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res);
+
+}  // namespace DriveFake

@@ -1,0 +1,270 @@
+// The fake's content routes: Drive's resumable upload protocol (a session
+// per upload, chunks with Content-Range, 308 with Range while incomplete,
+// the status query "bytes */N", expired sessions) and alt=media downloads
+// with Range.
+#include <fcntl.h>
+#include <json/reader.h>
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "content_copy.h"
+#include "fake_state.h"
+#include "ids.h"
+
+namespace DriveFake {
+
+using DriveEmulator::Error;
+using DriveEmulator::ReadTransaction;
+using DriveEmulator::WriteTransaction;
+
+namespace {
+
+std::string hexDigest(EVP_MD_CTX* ctx) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned len = 0;
+    EVP_DigestFinal_ex(ctx, digest, &len);
+    static char const* const digits = "0123456789abcdef";
+    std::string text;
+    for (unsigned i = 0; i < len; ++i) {
+        text += digits[digest[i] >> 4];
+        text += digits[digest[i] & 15];
+    }
+    return text;
+}
+
+Json::Value parseMeta(std::string const& body) {
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    reader->parse(body.data(), body.data() + body.size(), &value, &errors);
+    return value.isObject() ? value : Json::Value(Json::objectValue);
+}
+
+void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Response& res,
+                  std::string const& updateId) {
+    Json::Value meta = parseMeta(req.body);
+    std::lock_guard<std::mutex> guard(s.lock);
+    UploadSession session;
+    session.update = !updateId.empty();
+    session.size = std::atoll(req.get_header_value("X-Upload-Content-Length").c_str());
+    try {
+        ReadTransaction read(s.store.db());
+        std::int64_t oldSize = 0;
+        if (session.update) {
+            DriveEmulator::StoredObject target = s.store.get(updateId);
+            if (target.object.isDir) throw Error(400, "A folder has no content to update.");
+            session.id = target.object.id;
+            oldSize = static_cast<std::int64_t>(target.object.size);
+        } else {
+            session.parentId = meta["parents"].isArray() && !meta["parents"].empty()
+                                   ? meta["parents"][0].asString()
+                                   : "root";
+            s.store.getFolder(session.parentId);
+            session.name = meta.get("name", "Untitled").asString();
+            session.id = meta.get("id", "").asString();
+            if (!session.id.empty() && s.store.find(session.id)) {
+                throw Error(409, "A file already exists with the provided ID.");
+            }
+        }
+        s.store.checkQuota(session.size - oldSize);
+        session.blob = std::make_unique<DriveEmulator::PendingBlob>(s.store.blobs());
+    } catch (Error const& e) {
+        sendModelError(res, e);
+        return;
+    }
+    std::string sid = DriveEmulator::randomToken(40);
+    session.md5.reset(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    EVP_DigestInit_ex(session.md5.get(), EVP_md5(), nullptr);
+    s.sessions[sid] = std::move(session);
+    ++s.counters.sessions;
+    std::string path =
+        updateId.empty() ? "/upload/drive/v3/files" : "/upload/drive/v3/files/" + updateId;
+    // The session lives where the client reached us (a proxy in front, say).
+    std::string host = req.get_header_value("Host");
+    if (host.empty()) host = "127.0.0.1:" + std::to_string(s.port);
+    res.set_header("Location", (s.tls ? "https://" : "http://") + host + path +
+                                   "?uploadType=resumable&upload_id=" + sid);
+    res.status = 200;
+}
+
+// Publishes a complete session's content as the file's new version.
+void finish(FakeDrive::State& s, UploadSession& session, httplib::Response& res) {
+    DriveEmulator::NewContent content{"", 0, DriveEmulator::kEmptyMd5};
+    std::string md5 = hexDigest(session.md5.get());
+    if (s.corruptNext) {
+        // Bytes damaged on the service's side: the checksum no longer matches.
+        s.corruptNext = false;
+        md5 = DriveEmulator::md5Hex(md5);
+    }
+    if (session.size > 0) {
+        content = DriveEmulator::NewContent{session.blob->name(), session.size, md5};
+        session.blob->publish(false);
+    }
+    try {
+        WriteTransaction txn(s.store.db());
+        DriveEmulator::Object object;
+        if (session.update) {
+            std::string old = s.store.updateFile(session.id, content);
+            object = s.store.get(session.id).object;
+            txn.commit();
+            if (!old.empty()) s.store.blobs().discard(old);
+        } else {
+            object = s.store.createFile(session.parentId, session.name, content, 0, session.id);
+            txn.commit();
+        }
+        if (session.size > 0) session.blob->keep();
+        session.finished = fileResource(object);
+        sendJson(res, session.finished);
+    } catch (Error const& e) {
+        sendModelError(res, e);
+    }
+}
+
+// Stores what arrives of a chunk as it arrives: a connection dropped
+// mid-chunk leaves the bytes received so far, as Drive keeps them.
+void receiveChunk(FakeDrive::State& s, httplib::Request const& req, httplib::Response& res,
+                  httplib::ContentReader const& reader) {
+    std::lock_guard<std::mutex> guard(s.lock);
+    std::string sid = req.get_param_value("upload_id");
+    auto found = s.sessions.find(sid);
+    if (found != s.sessions.end() && s.expireSessions > 0 && found->second.finished.isNull()) {
+        --s.expireSessions;
+        s.sessions.erase(found);
+        found = s.sessions.end();
+    }
+    if (found == s.sessions.end()) {
+        sendError(res, 404, "notFound", "Upload session expired or unknown.");
+        return;
+    }
+    UploadSession& session = found->second;
+    // "bytes FIRST-LAST/TOTAL" carries data; "bytes */TOTAL" asks for the status.
+    std::string range = req.get_header_value("Content-Range");
+    if (range.rfind("bytes ", 0) != 0) {
+        sendError(res, 400, "badContent", "Missing Content-Range.");
+        return;
+    }
+    if (range.compare(6, 1, "*") != 0) {
+        std::int64_t position = std::atoll(range.c_str() + 6);
+        if (position > session.received) {
+            sendError(res, 400, "badContent", "Content-Range does not follow what was received.");
+            return;
+        }
+        bool stored = true;
+        reader([&](char const* data, size_t n) {
+            std::int64_t end = position + static_cast<std::int64_t>(n);
+            if (session.finished.isNull() && end > session.received && end <= session.size) {
+                std::int64_t skip = session.received - position;
+                size_t fresh = static_cast<size_t>(end - session.received);
+                if (::pwrite(session.blob->fd(), data + skip, fresh, session.received) !=
+                    static_cast<ssize_t>(fresh)) {
+                    stored = false;
+                    return false;
+                }
+                EVP_DigestUpdate(session.md5.get(), data + skip, fresh);
+                session.received = end;
+            }
+            position = end;
+            return true;
+        });
+        if (!stored) {
+            sendError(res, 500, "backendError", "Cannot store the chunk.");
+            return;
+        }
+    }
+    if (!session.finished.isNull()) {
+        sendJson(res, session.finished);
+        return;
+    }
+    if (session.received == session.size) {
+        finish(s, session, res);
+        return;
+    }
+    res.status = 308;
+    if (session.received > 0)
+        res.set_header("Range", "bytes=0-" + std::to_string(session.received - 1));
+}
+
+}  // namespace
+
+void addTransferRoutes(FakeDrive::State& state) {
+    auto& s = state;
+    s.server->Post("/upload/drive/v3/files",
+                   [&s](httplib::Request const& req, httplib::Response& res) {
+                       startSession(s, req, res, "");
+                   });
+    s.server->Patch(R"(/upload/drive/v3/files/([^/]+))",
+                    [&s](httplib::Request const& req, httplib::Response& res) {
+                        startSession(s, req, res, req.matches[1]);
+                    });
+    auto chunk = [&s](httplib::Request const& req, httplib::Response& res,
+                      httplib::ContentReader const& reader) { receiveChunk(s, req, res, reader); };
+    s.server->Put("/upload/drive/v3/files", chunk);
+    s.server->Put(R"(/upload/drive/v3/files/([^/]+))", chunk);
+}
+
+void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Response& res) {
+    int fd = -1;
+    std::int64_t size = 0;
+    std::int64_t limit = 0;
+    {
+        std::lock_guard<std::mutex> guard(s.lock);
+        try {
+            ReadTransaction read(s.store.db());
+            DriveEmulator::StoredObject stored = s.store.get(req.matches[1]);
+            if (stored.object.isDir) {
+                sendError(res, 403, "fileNotDownloadable",
+                          "Only files with binary content can be downloaded. Use Export with Docs "
+                          "Editors files.");
+                return;
+            }
+            size = static_cast<std::int64_t>(stored.object.size);
+            if (!stored.blob.empty())
+                fd = ::open(s.store.blobs().path(stored.blob).c_str(), O_RDONLY | O_CLOEXEC);
+        } catch (Error const& e) {
+            sendModelError(res, e);
+            return;
+        }
+        limit = s.mediaLimit;
+    }
+    std::int64_t first = 0;
+    std::int64_t last = size - 1;
+    bool ranged = req.ranges.size() == 1;
+    if (ranged) {
+        first = req.ranges[0].first >= 0 ? req.ranges[0].first : 0;
+        if (req.ranges[0].second >= 0) last = std::min<std::int64_t>(last, req.ranges[0].second);
+        if (first >= size && size > 0) {
+            if (fd >= 0) ::close(fd);
+            res.status = 416;
+            return;
+        }
+    }
+    if (limit > 0) last = std::min(last, first + limit - 1);
+    // The ranges are answered here, so that a short answer can be made.
+    const_cast<httplib::Request&>(req).ranges.clear();
+    std::int64_t length = std::max<std::int64_t>(0, last - first + 1);
+    res.status = ranged ? 206 : 200;
+    if (ranged) {
+        res.set_header("Content-Range", "bytes " + std::to_string(first) + "-" +
+                                            std::to_string(last) + "/" + std::to_string(size));
+    }
+    if (length == 0 || fd < 0) {
+        if (fd >= 0) ::close(fd);
+        res.set_content("", "application/octet-stream");
+        return;
+    }
+    res.set_content_provider(
+        static_cast<size_t>(length), "application/octet-stream",
+        [fd, first](size_t offset, size_t want, httplib::DataSink& sink) {
+            char buffer[1 << 16];
+            ssize_t n = ::pread(fd, buffer, std::min(want, sizeof buffer),
+                                static_cast<off_t>(first + static_cast<std::int64_t>(offset)));
+            if (n <= 0) return false;
+            return sink.write(buffer, static_cast<size_t>(n));
+        },
+        [fd](bool) { ::close(fd); });
+}
+
+}  // namespace DriveFake

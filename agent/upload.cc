@@ -1,0 +1,222 @@
+#include "upload.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "agent_failure.h"
+#include "drive_errors.h"
+
+namespace DriveAgent {
+
+namespace {
+
+// A multiple of 256 KiB, as Drive requires of every chunk but the last.
+constexpr std::int64_t kChunk = 32 << 20;
+// Failed exchanges in a row, without the service taking a byte more, before
+// the upload gives up with -2 (the plug-in may then send it again).
+constexpr int kStalledAttempts = 6;
+constexpr int kSessionRestarts = 3;
+
+class Md5 {
+  public:
+    Md5() : _ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
+        EVP_DigestInit_ex(_ctx.get(), EVP_md5(), nullptr);
+    }
+    // Hashes the part of [offset, offset + n) not hashed yet; bytes re-read
+    // for a resume are skipped, and reads never leave a gap.
+    void add(char const* data, size_t n, std::int64_t offset) {
+        std::int64_t end = offset + static_cast<std::int64_t>(n);
+        if (end <= _done || offset > _done) return;
+        EVP_DigestUpdate(_ctx.get(), data + (_done - offset), static_cast<size_t>(end - _done));
+        _done = end;
+    }
+    std::string hex() {
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned len = 0;
+        EVP_DigestFinal_ex(_ctx.get(), digest, &len);
+        static char const* const digits = "0123456789abcdef";
+        std::string text;
+        for (unsigned i = 0; i < len; ++i) {
+            text += digits[digest[i] >> 4];
+            text += digits[digest[i] & 15];
+        }
+        return text;
+    }
+
+  private:
+    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> _ctx;
+    std::int64_t _done = 0;
+};
+
+// The state of one resumable session: where it lives and how much of the
+// file the service confirmed.
+class Session {
+  public:
+    Session(DriveApi& api, IdPool& ids, UploadTarget const& target, int fd, std::int64_t size,
+            ProgressLines& progress)
+        : _api(api), _ids(ids), _target(target), _fd(fd), _size(size), _progress(progress) {}
+
+    Json::Value run();
+    std::string md5() { return _md5.hex(); }
+    std::string const& createdId() const { return _new_id; }
+
+  private:
+    void open();
+    HttpResponse sendChunk();
+    HttpResponse queryStatus();
+    // Reads a 308's Range header into _offset.
+    void confirm(HttpResponse const& response);
+
+    DriveApi& _api;
+    IdPool& _ids;
+    UploadTarget const& _target;
+    int _fd;
+    std::int64_t _size;
+    ProgressLines& _progress;
+    Md5 _md5;
+    std::string _url;
+    std::string _new_id;
+    std::int64_t _offset = 0;
+};
+
+void Session::open() {
+    Json::Value meta(Json::objectValue);
+    std::string path = "files";
+    std::string method = "POST";
+    if (_target.id.empty()) {
+        if (_new_id.empty()) _new_id = _ids.next();
+        meta["id"] = _new_id;
+        meta["name"] = _target.name;
+        meta["parents"].append(_target.parentId);
+    } else {
+        path += "/" + _api.http().escape(_target.id);
+        method = "PATCH";
+    }
+    HttpRequest request = _api.apiJson(method, path, "", meta);
+    request.url =
+        _api.config().apiUrl + "/upload/drive/v3/" + path +
+        "?uploadType=resumable&supportsAllDrives=true&fields=" + _api.http().escape(kFileFields);
+    request.headers.push_back("X-Upload-Content-Length: " + std::to_string(_size));
+    HttpResponse response = _api.exchange(request);
+    if (response.transportFailed()) response = _api.exchange(request);
+    if (response.transportFailed() || response.status != 200) _api.fail(response);
+    _url = response.header("location");
+    if (_url.empty()) throw AgentFailure(kTransportFailure, "the service gave no upload session");
+    _offset = 0;
+}
+
+HttpResponse Session::sendChunk() {
+    std::int64_t length = std::min(kChunk, _size - _offset);
+    HttpRequest request;
+    request.method = "PUT";
+    request.url = _url;
+    request.uploadFd = _fd;
+    request.uploadOffset = _offset;
+    request.uploadLength = length;
+    request.onRead = [this](char const* data, size_t n, std::int64_t offset) {
+        _md5.add(data, n, offset);
+        _progress.reached(offset + static_cast<std::int64_t>(n));
+    };
+    request.headers.push_back(length > 0 ? "Content-Range: bytes " + std::to_string(_offset) + "-" +
+                                               std::to_string(_offset + length - 1) + "/" +
+                                               std::to_string(_size)
+                                         : "Content-Range: bytes */" + std::to_string(_size));
+    return _api.exchange(request);
+}
+
+HttpResponse Session::queryStatus() {
+    HttpRequest request;
+    request.method = "PUT";
+    request.url = _url;
+    request.headers.push_back("Content-Range: bytes */" + std::to_string(_size));
+    return _api.exchange(request);
+}
+
+void Session::confirm(HttpResponse const& response) {
+    std::string range = response.header("range");  // "bytes=0-N"
+    size_t dash = range.find('-');
+    _offset = dash == std::string::npos ? 0 : std::stoll(range.substr(dash + 1)) + 1;
+}
+
+Json::Value Session::run() {
+    open();
+    int stalled = 0;
+    int restarts = 0;
+    for (;;) {
+        std::int64_t before = _offset;
+        HttpResponse response = sendChunk();
+        // A dropped connection or a failing server mid-chunk: only the
+        // status query tells what the service kept.
+        while ((response.transportFailed() || response.status >= 500) &&
+               stalled < kStalledAttempts) {
+            ++stalled;
+            response = queryStatus();
+        }
+        if (response.status == 200 || response.status == 201) return parseJson(response.body);
+        if (response.status == 308) {
+            confirm(response);
+            if (_offset > before)
+                stalled = 0;
+            else if (++stalled >= kStalledAttempts)
+                throw AgentFailure(kTransportFailure, "the upload makes no progress");
+            continue;
+        }
+        if ((response.status == 404 || response.status == 410) && restarts < kSessionRestarts) {
+            // The session expired: the service kept nothing of it.
+            ++restarts;
+            open();
+            continue;
+        }
+        _api.fail(response);
+    }
+}
+
+}  // namespace
+
+Json::Value uploadContent(DriveApi& api, IdPool& ids, UploadTarget const& target,
+                          std::string const& inputPath, bool empty, int out) {
+    int fd = -1;
+    std::int64_t size = 0;
+    if (!empty) {
+        fd = ::open(inputPath.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat st;
+        if (fd < 0 || ::fstat(fd, &st) != 0) {
+            int error = errno;
+            if (fd >= 0) ::close(fd);
+            throw AgentFailure(kLocalFailure,
+                               "cannot read " + inputPath + ": " + std::strerror(error));
+        }
+        size = st.st_size;
+    }
+    std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) {
+        if (*f >= 0) ::close(*f);
+    });
+    ProgressLines progress(out, size);
+    Session session(api, ids, target, fd, size, progress);
+    Json::Value file = session.run();
+    progress.finish();
+    std::string expected = session.md5();
+    if (file.get("md5Checksum", "").asString() != expected) {
+        if (!session.createdId().empty()) {
+            try {
+                deleteObject(api, session.createdId());
+            } catch (AgentFailure const&) {
+                // The answer says what went wrong; a leftover is the lesser harm.
+            }
+        }
+        throw AgentFailure(kIntegrityFailure,
+                           "the service stored other bytes than were sent (MD5 " +
+                               file.get("md5Checksum", "").asString() + ", sent " + expected + ")");
+    }
+    Json::Value answer = successWith(objectRecord(file));
+    answer["complete"] = true;
+    return answer;
+}
+
+}  // namespace DriveAgent

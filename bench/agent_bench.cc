@@ -1,0 +1,190 @@
+// drive_agent against curl on the same REST fake in the same run:
+//  - an upload of AGENT_BENCH_MIB (default 1024) MiB through drive_agent
+//    (resumable session, 32 MiB chunks, MD5 checked) against `curl -T` of the
+//    same file into a fresh session in one PUT;
+//  - the download of that file through drive_agent (MD5 checked) against
+//    `curl -o`.
+// The agent's resident size growth over a transfer is reported as a counter
+// (rss_growth_MiB: its peak minus its size before the first transfer).
+// Files live under $TMPDIR (default /tmp).
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bench_main.h"
+#include "child_pipe.h"
+#include "drive_control.h"
+#include "fake_drive.h"
+
+namespace {
+
+std::int64_t const kBytes = [] {
+    char const* mib = std::getenv("AGENT_BENCH_MIB");
+    return std::int64_t(mib && *mib ? std::atoll(mib) : 1024) << 20;
+}();
+
+struct Setup {
+    std::string folder;
+    std::unique_ptr<DriveEmulator::Drive> drive;
+    std::unique_ptr<DriveFake::FakeDrive> fake;
+    std::string input;
+    std::string fileId;  // the uploaded file, for the downloads
+
+    Setup() {
+        char const* base = std::getenv("TMPDIR");
+        folder = std::string(base && *base ? base : "/tmp") + "/agent-bench-XXXXXX";
+        if (!::mkdtemp(&folder[0])) throw std::runtime_error("mkdtemp failed");
+        drive =
+            std::make_unique<DriveEmulator::Drive>(DriveEmulator::Drive::init(folder + "/data"));
+        fake = std::make_unique<DriveFake::FakeDrive>(folder + "/data");
+        input = folder + "/input";
+        std::mt19937_64 random(1);
+        std::vector<std::uint64_t> block(1 << 17);
+        std::ofstream out(input, std::ios::binary);
+        for (std::int64_t done = 0; done < kBytes; done += std::int64_t(block.size() * 8)) {
+            for (auto& word : block) word = random();
+            out.write(reinterpret_cast<char const*>(block.data()),
+                      std::streamsize(block.size() * 8));
+        }
+        std::ofstream(folder + "/drive_agent.conf")
+            << "api_url = " << fake->url() << "\ntoken_url = " << fake->url() << "/token\n";
+    }
+    ~Setup() {
+        fake.reset();
+        drive.reset();
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored);
+    }
+};
+
+Setup& setup() {
+    static Setup s;
+    return s;
+}
+
+std::unique_ptr<BenchSupport::ChildPipe> startAgent() {
+    auto agent = std::make_unique<BenchSupport::ChildPipe>(
+        DRIVE_AGENT_BINARY,
+        std::vector<std::string>{
+            "GOOGLEDRIVE_ACCESS_TOKEN=", "GOOGLEDRIVE_REFRESH_TOKEN=MS8vMGdSZWZyZXNoVG9rZW4=",
+            "GOOGLEDRIVE_CLIENT_ID=bench", "GOOGLEDRIVE_CLIENT_SECRET=bench",
+            "TAVO_USER_AGENT=bench", "DRIVE_AGENT_CONF=" + setup().folder + "/drive_agent.conf"},
+        nullptr, "");
+    if (agent->readLine() != "start") throw std::runtime_error("drive_agent did not start");
+    return agent;
+}
+
+// Sends one transfer request and reads to its final answer; the answer line.
+std::string transfer(BenchSupport::ChildPipe& agent, std::string const& request) {
+    agent.write(request + "\n");
+    for (;;) {
+        std::string line = agent.readLine();
+        if (line.find("\"complete\":false") == std::string::npos) return line;
+    }
+}
+
+std::int64_t statusKiB(pid_t pid, char const* field) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(field, 0) == 0) return std::atoll(line.c_str() + std::strlen(field));
+    }
+    return 0;
+}
+
+std::string run(std::string const& command) {
+    std::string output;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    char buffer[4096];
+    for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        output.append(buffer, n);
+    if (!pipe || ::pclose(pipe) != 0) throw std::runtime_error("failed: " + command);
+    return output;
+}
+
+// A fresh access token from the fake's token endpoint, for curl.
+std::string accessToken() {
+    std::string answer =
+        run("curl -s -d grant_type=refresh_token -d refresh_token=1//0gRefreshToken " +
+            setup().fake->url() + "/token");
+    size_t start = answer.find("\"access_token\":\"") + 16;
+    return answer.substr(start, answer.find('"', start) - start);
+}
+
+void BM_AgentUpload(benchmark::State& state) {
+    auto agent = startAgent();
+    std::int64_t before = statusKiB(agent->pid(), "VmRSS:");
+    std::string root = setup().drive->rootId();
+    for (auto _ : state) {
+        std::string answer =
+            transfer(*agent, "{\"fn\":\"uploadFile\",\"name\":\"big\",\"parentId\":\"" + root +
+                                 "\",\"inputPath\":\"" + setup().input + "\"}");
+        if (answer.find("\"success\":true") == std::string::npos)
+            state.SkipWithError(answer.c_str());
+        size_t at = answer.find("\"id\":\"") + 6;
+        setup().fileId = answer.substr(at, answer.find('"', at) - at);
+    }
+    state.counters["rss_growth_MiB"] = double(statusKiB(agent->pid(), "VmHWM:") - before) / 1024;
+    state.SetBytesProcessed(state.iterations() * kBytes);
+}
+
+void BM_CurlUploadReference(benchmark::State& state) {
+    std::string token = accessToken();
+    std::string url = setup().fake->url();
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::string headers =
+            run("curl -s -D - -o /dev/null -H 'Authorization: Bearer " + token +
+                "' -H 'X-Upload-Content-Length: " + std::to_string(kBytes) +
+                "' -H 'Content-Type: application/json' -d '{\"name\":\"ref\"}' '" + url +
+                "/upload/drive/v3/files?uploadType=resumable'");
+        size_t at = headers.find("Location: ") + 10;
+        std::string session = headers.substr(at, headers.find('\r', at) - at);
+        state.ResumeTiming();
+        run("curl -s -o /dev/null -T " + setup().input + " -H 'Authorization: Bearer " + token +
+            "' -H 'Content-Range: bytes 0-" + std::to_string(kBytes - 1) + "/" +
+            std::to_string(kBytes) + "' '" + session + "'");
+    }
+    state.SetBytesProcessed(state.iterations() * kBytes);
+}
+
+void BM_AgentDownload(benchmark::State& state) {
+    auto agent = startAgent();
+    std::int64_t before = statusKiB(agent->pid(), "VmRSS:");
+    std::string out = setup().folder + "/out";
+    for (auto _ : state) {
+        std::string answer =
+            transfer(*agent, "{\"fn\":\"downloadFile\",\"id\":\"" + setup().fileId +
+                                 "\",\"outputPath\":\"" + out + "\"}");
+        if (answer.find("\"success\":true") == std::string::npos)
+            state.SkipWithError(answer.c_str());
+    }
+    state.counters["rss_growth_MiB"] = double(statusKiB(agent->pid(), "VmHWM:") - before) / 1024;
+    state.SetBytesProcessed(state.iterations() * kBytes);
+}
+
+void BM_CurlDownloadReference(benchmark::State& state) {
+    std::string token = accessToken();
+    std::string out = setup().folder + "/out";
+    for (auto _ : state) {
+        run("curl -s -o " + out + " -H 'Authorization: Bearer " + token + "' '" +
+            setup().fake->url() + "/drive/v3/files/" + setup().fileId + "?alt=media'");
+    }
+    state.SetBytesProcessed(state.iterations() * kBytes);
+}
+
+}  // namespace
+
+BENCHMARK(BM_CurlUploadReference)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_AgentUpload)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_CurlDownloadReference)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_AgentDownload)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+int main(int argc, char** argv) { return BenchSupport::runBenchmarks(argc, argv); }

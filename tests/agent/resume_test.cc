@@ -1,0 +1,124 @@
+// Transfers that survive a flaky network and a service that misbehaves:
+// dropped connections, expired upload sessions, short Range answers, tokens
+// that expire, refused grants and failing requests.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "agent_fixture.h"
+#include "backup/error.h"
+#include "googledrive_error.h"
+#include "http.h"
+
+using namespace AgentTest;
+
+namespace {
+
+constexpr std::int64_t MiB = 1 << 20;
+
+class Transfers : public ::testing::Test, public AgentOnFake {};
+
+}  // namespace
+
+TEST_F(Transfers, ExpiredSessionStartsAgainAndShortRangesAreFollowedUp) {
+    std::string input = scratch + "/in";
+    writePattern(input, 40 * MiB);
+    auto agent = start();
+    fake->expireSessions(1);
+    Json::Value up = agent->transfer(EmulatorTest::upload(drive->rootId(), input, "x")).back();
+    ASSERT_TRUE(up["success"].asBool()) << up;
+    EXPECT_EQ(2, fake->counters().sessions.load());
+    EXPECT_EQ(fileMd5(input), drive->stat(up["id"].asString()).md5);
+
+    fake->limitMediaAnswers(3 * MiB);
+    Json::Value down = agent
+                           ->transfer(req({{"fn", "downloadFile"},
+                                           {"id", up["id"].asString()},
+                                           {"outputPath", scratch + "/out"}}))
+                           .back();
+    ASSERT_TRUE(down["success"].asBool()) << down;
+    EXPECT_EQ(fileMd5(input), fileMd5(scratch + "/out"));
+}
+
+TEST(Tokens, RenewedBeforeExpiryAndOnceAfterARefusal) {
+    AgentOnFake onFake;
+    onFake.fake->setTokenLife(2);
+    auto agent = onFake.start({{"GOOGLEDRIVE_ACCESS_TOKEN", std::string()}});
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(
+            agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
+        std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    }
+    EXPECT_EQ(0, onFake.fake->counters().unauthorized.load());
+    EXPECT_GE(onFake.fake->counters().tokenGrants.load(), 2);
+    // A token the service stops honouring early costs one refused request.
+    onFake.fake->setTokenLife(3600);
+    onFake.fake->expireAccessTokens();
+    EXPECT_TRUE(agent->call(req({{"fn", "getAccountInfo"}}))["success"].asBool());
+    EXPECT_EQ(1, onFake.fake->counters().unauthorized.load());
+}
+
+TEST(Tokens, RevokedGrantIsRefusedCredentialsOnTheFirstRequest) {
+    AgentOnFake onFake;
+    onFake.fake->revokeGrant();
+    auto agent = onFake.start({{"GOOGLEDRIVE_ACCESS_TOKEN", std::string()}});
+    Json::Value answer = agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}));
+    TAVO::Backup::setError(0);
+    EXPECT_FALSE(TAVO::Backup::googledriveConverTransferResponse(false, answer, true, "test", 1));
+    EXPECT_EQ(2107, TAVO::Backup::getError()) << answer;
+}
+
+TEST(ServiceFailures, ReachThePluginByReasonAfterRetryAfter) {
+    AgentOnFake onFake;
+    auto agent = onFake.start();
+    DriveFake::FailRule quota{"POST /upload", 1, 403,  "storageQuotaExceeded",
+                              "Quota gone",   0, false};
+    DriveFake::FailRule proxyPage{"GET /drive/v3/files/root", 1, 502, "", "", 0, true};
+    DriveFake::FailRule slowDown{"GET /drive/v3/about", 1, 503,  "backendError",
+                                 "Backend Error",       1, false};
+    onFake.fake->addFailure(quota);
+    onFake.fake->addFailure(proxyPage);
+    onFake.fake->addFailure(slowDown);
+    writeFile(onFake.scratch + "/in", "data");
+    Json::Value refused =
+        agent->transfer(EmulatorTest::upload("root", onFake.scratch + "/in")).back();
+    EXPECT_EQ(403, refused["error_code"].asInt());
+    EXPECT_EQ("The user's Drive storage quota has been exceeded.",
+              refused["error_message"].asString());
+    EXPECT_EQ(502,
+              agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["error_code"].asInt());
+    auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(503, agent->call(req({{"fn", "getAccountInfo"}}))["error_code"].asInt());
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(950));
+    // The next attempt is served.
+    EXPECT_TRUE(agent->call(req({{"fn", "getAccountInfo"}}))["success"].asBool());
+}
+
+TEST(ServiceFailures, UploadStoredWrongIsRetryableAndLeavesNoObject) {
+    AgentOnFake onFake;
+    auto agent = onFake.start();
+    writeFile(onFake.scratch + "/in", "data");
+    onFake.fake->corruptNextUpload();
+    Json::Value answer =
+        agent->transfer(EmulatorTest::upload("root", onFake.scratch + "/in")).back();
+    EXPECT_EQ(-4, answer["error_code"].asInt()) << answer;
+    EXPECT_TRUE(onFake.drive->children(onFake.drive->rootId()).empty());
+}
+
+TEST(Tls, VerifiedAlwaysAndATestCaOnlyForLoopback) {
+    AgentOnFake onFake(false, true);
+    auto trusting = onFake.start();
+    EXPECT_TRUE(trusting->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
+    onFake.configure("");
+    auto plain = onFake.start();
+    EXPECT_EQ(-2,
+              plain->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["error_code"].asInt());
+    for (char const* url : {"https://127.0.0.1:8080/x", "http://[::1]/", "https://localhost"}) {
+        EXPECT_TRUE(DriveAgent::isLoopbackUrl(url)) << url;
+    }
+    for (char const* url : {"https://127.0.0.1.example.com/", "https://localhost.example.com",
+                            "https://www.googleapis.com"}) {
+        EXPECT_FALSE(DriveAgent::isLoopbackUrl(url)) << url;
+    }
+}
