@@ -18,6 +18,13 @@ void twoPaths(char const* from, char const* to, CLI::App& c, CommandArgs& a) {
     c.add_option(std::string(from) + " " + to, a.paths)->required()->expected(2);
 }
 
+void transfers(CLI::App& c, CommandArgs& a) {
+    c.add_option("--transfers", a.transfers,
+                 "worker processes, each with its own agent, sharing the work")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+}
+
 void json(CLI::App& c, CommandArgs& a) {
     c.add_flag("--json", a.json, "one JSON document on stdout");
 }
@@ -64,14 +71,20 @@ std::vector<Command> const& commandTable() {
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent, send nothing");
+             transfers(c, a);
          },
          runCopy},
         {"restore", "fetch a remote tree into a local folder",
-         [](CLI::App& c, CommandArgs& a) { twoPaths("REMOTEDIR", "LOCALDIR", c, a); }, runRestore},
+         [](CLI::App& c, CommandArgs& a) {
+             twoPaths("REMOTEDIR", "LOCALDIR", c, a);
+             transfers(c, a);
+         },
+         runRestore},
         {"check", "compare a local tree with a remote one by MD5 (exit 1 when they differ)",
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              json(c, a);
+             transfers(c, a);
          },
          runCheck},
         {"rm", "remove one file", remoteRequired, runRm},

@@ -14,6 +14,8 @@ class App;
 
 namespace gdhost {
 
+class PluginModule;
+
 // Everything any command can be given on the command line.
 struct CommandArgs {
     std::vector<std::string> paths;
@@ -25,6 +27,7 @@ struct CommandArgs {
     bool dryRun = false;
     bool force = false;
     bool quiet = false;
+    int transfers = 4;  // worker processes for copy, restore and check
 };
 
 // What a running command works with.
@@ -32,6 +35,7 @@ struct Session {
     TAVO::Backup::TransferAgent& agent;
     Destination const& destination;
     CommandArgs const& args;
+    PluginModule const* module = nullptr;  // where worker processes make their agents
     std::string path(size_t i) const { return i < args.paths.size() ? args.paths[i] : ""; }
 };
 

@@ -11,8 +11,10 @@
 #include "interrupt.h"
 #include "local_files.h"
 #include "output_format.h"
+#include "parallel_tree.h"
 #include "progress_line.h"
 #include "remote_tree.h"
+#include "workers.h"
 
 namespace gdhost {
 
@@ -122,7 +124,10 @@ int runCopy(Session& s) {
                 name.c_str());
     }
     std::map<std::string, FileInfo> remote;
-    if (!remoteEntries(s.agent, remoteTop, true, remote)) {
+    bool const parallel = transfersOf(s) > 1;
+    std::string failed;
+    if (parallel ? !remoteEntriesOnWorkers(s, remoteTop, true, remote, failed)
+                 : !remoteEntries(s.agent, remoteTop, true, remote)) {
         return reportFailure("copy", remoteTop, getError(), Wanted::kFolder);
     }
     // Decide first, so that the progress line knows the whole amount.
@@ -148,6 +153,21 @@ int runCopy(Session& s) {
                humanBytes(bytes).c_str(), unchanged);
         return kExitOk;
     }
+    if (parallel) {
+        std::vector<std::string> made;
+        for (auto const& f : folders) made.push_back(joinPath(remoteTop, f.rpath));
+        if (!makeFoldersOnWorkers(s, remoteTop, made, failed))
+            return transferFailure("copy: mkdir", failed, Wanted::kFolder);
+        std::vector<TransferItem> items;
+        for (auto const& f : files)
+            items.push_back({localTop + "/" + f.rpath, joinPath(remoteTop, f.rpath), f.size});
+        ProgressLine line("sent", bytes, static_cast<int64_t>(files.size()), s.args.quiet);
+        if (!transferOnWorkers(s, true, items, line, failed))
+            return transferFailure("copy", failed, Wanted::kFolder);
+        line.finish(", " + std::to_string(folders.size()) + " folders created, " +
+                    std::to_string(unchanged) + " files unchanged");
+        return kExitOk;
+    }
     if (!remoteTop.empty() && !makeRemoteFolders(s.agent, remoteTop)) {
         return reportFailure("copy: mkdir", remoteTop, getError(), Wanted::kFolder);
     }
@@ -171,7 +191,10 @@ int runCopy(Session& s) {
 int runRestore(Session& s) {
     std::string remoteTop = remotePath(s.path(0)), localTop = s.path(1);
     std::map<std::string, FileInfo> remote;
-    if (!remoteEntries(s.agent, remoteTop, false, remote)) {
+    bool const parallel = transfersOf(s) > 1;
+    std::string failed;
+    if (parallel ? !remoteEntriesOnWorkers(s, remoteTop, false, remote, failed)
+                 : !remoteEntries(s.agent, remoteTop, false, remote)) {
         return reportFailure("restore", remoteTop, getError(), Wanted::kFolder);
     }
     int64_t bytes = 0, files = 0;
@@ -182,6 +205,22 @@ int runRestore(Session& s) {
         return reportProblem("restore: cannot create " + localTop, kExitError);
     }
     ProgressLine line("received", bytes, files, s.args.quiet);
+    if (parallel) {
+        // Every folder first, so that no worker writes into a missing one.
+        std::vector<TransferItem> items;
+        for (auto const& [rpath, info] : remote) {
+            std::string local = localTop + "/" + rpath;
+            if (!info.isDirType()) {
+                items.push_back({local, joinPath(remoteTop, rpath), info.getSize()});
+            } else if (!makeLocalFolders(local)) {
+                return reportProblem("restore: cannot create " + local, kExitError);
+            }
+        }
+        if (!transferOnWorkers(s, false, items, line, failed))
+            return transferFailure("restore", failed, Wanted::kFile);
+        line.finish(" into " + localTop);
+        return kExitOk;
+    }
     for (auto const& [rpath, info] : remote) {
         std::string local = localTop + "/" + rpath;
         if (info.isDirType()) {
@@ -206,7 +245,9 @@ int runCheck(Session& s) {
         return reportProblem("check " + localTop + ": " + error, kExitFolderNotFound);
     }
     std::map<std::string, FileInfo> remote;
-    if (!remoteEntries(s.agent, remoteTop, false, remote)) {
+    std::string failed;
+    if (transfersOf(s) > 1 ? !remoteEntriesOnWorkers(s, remoteTop, false, remote, failed)
+                           : !remoteEntries(s.agent, remoteTop, false, remote)) {
         return reportFailure("check", remoteTop, getError(), Wanted::kFolder);
     }
     Json::Value differ(Json::arrayValue), missingRemote(Json::arrayValue),

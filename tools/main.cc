@@ -57,7 +57,7 @@ int runCommand(Invocation& inv) {
         return reportProblem("destination settings are incomplete (container, refresh token)",
                              kExitUsage);
     }
-    Session session{*agent, inv.destination, inv.args};
+    Session session{*agent, inv.destination, inv.args, &module};
     int rc = inv.command->run(session);
     // Keep what the node cache learned, as the engine does at the end of a run.
     if (rc == kExitOk && inv.args.action != "drop") agent->flushCache();

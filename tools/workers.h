@@ -1,0 +1,94 @@
+// Worker processes for the commands that move many files. Each worker is a
+// child process with its own transfer agent, and so its own drive agent and
+// its own copy of the node cache file: starting a drive agent changes the
+// process environment, so two of them must never start at once in one
+// process, and an agent may restart its drive agent after any failure. The
+// parent starts no drive agent while workers run; it hands out jobs, is the
+// only reader of their results, and merges their node caches at the end.
+#pragma once
+
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "progress_line.h"
+
+namespace gdhost {
+
+// A job is a JSON object: "op" one of
+//   "list"  "remote": one folder's children
+//   "mkdir" "remote": the folder (with "parents": and its missing parents)
+//   "send"  "local" to "remote"
+//   "recv"  "remote" to "local"
+// Its result: "ok"; "code" (the engine's error code) on failure; "entries"
+// for "list" (objects with "name", "dir", "size", "mtime", "md5"); "bytes"
+// moved and not yet reported for "send" and "recv".
+class WorkerPool {
+  public:
+    // Called for each result; may queue more jobs. Returning false stops
+    // handing out jobs (those running are still waited for).
+    typedef std::function<bool(Json::Value const& job, Json::Value const& result,
+                               std::deque<Json::Value>& jobs)>
+        ResultHandler;
+
+    explicit WorkerPool(Session& session) : _session(session) {}
+    // Ends and reaps the workers still running and removes their folders.
+    ~WorkerPool();
+    WorkerPool(WorkerPool const&) = delete;
+    WorkerPool& operator=(WorkerPool const&) = delete;
+
+    // Starts `count` workers, each on a private copy of the destination's
+    // node cache file. False with `error` set when none could be started.
+    bool start(int count, std::string& error);
+
+    // Hands out `jobs` until none is left and every worker is idle, passing
+    // each result to `onResult` and the bytes of running transfers to
+    // `progress` (may be null). After an interrupt no further job is handed
+    // out and the workers are asked to cancel. False when `onResult` stopped
+    // it or an interrupt came.
+    bool run(std::deque<Json::Value>& jobs, ResultHandler const& onResult, ProgressLine* progress);
+
+    // Lets the workers flush their node caches and exit, then merges what
+    // they learned into the destination's node cache file. False with
+    // `error` set when the merged file could not be written.
+    bool finish(std::string& error);
+
+  private:
+    struct Worker {
+        pid_t pid = -1;
+        int jobs = -1;     // parent's write end
+        int results = -1;  // parent's read end
+        std::string cacheFile;
+        std::string received;  // a partial result line
+        bool busy = false;
+        Json::Value job;
+    };
+
+    void stopAll();
+    bool readResults(Worker& worker, std::deque<Json::Value>& jobs, ResultHandler const& onResult,
+                     ProgressLine* progress, bool& keepGoing);
+
+    Session& _session;
+    std::vector<Worker> _workers;
+    std::string _folder;  // the workers' node cache copies
+    std::string _baseFile;
+    bool _stopSent = false;
+};
+
+// The number of workers a command asked for (--transfers), at least 1.
+int transfersOf(Session const& s);
+
+// Runs `jobs` on a pool of `count` workers as start, run and finish do (no
+// pool at all when there is no job); a merge that cannot be written is only
+// warned about. False when the run failed; `error` is set when no worker
+// could be started.
+bool runOnWorkers(Session& s, int count, std::deque<Json::Value> jobs,
+                  WorkerPool::ResultHandler const& onResult, ProgressLine* progress,
+                  std::string& error);
+
+}  // namespace gdhost
