@@ -10,7 +10,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
+#include <iterator>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -204,6 +207,35 @@ TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
     EXPECT_EQ(run({"check", path("back"), "backup"}).code, 1);
 }
 
+// Workers share a copy and a restore: the same bytes, each folder made once,
+// and the node cache they learned merged whole, so that the second copy costs
+// exactly what it costs after a copy with one agent.
+TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
+    makeTree(path("src"));
+    for (int n = 0; n < 30; ++n) write(path("src/Pool/1/") + std::to_string(n), std::to_string(n));
+    ASSERT_EQ(run({"init"}).code, 0);
+    std::map<std::string, int64_t> first, second, folders;
+    for (std::string transfers : {"1", "3"}) {
+        SCOPED_TRACE(transfers);
+        std::string remote = "t" + transfers;
+        drive().clearRequestLog();
+        ASSERT_EQ(run({"copy", "--transfers", transfers, path("src"), remote}).code, 0);
+        first[transfers] = drive().countRequests();
+        folders[transfers] = drive().countRequests("createFolder");
+        drive().clearRequestLog();
+        Result again = run({"copy", "--transfers", transfers, path("src"), remote});
+        EXPECT_NE(again.out.find("34 files unchanged"), std::string::npos) << again.out;
+        second[transfers] = drive().countRequests();
+        ASSERT_EQ(run({"restore", "--transfers", transfers, remote, path(remote)}).code, 0);
+        EXPECT_EQ(run({"check", path(remote), remote}).code, 0);
+        EXPECT_EQ(std::system(("diff -r " + path("src") + " " + path(remote)).c_str()), 0);
+    }
+    EXPECT_EQ(folders["1"], 11);  // the copy's top and its ten folders
+    EXPECT_EQ(folders["3"], folders["1"]);
+    EXPECT_EQ(first["3"], first["1"]);
+    EXPECT_EQ(second["3"], second["1"]);
+}
+
 // A transfer stopped by Ctrl-C while the service is slow leaves nothing
 // behind: no temporary file beside the destination, no object or pending
 // blob in the service, the old local content. Needs the channel to notice a cancel while the drive
@@ -213,17 +245,23 @@ TEST_F(ToolTest, InterruptLeavesNothingBehind) {
     write(path("big"), std::string(4 << 20, 'b'));
     ASSERT_EQ(run({"put", path("big"), "kept"}).code, 0);
     write(path("local/old"), "old content");
+    for (char const* name : {"1", "2", "3", "4"})
+        write(path("tree/") + name, std::string(1 << 20, *name));
+    ASSERT_EQ(run({"copy", path("tree"), "kept-tree"}).code, 0);
+    fs::remove_all(path("tree/4"));
     struct Case {
         char const* fn;
         std::vector<std::string> args;
     } const cases[] = {
         {"uploadFile", {"put", path("big"), "new"}},
         {"downloadFile", {"get", "kept", path("local/old")}},
+        {"uploadFile", {"copy", "--transfers", "3", path("tree"), "new"}},
+        {"downloadFile", {"restore", "--transfers", "3", "kept-tree", path("local")}},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.fn);
         drive().clearFaults();
-        drive().addFault(DriveEmulator::Fault::delay(c.fn, 3000));
+        drive().addFault(DriveEmulator::Fault::delay(c.fn, 3000).always());
         pid_t pid = start(c.args);
         std::this_thread::sleep_for(500ms);
         auto sent = std::chrono::steady_clock::now();
@@ -233,10 +271,13 @@ TEST_F(ToolTest, InterruptLeavesNothingBehind) {
         EXPECT_EQ(r.code, 130) << r.err;
         EXPECT_EQ(readFile(path("local/old")), "old content");
         std::this_thread::sleep_for(200ms);  // the emulator's clean-up, after its client went
-        EXPECT_EQ(fs::directory_iterator(path("local"))->path().filename(), "old");
+        EXPECT_EQ(std::distance(fs::directory_iterator(path("local")), fs::directory_iterator()),
+                  1);
         EXPECT_TRUE(fs::is_empty(path("data/account/blobs/tmp")));
         if (c.args[0] == "put") {
             EXPECT_EQ(run({"stat", "new"}).code, 4);
+        } else if (c.args[0] == "copy") {
+            EXPECT_EQ(parse(run({"size", "--json", "new"}).out)["files"], 0);
         }
     }
 }
