@@ -3,6 +3,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <memory>
 
 #include "backup/error.h"
 #include "backup/path.h"
@@ -126,7 +127,9 @@ int runCopy(Session& s) {
     std::map<std::string, FileInfo> remote;
     bool const parallel = transfersOf(s) > 1;
     std::string failed;
-    if (parallel ? !remoteEntriesOnWorkers(s, remoteTop, true, remote, failed)
+    std::unique_ptr<TreeWorkers> tree;
+    if (parallel) tree.reset(new TreeWorkers(s));
+    if (parallel ? !tree->list(remoteTop, true, remote, failed)
                  : !remoteEntries(s.agent, remoteTop, true, remote)) {
         return reportFailure("copy", remoteTop, getError(), Wanted::kFolder);
     }
@@ -156,8 +159,9 @@ int runCopy(Session& s) {
     if (parallel) {
         std::vector<std::string> made;
         for (auto const& f : folders) made.push_back(joinPath(remoteTop, f.rpath));
-        if (!makeFoldersOnWorkers(s, remoteTop, made, failed))
-            return transferFailure("copy: mkdir", failed, Wanted::kFolder);
+        bool madeAll = tree->makeFolders(remoteTop, made, failed);
+        tree.reset();  // their node cache merged before the transfers start
+        if (!madeAll) return transferFailure("copy: mkdir", failed, Wanted::kFolder);
         std::vector<TransferItem> items;
         for (auto const& f : files)
             items.push_back({localTop + "/" + f.rpath, joinPath(remoteTop, f.rpath), f.size});
@@ -193,7 +197,7 @@ int runRestore(Session& s) {
     std::map<std::string, FileInfo> remote;
     bool const parallel = transfersOf(s) > 1;
     std::string failed;
-    if (parallel ? !remoteEntriesOnWorkers(s, remoteTop, false, remote, failed)
+    if (parallel ? !TreeWorkers(s).list(remoteTop, false, remote, failed)
                  : !remoteEntries(s.agent, remoteTop, false, remote)) {
         return reportFailure("restore", remoteTop, getError(), Wanted::kFolder);
     }
@@ -246,7 +250,7 @@ int runCheck(Session& s) {
     }
     std::map<std::string, FileInfo> remote;
     std::string failed;
-    if (transfersOf(s) > 1 ? !remoteEntriesOnWorkers(s, remoteTop, false, remote, failed)
+    if (transfersOf(s) > 1 ? !TreeWorkers(s).list(remoteTop, false, remote, failed)
                            : !remoteEntries(s.agent, remoteTop, false, remote)) {
         return reportFailure("check", remoteTop, getError(), Wanted::kFolder);
     }

@@ -36,23 +36,34 @@ struct FirstFailure {
     }
 };
 
-// Runs `jobs` and turns the outcome into the engine's error state.
-bool runJobs(Session& s, int count, std::deque<Json::Value> jobs,
-             WorkerPool::ResultHandler const& onResult, ProgressLine* line,
-             FirstFailure const& failure, std::string& failed) {
-    std::string error;
-    bool ok = runOnWorkers(s, count, std::move(jobs), onResult, line, error);
-    if (ok) return true;
-    if (!error.empty()) fprintf(stderr, "gdrive_host: %s\n", error.c_str());
+bool failedWith(int code, std::string const& path, std::string& failed) {
+    failed = path;
+    setError(code);
+    return false;
+}
+
+// Sets the engine's error state from a run that failed.
+void noteFailure(FirstFailure const& failure, std::string& failed) {
     failed = failure.path;
     setError(interrupted() ? ERR_CANCELED : failure.code != ERR_NONE ? failure.code : ERR_GENERAL);
-    return false;
 }
 
 }  // namespace
 
-bool remoteEntriesOnWorkers(Session& s, std::string const& top, bool missingIsEmpty,
-                            std::map<std::string, FileInfo>& entries, std::string& failed) {
+TreeWorkers::~TreeWorkers() {
+    std::string error;
+    if (_started && !_pool.finish(error))
+        fprintf(stderr, "gdrive_host: node cache not updated: %s\n", error.c_str());
+}
+
+bool TreeWorkers::ready() {
+    if (!_started) _started = _pool.start(transfersOf(_session), _error);
+    if (!_started) fprintf(stderr, "gdrive_host: %s\n", _error.c_str());
+    return _started;
+}
+
+bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
+                       std::map<std::string, FileInfo>& entries, std::string& failed) {
     std::deque<Json::Value> jobs{job("list", top)};
     jobs.front()["folder"] = "";
     FirstFailure failure;
@@ -86,7 +97,9 @@ bool remoteEntriesOnWorkers(Session& s, std::string const& top, bool missingIsEm
         }
         return true;
     };
-    if (runJobs(s, transfersOf(s), jobs, onResult, nullptr, failure, failed)) return true;
+    if (!ready()) return failedWith(ERR_GENERAL, top, failed);
+    if (_pool.run(jobs, onResult, nullptr)) return true;
+    noteFailure(failure, failed);
     if (missingIsEmpty && getError() == ERR_REMOTE_NOT_FOUND && failed == top) {
         entries.clear();
         return true;
@@ -94,18 +107,22 @@ bool remoteEntriesOnWorkers(Session& s, std::string const& top, bool missingIsEm
     return false;
 }
 
-bool makeFoldersOnWorkers(Session& s, std::string const& top,
-                          std::vector<std::string> const& folders, std::string& failed) {
+bool TreeWorkers::makeFolders(std::string const& top, std::vector<std::string> const& folders,
+                              std::string& failed) {
     std::deque<Json::Value> jobs;
     if (!top.empty()) {
         jobs.push_back(job("mkdir", top));
         jobs.back()["parents"] = true;
     }
     for (auto const& folder : folders) jobs.push_back(job("mkdir", folder));
+    if (jobs.empty()) return true;
     FirstFailure failure;
     auto onResult = [&](Json::Value const& done, Json::Value const& result,
                         std::deque<Json::Value>&) { return failure.note(done, result); };
-    return runJobs(s, 1, jobs, onResult, nullptr, failure, failed);
+    if (!ready()) return failedWith(ERR_GENERAL, top, failed);
+    if (_pool.run(jobs, onResult, nullptr, 1)) return true;
+    noteFailure(failure, failed);
+    return false;
 }
 
 bool transferOnWorkers(Session& s, bool send, std::vector<TransferItem> const& items,
@@ -119,7 +136,11 @@ bool transferOnWorkers(Session& s, bool send, std::vector<TransferItem> const& i
     FirstFailure failure;
     auto onResult = [&](Json::Value const& done, Json::Value const& result,
                         std::deque<Json::Value>&) { return failure.note(done, result); };
-    return runJobs(s, transfersOf(s), jobs, onResult, &line, failure, failed);
+    std::string error;
+    if (runOnWorkers(s, transfersOf(s), jobs, onResult, &line, error)) return true;
+    if (!error.empty()) fprintf(stderr, "gdrive_host: %s\n", error.c_str());
+    noteFailure(failure, failed);
+    return false;
 }
 
 }  // namespace gdhost

@@ -12,21 +12,43 @@
 #include "backup/file_info.h"
 #include "commands.h"
 #include "progress_line.h"
+#include "workers.h"
 
 namespace gdhost {
 
-// Every entry below `top` by its path relative to `top`, as remoteEntries
-// gives it; each folder is listed by whichever worker is free, and folders
-// whose name appears twice in their parent are not entered.
-bool remoteEntriesOnWorkers(Session& s, std::string const& top, bool missingIsEmpty,
-                            std::map<std::string, TAVO::Backup::FileInfo>& entries,
-                            std::string& failed);
+// The listing of a remote tree and the folders a copy adds to it, on one
+// pool of transfersOf(s) workers whose node caches are merged when it ends.
+class TreeWorkers {
+  public:
+    explicit TreeWorkers(Session& s) : _session(s), _pool(s) {}
+    // Merges what the workers learned into the node cache file.
+    ~TreeWorkers();
+    TreeWorkers(TreeWorkers const&) = delete;
+    TreeWorkers& operator=(TreeWorkers const&) = delete;
 
-// Creates `top` with its missing parents (unless empty), then `folders`
-// (parents before children, each once) in that order, with one worker, whose node cache then
-// reaches the file before any transfer starts, so no transfer has to look a new folder up.
-bool makeFoldersOnWorkers(Session& s, std::string const& top,
-                          std::vector<std::string> const& folders, std::string& failed);
+    // Every entry below `top` by its path relative to `top`, as
+    // remoteEntries gives it; each folder is listed by whichever worker is
+    // free, and folders whose name appears twice in their parent are not
+    // entered.
+    bool list(std::string const& top, bool missingIsEmpty,
+              std::map<std::string, TAVO::Backup::FileInfo>& entries, std::string& failed);
+
+    // Creates `top` with its missing parents (unless empty), then `folders`
+    // (parents before children, each once) in that order on one worker, the
+    // first, which listed the top: one agent makes every folder, as without
+    // workers, and the merged node cache then knows them all before any
+    // transfer starts.
+    bool makeFolders(std::string const& top, std::vector<std::string> const& folders,
+                     std::string& failed);
+
+  private:
+    bool ready();
+
+    Session& _session;
+    WorkerPool _pool;
+    bool _started = false;
+    std::string _error;
+};
 
 // A file to move: its local path, its remote path and its size.
 struct TransferItem {

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -203,61 +204,61 @@ void WorkerPool::stopAll() {
 
 bool WorkerPool::start(int count, std::string& error) {
     char const* tmp = getenv("TMPDIR");
-    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/gdrive_host.XXXXXX";
-    if (!mkdtemp(&templ[0])) {
+    std::string folder = std::string(tmp && *tmp ? tmp : "/tmp") + "/gdrive_host.XXXXXX";
+    if (!mkdtemp(&folder[0])) {
         error = std::string("cannot make a folder for the workers: ") + strerror(errno);
         return false;
     }
-    _folder = templ;
+    _folder = folder;
+    _count = count < 1 ? 1 : count;
     std::string const mainFile = nodeCacheFile(_session.destination);
     std::error_code failed;
     _baseFile = _folder + "/base.node";
     if (fs::exists(mainFile)) fs::copy_file(mainFile, _baseFile, failed);
-    fflush(stdout);
-    fflush(stderr);
     acceptStopSignal();  // before any fork: a stop sent early must not kill a worker
-    for (int i = 0; i < count; ++i) {
-        Destination destination = _session.destination;
-        destination.cacheDir = _folder + "/w" + std::to_string(i);
-        std::string file = nodeCacheFile(destination);
-        fs::create_directories(fs::path(file).parent_path(), failed);
-        if (fs::exists(_baseFile)) fs::copy_file(_baseFile, file, failed);
-        int toWorker[2], fromWorker[2];
-        if (pipe2(toWorker, O_CLOEXEC) != 0) break;
-        if (pipe2(fromWorker, O_CLOEXEC) != 0) {
-            close(toWorker[0]);
-            close(toWorker[1]);
-            break;
-        }
-        pid_t pid = fork();
-        if (pid == 0) {
-            // Only this worker's own ends stay open in it.
-            for (Worker const& other : _workers) {
-                close(other.jobs);
-                close(other.results);
-            }
-            close(toWorker[1]);
-            close(fromWorker[0]);
-            workerMain(_session, destination, toWorker[0], fromWorker[1]);
-        }
+    return true;
+}
+
+bool WorkerPool::spawn() {
+    Destination destination = _session.destination;
+    destination.cacheDir = _folder + "/w" + std::to_string(_workers.size());
+    std::string file = nodeCacheFile(destination);
+    std::error_code failed;
+    fs::create_directories(fs::path(file).parent_path(), failed);
+    if (fs::exists(_baseFile)) fs::copy_file(_baseFile, file, failed);
+    int toWorker[2], fromWorker[2];
+    if (pipe2(toWorker, O_CLOEXEC) != 0) return false;
+    if (pipe2(fromWorker, O_CLOEXEC) != 0) {
         close(toWorker[0]);
-        close(fromWorker[1]);
-        if (pid < 0) {
-            close(toWorker[1]);
-            close(fromWorker[0]);
-            break;
-        }
-        Worker worker;
-        worker.pid = pid;
-        worker.jobs = toWorker[1];
-        worker.results = fromWorker[0];
-        worker.cacheFile = file;
-        _workers.push_back(worker);
-    }
-    if (_workers.empty()) {
-        error = std::string("cannot start a worker: ") + strerror(errno);
+        close(toWorker[1]);
         return false;
     }
+    fflush(stdout);
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        // Only this worker's own ends stay open in it.
+        for (Worker const& other : _workers) {
+            if (other.jobs >= 0) close(other.jobs);
+            if (other.results >= 0) close(other.results);
+        }
+        close(toWorker[1]);
+        close(fromWorker[0]);
+        workerMain(_session, destination, toWorker[0], fromWorker[1]);
+    }
+    close(toWorker[0]);
+    close(fromWorker[1]);
+    if (pid < 0) {
+        close(toWorker[1]);
+        close(fromWorker[0]);
+        return false;
+    }
+    Worker worker;
+    worker.pid = pid;
+    worker.jobs = toWorker[1];
+    worker.results = fromWorker[0];
+    worker.cacheFile = file;
+    _workers.push_back(worker);
     return true;
 }
 
@@ -307,7 +308,8 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
 }
 
 bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResult,
-                     ProgressLine* progress) {
+                     ProgressLine* progress, int limit) {
+    size_t const most = static_cast<size_t>(std::max(1, std::min(limit, _count)));
     bool keepGoing = true;
     for (;;) {
         if (interrupted() && !_stopSent) {
@@ -318,7 +320,14 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             _stopSent = true;
         }
         bool handOut = keepGoing && !interrupted();
-        for (Worker& w : _workers) {
+        // A worker costs a drive agent's start: one more only for a job
+        // that no idle one can take now.
+        size_t idle = 0;
+        for (size_t i = 0; i < _workers.size() && i < most; ++i)
+            idle += !_workers[i].busy && _workers[i].jobs >= 0;
+        while (handOut && jobs.size() > idle && _workers.size() < most && spawn()) ++idle;
+        for (size_t i = 0; i < _workers.size() && i < most; ++i) {
+            Worker& w = _workers[i];
             if (!handOut || jobs.empty()) break;
             if (w.busy || w.jobs < 0) continue;
             w.job = jobs.front();
@@ -340,7 +349,8 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
         }
         if (fds.empty()) {
             bool anyAlive = false;
-            for (Worker const& w : _workers) anyAlive = anyAlive || w.jobs >= 0;
+            for (size_t i = 0; i < _workers.size() && i < most; ++i)
+                anyAlive = anyAlive || _workers[i].jobs >= 0;
             if (!handOut || jobs.empty() || !anyAlive) break;
             continue;
         }
@@ -378,6 +388,7 @@ bool runOnWorkers(Session& s, int count, std::deque<Json::Value> jobs,
     WorkerPool pool(s);
     if (!pool.start(count, error)) return false;
     bool ran = pool.run(jobs, onResult, progress);
+    if (pool.started() == 0) error = std::string("cannot start a worker: ") + strerror(errno);
     // What the workers learned is kept even after a failure: it is all true.
     // A cache that cannot be written costs lookups later, not this command.
     std::string mergeError;

@@ -42,16 +42,23 @@ class WorkerPool {
     WorkerPool(WorkerPool const&) = delete;
     WorkerPool& operator=(WorkerPool const&) = delete;
 
-    // Starts `count` workers, each on a private copy of the destination's
-    // node cache file. False with `error` set when none could be started.
+    // Prepares for at most `count` workers, each to work on a private copy
+    // of the destination's node cache file as it is now. Workers start when
+    // there are jobs for them. False with `error` set on failure.
     bool start(int count, std::string& error);
 
-    // Hands out `jobs` until none is left and every worker is idle, passing
-    // each result to `onResult` and the bytes of running transfers to
-    // `progress` (may be null). After an interrupt no further job is handed
-    // out and the workers are asked to cancel. False when `onResult` stopped
-    // it or an interrupt came.
-    bool run(std::deque<Json::Value>& jobs, ResultHandler const& onResult, ProgressLine* progress);
+    // Hands out `jobs` to at most `limit` workers (the first ones, so that
+    // a run on one worker uses the one that learned most) until none is left
+    // and every worker is idle, passing each result to `onResult` and the
+    // bytes of running transfers to `progress` (may be null). After an
+    // interrupt no further job is handed out and the workers are asked to
+    // cancel. False when `onResult` stopped it, an interrupt came, or no
+    // worker was left to take the jobs.
+    bool run(std::deque<Json::Value>& jobs, ResultHandler const& onResult, ProgressLine* progress,
+             int limit = 1 << 20);
+
+    // How many workers were started.
+    size_t started() const { return _workers.size(); }
 
     // Lets the workers flush their node caches and exit, then merges what
     // they learned into the destination's node cache file. False with
@@ -70,6 +77,7 @@ class WorkerPool {
     };
 
     void stopAll();
+    bool spawn();
     bool readResults(Worker& worker, std::deque<Json::Value>& jobs, ResultHandler const& onResult,
                      ProgressLine* progress, bool& keepGoing);
 
@@ -77,6 +85,7 @@ class WorkerPool {
     std::vector<Worker> _workers;
     std::string _folder;  // the workers' node cache copies
     std::string _baseFile;
+    int _count = 1;
     bool _stopSent = false;
 };
 
