@@ -38,7 +38,8 @@ The data folder is DIR, else $DRIVE_EMULATOR_DATA.
   trash OBJ | untrash OBJ
   rm OBJ                           delete for good (descendants without another parent too)
   touch OBJ SECONDS                set the modification time
-  settings [KEY=VALUE ...]         page_size, list_trashed, progress_bytes, fsync
+  settings [KEY=VALUE ...]         page_size, list_trashed, progress_bytes, fsync,
+                                   log_rows
   fault add KIND [--fn NAME] [--nth N] [--times N | --always] [--code C]
                  [--message TEXT] [--number N] [--fractions F,F,...]
         fires on N (default 1) matching requests from the nth on
@@ -192,6 +193,8 @@ void settingsCommand(Drive& drive, Args& args) {
             s.progressBytes = value;
         } else if (key == "fsync") {
             s.fsync = value != 0;
+        } else if (key == "log_rows") {
+            s.logRows = value;
         } else {
             throw Usage{"unknown setting: " + key};
         }
@@ -199,7 +202,8 @@ void settingsCommand(Drive& drive, Args& args) {
     }
     if (changed) drive.setSettings(s);
     std::cout << "page_size=" << s.pageSize << "\nlist_trashed=" << s.listTrashed
-              << "\nprogress_bytes=" << s.progressBytes << "\nfsync=" << s.fsync << "\n";
+              << "\nprogress_bytes=" << s.progressBytes << "\nfsync=" << s.fsync
+              << "\nlog_rows=" << s.logRows << "\n";
 }
 
 void logCommand(Drive& drive, Args& args) {
@@ -265,6 +269,10 @@ int run(std::vector<std::string> argv) {
     Args args(std::move(argv));
     std::string folder;
     if (args.take("--data")) folder = args.next("data folder");
+    if (args.take("--help") || args.take("-h")) {
+        std::cout << kUsage;
+        return 0;
+    }
     if (folder.empty() && std::getenv("DRIVE_EMULATOR_DATA")) {
         folder = std::getenv("DRIVE_EMULATOR_DATA");
     }

@@ -64,6 +64,7 @@ struct Settings {
     bool listTrashed = false;              // true: listings include trashed objects, as raw Drive
     std::int64_t progressBytes = 8 << 20;  // bytes between progress messages; 0: none
     bool fsync = false;                    // fsync stored contents before committing them
+    std::int64_t logRows = 20000;          // request log rows kept (the newest), at least 1
 };
 
 enum class FaultKind {

@@ -25,6 +25,11 @@ void appendLog(Db& db, LogEntry const& entry) {
         .bind(6, std::int64_t(entry.errorCode))
         .bind(7, entry.message)
         .run();
+    // Only the newest rows are kept, so that the data folder does not grow with
+    // every request of a long life (a file size limit would stop the emulator).
+    db.exec(
+        "DELETE FROM log WHERE seq <= (SELECT MAX(seq) FROM log) - COALESCE((SELECT value FROM "
+        "settings WHERE key = 'log_rows'), 20000)");
 }
 
 std::vector<LogEntry> readLog(Db& db) {

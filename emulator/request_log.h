@@ -11,8 +11,8 @@
 
 namespace DriveEmulator {
 
-// Appends `entry` (its seq is assigned; time and pid are taken as given).
-// Hold a WriteTransaction.
+// Appends `entry` (its seq is assigned; time and pid are taken as given) and
+// drops the oldest rows beyond the "log_rows" setting. Hold a WriteTransaction.
 void appendLog(Db& db, LogEntry const& entry);
 std::vector<LogEntry> readLog(Db& db);
 // Entries whose fn is `fn`, or all for "*".

@@ -270,12 +270,14 @@ Settings Store::settings() {
         if (key == "list_trashed") settings.listTrashed = q.int64(1) != 0;
         if (key == "progress_bytes") settings.progressBytes = q.int64(1);
         if (key == "fsync") settings.fsync = q.int64(1) != 0;
+        if (key == "log_rows") settings.logRows = q.int64(1);
     }
     return settings;
 }
 
 void Store::setSettings(Settings const& settings) {
     if (settings.pageSize < 1) throw Error(400, "The page size must be at least 1.");
+    if (settings.logRows < 1) throw Error(400, "The request log must keep at least 1 row.");
     auto set = [&](char const* key, std::int64_t value) {
         _db.query("INSERT OR REPLACE INTO settings(key, value) VALUES(?, ?)")
             .bind(1, key)
@@ -286,6 +288,7 @@ void Store::setSettings(Settings const& settings) {
     set("list_trashed", settings.listTrashed);
     set("progress_bytes", settings.progressBytes);
     set("fsync", settings.fsync);
+    set("log_rows", settings.logRows);
 }
 
 void Store::setQuota(std::optional<std::int64_t> quota) {

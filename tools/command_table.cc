@@ -15,7 +15,12 @@ void remoteRequired(CLI::App& c, CommandArgs& a) {
 }
 
 void twoPaths(char const* from, char const* to, CLI::App& c, CommandArgs& a) {
-    c.add_option(std::string(from) + " " + to, a.paths)->required()->expected(2);
+    for (char const* name : {from, to}) {
+        c.add_option_function<std::string>(
+             name, [&a](std::string const& path) { a.paths.push_back(path); })
+            ->required()
+            ->type_name("");
+    }
 }
 
 void transfers(CLI::App& c, CommandArgs& a) {
@@ -67,13 +72,24 @@ std::vector<Command> const& commandTable() {
          [](CLI::App& c, CommandArgs& a) { twoPaths("LOCAL", "REMOTE", c, a); }, runPut},
         {"get", "fetch one file",
          [](CLI::App& c, CommandArgs& a) { twoPaths("REMOTE", "LOCAL", c, a); }, runGet},
-        {"copy", "send a local tree; unchanged files (size and MD5) are skipped",
+        {"copy",
+         "send a local tree; unchanged files (size and MD5) are skipped; never deletes (a file "
+         "deleted locally stays on the remote: use sync)",
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent, send nothing");
              transfers(c, a);
          },
          runCopy},
+        {"sync",
+         "make the remote tree match a local one: copy, then delete remote files and folders the "
+         "local tree no longer has (nothing is deleted when a local folder cannot be read)",
+         [](CLI::App& c, CommandArgs& a) {
+             twoPaths("LOCALDIR", "REMOTEDIR", c, a);
+             c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent and deleted, do nothing");
+             transfers(c, a);
+         },
+         runSync},
         {"restore", "fetch a remote tree into a local folder",
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("REMOTEDIR", "LOCALDIR", c, a);
@@ -91,7 +107,7 @@ std::vector<Command> const& commandTable() {
         {"purge", "remove a folder and everything below it",
          [](CLI::App& c, CommandArgs& a) {
              remoteRequired(c, a);
-             c.add_flag("-f,--force", a.force, "do not ask, even on a terminal");
+             c.add_flag("-f,--force", a.force, "do not ask (needed when stdin is not a terminal)");
          },
          runPurge},
         {"containers", "list the top-level folders of the Drive", [](CLI::App&, CommandArgs&) {},

@@ -62,6 +62,7 @@ int runDupes(Session& s);
 int runPut(Session& s);
 int runGet(Session& s);
 int runCopy(Session& s);
+int runSync(Session& s);
 int runRestore(Session& s);
 int runCheck(Session& s);
 int runInit(Session& s);

@@ -1,4 +1,7 @@
 // Commands that look: ls, tree, stat, size, about, containers, dupes.
+#include <unistd.h>
+
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <list>
@@ -19,9 +22,15 @@ int listingFailure(char const* what, std::string const& path) {
     return reportFailure(what, path.empty() ? "(target top)" : path, getError(), Wanted::kFolder);
 }
 
+// A name as a listing shows it: folders end in "/", and on a terminal control
+// characters are escaped so that a name cannot fake lines or move the cursor.
 std::string shownName(FileInfo const& info, std::string const& name) {
-    return info.isDirType() ? name + "/" : name;
+    std::string shown = isatty(STDOUT_FILENO) ? escapeControls(name) : name;
+    return info.isDirType() ? shown + "/" : shown;
 }
+
+// The target's top is "/" in what the tool shows.
+std::string shownPath(std::string const& top) { return top.empty() ? "/" : top; }
 
 }  // namespace
 
@@ -54,7 +63,7 @@ int runLs(Session& s) {
     if (!ok) return listingFailure("ls", top);
     if (s.args.json) {
         Json::Value document(Json::objectValue);
-        document["path"] = top;
+        document["path"] = shownPath(top);
         document["entries"] = entries;
         printJson(document);
     }
@@ -64,7 +73,6 @@ int runLs(Session& s) {
 int runTree(Session& s) {
     std::string top = remotePath(s.path(0));
     int64_t files = 0, folders = 0;
-    printf("%s\n", top.empty() ? "." : top.c_str());
     // Depth-first, each folder's children right after it: draw by recursion
     // over the map of listings.
     std::map<std::string, std::vector<FileInfo>> listings;
@@ -74,6 +82,7 @@ int runTree(Session& s) {
                                  return true;
                              });
     if (!ok) return listingFailure("tree", top);
+    printf("%s\n", shownPath(top).c_str());
     std::function<void(std::string const&, std::string const&)> draw =
         [&](std::string const& folder, std::string const& indent) {
             auto const& children = listings[folder];
@@ -91,16 +100,26 @@ int runTree(Session& s) {
             }
         };
     draw("", "");
-    printf("\n%" PRId64 " folders, %" PRId64 " files\n", folders, files);
+    printf("\n%s, %s\n", counted(folders, "folder").c_str(), counted(files, "file").c_str());
     return kExitOk;
 }
 
 int runStat(Session& s) {
     std::string path = remotePath(s.path(0));
     FileInfo info(path);
-    if (!s.agent.stat(path, info)) return reportFailure("stat", path, getError(), Wanted::kFile);
+    // The target folder is an entry of the container: stat it with the
+    // target id set aside, as init makes it.
+    bool ok = false;
+    if (path.empty()) {
+        s.agent.setTargetId("");
+        ok = s.agent.stat(s.destination.target, info);
+        s.agent.setTargetId(s.destination.target);
+    } else {
+        ok = s.agent.stat(path, info);
+    }
+    if (!ok) return reportFailure("stat", shownPath(path), getError(), Wanted::kFile);
     if (s.args.json) {
-        printJson(entryJson(info, path));
+        printJson(entryJson(info, shownPath(path)));
     } else {
         printLongHeader();
         printLongLine(info, path);
@@ -126,7 +145,7 @@ int runSize(Session& s) {
     if (!ok) return listingFailure("size", top);
     if (s.args.json) {
         Json::Value document(Json::objectValue);
-        document["path"] = top;
+        document["path"] = shownPath(top);
         document["files"] = static_cast<Json::Int64>(files);
         document["folders"] = static_cast<Json::Int64>(folders);
         document["bytes"] = static_cast<Json::Int64>(bytes);
@@ -143,7 +162,9 @@ int runAbout(Session& s) {
     if (!s.agent.getAccountInfo(info)) {
         return reportFailure("about", "", getError(), Wanted::kFile);
     }
-    int64_t freeBytes = info.isUnlimitedQuota ? -1 : info.quota - info.usedSize;
+    // Contents stored before a quota was lowered can exceed it: nothing is free then.
+    int64_t freeBytes =
+        info.isUnlimitedQuota ? -1 : std::max<int64_t>(0, info.quota - info.usedSize);
     if (s.args.json) {
         Json::Value document(Json::objectValue);
         document["account"] = info.account;
@@ -162,8 +183,11 @@ int runAbout(Session& s) {
     if (info.isUnlimitedQuota) {
         printf("quota:   unlimited\n");
     } else {
-        printf("quota:   %s\nfree:    %s\n", humanBytes(info.quota).c_str(),
-               humanBytes(freeBytes).c_str());
+        printf("quota:   %s\nfree:    %s%s\n", humanBytes(info.quota).c_str(),
+               humanBytes(freeBytes).c_str(),
+               info.usedSize > info.quota
+                   ? (" (over quota by " + humanBytes(info.usedSize - info.quota) + ")").c_str()
+                   : "");
     }
     return kExitOk;
 }
@@ -201,7 +225,7 @@ int runDupes(Session& s) {
             return true;
         });
     if (!ok) return listingFailure("dupes", top);
-    printf("%d name%s held more than once\n", groups, groups == 1 ? "" : "s");
+    printf("%s held more than once\n", counted(groups, "name").c_str());
     return kExitOk;
 }
 

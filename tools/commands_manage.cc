@@ -57,7 +57,11 @@ int runPurge(Session& s) {
     if (!info.isDirType()) {
         return reportProblem("purge " + path + ": not a folder; use rm for a file", kExitUsage);
     }
-    if (!s.args.force && isatty(STDIN_FILENO)) {
+    if (!s.args.force && !isatty(STDIN_FILENO)) {
+        return reportProblem(
+            "purge " + path + ": nobody to ask (stdin is not a terminal); use --force", kExitUsage);
+    }
+    if (!s.args.force) {
         printf("remove %s and everything below it? [y/N] ", path.c_str());
         fflush(stdout);
         std::string answer;

@@ -3,8 +3,12 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <set>
 
 #include "drive_control.h"
 
@@ -47,6 +51,29 @@ void addDestinationOptions(CLI::App& app, Destination& d) {
     app.add_option("--plugin", d.plugin, "plug-in module to load")
         ->envname("GDRIVE_PLUGIN")
         ->capture_default_str();
+}
+
+void warnUnknownProfileKeys(std::string const& profile) {
+    static std::set<std::string> const kKeys = {"container", "target",   "refresh-token",
+                                                "cache-dir", "data-dir", "plugin"};
+    std::ifstream in(profile);
+    int number = 0;
+    for (std::string line; std::getline(in, line);) {
+        ++number;
+        size_t equals = line.find('=');
+        size_t first = line.find_first_not_of(" \t");
+        if (equals == std::string::npos || first == equals || line[first] == '#' ||
+            line[first] == ';') {
+            continue;
+        }
+        std::string key = line.substr(first, line.find_last_not_of(" \t", equals - 1) + 1 - first);
+        std::string dashed = key;
+        std::replace(dashed.begin(), dashed.end(), '_', '-');
+        if (!kKeys.count(dashed)) {
+            fprintf(stderr, "gdrive_host: %s:%d: unknown key %s ignored\n", profile.c_str(), number,
+                    key.c_str());
+        }
+    }
 }
 
 std::string emulatorAccountFolder(Destination const& d) { return d.dataDir + "/account"; }

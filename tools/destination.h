@@ -26,6 +26,10 @@ struct Destination {
 // given with --profile or GDRIVE_PROFILE (lines "key = value").
 void addDestinationOptions(CLI::App& app, Destination& destination);
 
+// Warns on stderr of each key in the profile file `profile` that names no
+// destination option (CLI11 passes over them in silence); a missing file is fine.
+void warnUnknownProfileKeys(std::string const& profile);
+
 // Fills the defaults that depend on the environment and, unless TAVO_ROOT
 // already names a drive agent, lays out the embedded emulator under the data
 // folder (account, agent root, first use only) and points TAVO_ROOT at it.

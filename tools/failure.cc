@@ -3,6 +3,8 @@
 #include <cstdio>
 
 #include "backup/error.h"
+#include "interrupt.h"
+#include "plugin_log.h"
 
 namespace gdhost {
 
@@ -13,11 +15,11 @@ char const* meaningOf(int engineCode) {
         case ERR_NONE:
             return "no error";
         case ERR_GENERAL:
-            return "general failure (see the log with -v)";
+            return "general failure";
         case ERR_BAD_ARGUMENT:
             return "bad argument or missing setting";
         case ERR_CANCELED:
-            return "canceled";
+            return interrupted() ? "canceled" : "canceled by the drive agent";
         case ERR_BAD_REQUEST:
             return "malformed request or invalid name";
         case ERR_LOCAL_NOT_FOUND:
@@ -55,14 +57,17 @@ char const* meaningOf(int engineCode) {
     }
 }
 
-int exitCodeFor(int engineCode, Wanted wanted) {
+int exitCodeFor(int engineCode, Wanted wanted, int serviceCode) {
+    bool spentRetries = serviceCode == 429 || (serviceCode >= 500 && serviceCode <= 599);
     switch (engineCode) {
+        case ERR_GENERAL:
+            return spentRetries ? kExitTemporary : kExitError;
         case ERR_NONE:
             return kExitOk;
         case ERR_BAD_ARGUMENT:
             return kExitUsage;
         case ERR_CANCELED:
-            return kExitCanceled;
+            return interrupted() ? kExitCanceled : kExitError;
         case ERR_LOCAL_NOT_FOUND:
         case ERR_REMOTE_NOT_FOUND:
             return wanted == Wanted::kFolder ? kExitFolderNotFound : kExitFileNotFound;
@@ -78,12 +83,32 @@ int exitCodeFor(int engineCode, Wanted wanted) {
     }
 }
 
+Failure describeFailure(int engineCode, Wanted wanted) {
+    Failure failure;
+    failure.engineCode = engineCode;
+    LoggedReason reason = loggedReason();
+    failure.words = "error " + std::to_string(engineCode) + ", " + meaningOf(engineCode);
+    // Where the code says it all, the log line would only repeat it.
+    bool plain = engineCode == ERR_REMOTE_NOT_FOUND || engineCode == ERR_REMOTE_IS_DIR ||
+                 engineCode == ERR_REMOTE_NOT_DIR || engineCode == ERR_CANCELED ||
+                 reason.text.find("error[") != std::string::npos;
+    if (!reason.text.empty() && !plain) {
+        failure.words += ": " + reason.text;
+    } else if (engineCode == ERR_GENERAL) {
+        failure.words += " (see the log with -v)";
+    }
+    failure.exitCode = exitCodeFor(engineCode, wanted, reason.serviceCode);
+    failure.stopsRun = engineCode == ERR_CREDENTIALS || engineCode == ERR_REMOTE_QUOTA ||
+                       engineCode == ERR_LOCAL_NO_SPACE || failure.exitCode == kExitCanceled;
+    return failure;
+}
+
 int reportFailure(std::string const& operation, std::string const& path, int engineCode,
                   Wanted wanted) {
     std::string what = path.empty() ? operation : operation + " " + path;
-    fprintf(stderr, "gdrive_host: %s: error %d, %s\n", what.c_str(), engineCode,
-            meaningOf(engineCode));
-    return exitCodeFor(engineCode, wanted);
+    Failure failure = describeFailure(engineCode, wanted);
+    fprintf(stderr, "gdrive_host: %s: %s\n", what.c_str(), failure.words.c_str());
+    return failure.exitCode;
 }
 
 int reportProblem(std::string const& message, int exitCode) {

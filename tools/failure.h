@@ -25,11 +25,27 @@ enum class Wanted { kFile, kFolder };
 // "unknown error" for a code the engine does not define.
 char const* meaningOf(int engineCode);
 
-// The exit code that stands for a failure with `engineCode`.
-int exitCodeFor(int engineCode, Wanted wanted);
+// The exit code that stands for a failure with `engineCode`. A general
+// failure whose cause was a 5xx or 429 of the service (`serviceCode`) left
+// after the retries is a temporary one.
+int exitCodeFor(int engineCode, Wanted wanted, int serviceCode = 0);
 
-// Prints "gdrive_host: OPERATION PATH: error CODE, MEANING" on stderr (the
-// path left out when empty) and returns exitCodeFor(code, wanted).
+// A failed operation described for a person.
+struct Failure {
+    int engineCode = 0;
+    std::string words;  // "error CODE, MEANING" and, when the plug-in logged one, ": REASON"
+    int exitCode = 0;
+    // True for failures that every further file would meet too (credentials
+    // refused, quota exceeded, local disk full, cancelled): a tree stops.
+    bool stopsRun = false;
+};
+
+// Describes the failure of the operation begun last on this thread
+// (beginOperation()): `engineCode` and the reason the plug-in logged.
+Failure describeFailure(int engineCode, Wanted wanted);
+
+// Prints "gdrive_host: OPERATION PATH: error CODE, MEANING[: REASON]" on
+// stderr (the path left out when empty) and returns the exit code.
 int reportFailure(std::string const& operation, std::string const& path, int engineCode,
                   Wanted wanted);
 

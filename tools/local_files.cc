@@ -10,6 +10,8 @@
 #include <fstream>
 #include <memory>
 
+#include "failure.h"
+
 namespace gdhost {
 
 namespace fs = std::filesystem;
@@ -72,45 +74,62 @@ std::string fileMd5(std::string const& path) {
 
 namespace {
 
-void walk(fs::path const& top, std::string const& rpath, std::vector<LocalEntry>& entries,
-          std::vector<std::string>& skipped, std::error_code& error) {
+void walk(fs::path const& top, std::string const& rpath, LocalTree& tree) {
     std::vector<fs::directory_entry> children;
+    std::error_code error;
     for (fs::directory_iterator it(top / rpath, error), end; !error && it != end;
          it.increment(error)) {
         children.push_back(*it);
     }
-    if (error) return;
+    if (error) {
+        tree.unreadable.emplace_back(rpath, error.message());
+        return;
+    }
     std::sort(children.begin(), children.end());
     for (auto const& child : children) {
-        std::string childPath = (fs::path(rpath) / child.path().filename()).string();
-        if (rpath.empty()) childPath = child.path().filename().string();
-        fs::file_status status = child.symlink_status();
+        std::string name = child.path().filename().string();
+        std::string childPath = rpath.empty() ? name : rpath + "/" + name;
+        fs::file_status status = child.symlink_status(error);
         if (fs::is_directory(status)) {
-            entries.push_back({childPath, true, 0});
-            walk(top, childPath, entries, skipped, error);
-            if (error) return;
+            tree.entries.push_back({childPath, true, 0});
+            walk(top, childPath, tree);
         } else if (fs::is_regular_file(status)) {
-            entries.push_back({childPath, false, static_cast<int64_t>(child.file_size(error))});
-            if (error) return;
+            uintmax_t size = child.file_size(error);
+            tree.entries.push_back({childPath, false, error ? 0 : static_cast<int64_t>(size)});
         } else {
-            skipped.push_back(childPath);
+            tree.skipped.push_back(childPath);
         }
     }
 }
 
 }  // namespace
 
-bool listLocalTree(std::string const& top, std::vector<LocalEntry>& entries,
-                   std::vector<std::string>& skipped, std::string& error) {
+bool listLocalTree(std::string const& top, LocalTree& tree, std::string& error, int& exitCode) {
     struct stat st;
-    if (lstat(top.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        error = top + " is not a folder";
+    if (lstat(top.c_str(), &st) != 0) {
+        error = strerror(errno);
+        exitCode = errno == ENOENT || errno == ENOTDIR ? kExitFolderNotFound : kExitError;
         return false;
     }
-    std::error_code failure;
-    walk(top, "", entries, skipped, failure);
-    if (failure) error = failure.message();
-    return !failure;
+    if (!S_ISDIR(st.st_mode)) {
+        error = "is not a folder";
+        exitCode = kExitUsage;
+        return false;
+    }
+    walk(top, "", tree);
+    // The top itself must be readable: an unreadable top is no tree at all.
+    if (!tree.unreadable.empty() && tree.unreadable.front().first.empty()) {
+        error = tree.unreadable.front().second;
+        exitCode = kExitError;
+        return false;
+    }
+    return true;
+}
+
+bool isWithin(std::string const& rpath, std::string const& folder) {
+    return folder.empty() || rpath == folder ||
+           (rpath.size() > folder.size() && rpath.compare(0, folder.size(), folder) == 0 &&
+            rpath[folder.size()] == '/');
 }
 
 bool makeLocalFolders(std::string const& path) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace gdhost {
@@ -29,12 +30,22 @@ struct LocalEntry {
     int64_t size = 0;
 };
 
-// The folders and regular files below `top`, parents before children, names
-// sorted. Anything else (symbolic links, FIFOs, devices, sockets) is left out
-// and its relative path added to `skipped`. False with `error` set when `top`
-// is not a readable folder.
-bool listLocalTree(std::string const& top, std::vector<LocalEntry>& entries,
-                   std::vector<std::string>& skipped, std::string& error);
+// What a walk of a local tree found.
+struct LocalTree {
+    std::vector<LocalEntry> entries;   // folders and regular files, parents first, names sorted
+    std::vector<std::string> skipped;  // anything else: symbolic links, FIFOs, devices, sockets
+    // Folders that could not be read, with the reason: their content is
+    // unknown, which is not the same as empty.
+    std::vector<std::pair<std::string, std::string>> unreadable;
+};
+
+// Walks the tree below `top`, past folders that cannot be read. False with
+// `error` and `exitCode` set when `top` itself is not a readable folder
+// (missing: folder not found; not a folder: usage).
+bool listLocalTree(std::string const& top, LocalTree& tree, std::string& error, int& exitCode);
+
+// True when `rpath` is `folder` or lies below it ("" holds everything).
+bool isWithin(std::string const& rpath, std::string const& folder);
 
 // Creates `path` and its missing parents; false with errno set on failure.
 bool makeLocalFolders(std::string const& path);

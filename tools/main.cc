@@ -12,6 +12,7 @@
 #include "interrupt.h"
 #include "plugin_log.h"
 #include "plugin_module.h"
+#include "remote_tree.h"
 #include "stderr_filter.h"
 
 namespace gdhost {
@@ -58,10 +59,17 @@ int runCommand(Invocation& inv) {
                              kExitUsage);
     }
     Session session{*agent, inv.destination, inv.args, &module};
-    int rc = inv.command->run(session);
+    beginOperation();
+    int rc = kExitOk;
+    try {
+        rc = inv.command->run(session);
+    } catch (BadRemotePath const& e) {
+        rc = reportProblem(e.what(), kExitUsage);
+    }
     // Keep what the node cache learned, as the engine does at the end of a run.
     if (rc == kExitOk && inv.args.action != "drop") agent->flushCache();
-    if (interrupted()) rc = kExitCanceled;
+    // A command that finished its work before the Ctrl-C has succeeded.
+    if (interrupted() && rc != kExitOk) rc = kExitCanceled;
     return rc;
 }
 
@@ -75,12 +83,13 @@ int parseAndRun(int argc, char** argv) {
     app.footer(kExitCodes);
     app.set_version_flag("--version", "gdrive_host " TOOL_VERSION);
     app.require_subcommand(0, 1);
-    // Catches a first word that names no command, so that the message can name it.
-    std::string unknown;
-    app.add_option("COMMAND", unknown)->group("");
+    // Keeps a first word that names no command, so that the message can name it.
+    app.allow_extras();
     addDestinationOptions(app, inv.destination);
-    app.add_flag("-v,--verbose", inv.verbose, "show the plug-in's log lines and operation trace");
-    app.add_flag("-q,--quiet", inv.args.quiet, "no progress line and no summary");
+    CLI::Option* verbose = app.add_flag("-v,--verbose", inv.verbose,
+                                        "show the plug-in's log lines and operation trace");
+    app.add_flag("-q,--quiet", inv.args.quiet, "no progress line and no summary")
+        ->excludes(verbose);
 
     CLI::App* help = app.add_subcommand("help", "describe a command");
     help->add_option("COMMAND", inv.helpTopic);
@@ -95,7 +104,18 @@ int parseAndRun(int argc, char** argv) {
         int rc = app.exit(e);
         return rc == 0 ? kExitOk : kExitUsage;
     }
-    if (!unknown.empty()) return reportProblem("no command named " + unknown, kExitUsage);
+    std::vector<std::string> unknown = app.remaining();
+    if (!unknown.empty()) {
+        bool option = unknown.front().size() > 1 && unknown.front()[0] == '-';
+        return reportProblem((option ? "no option named " : "no command named ") + unknown.front(),
+                             kExitUsage);
+    }
+    warnUnknownProfileKeys(app.get_option("--profile")->as<std::string>());
+    if (inv.destination.target.find('/') != std::string::npos || inv.destination.target.empty()) {
+        return reportProblem("--target " + inv.destination.target +
+                                 ": a target id names one folder of the container (no \"/\")",
+                             kExitUsage);
+    }
     if (!inv.command && !help->parsed()) {
         return reportProblem("a command is needed; see gdrive_host --help", kExitUsage);
     }

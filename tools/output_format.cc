@@ -24,6 +24,61 @@ std::string humanBytes(int64_t bytes) {
     return text;
 }
 
+std::string counted(int64_t count, std::string const& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string escapeControls(std::string const& text) {
+    std::string out;
+    for (unsigned char c : text) {
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20 || c == 0x7f) {
+            char octal[8];
+            snprintf(octal, sizeof octal, "\\%03o", c);
+            out += octal;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+std::string validUtf8(std::string const& text) {
+    std::string out;
+    size_t i = 0;
+    while (i < text.size()) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        size_t length = c < 0x80         ? 1
+                        : (c >> 5) == 6  ? 2
+                        : (c >> 4) == 14 ? 3
+                        : (c >> 3) == 30 ? 4
+                                         : 0;
+        bool valid =
+            length > 0 && i + length <= text.size() && !(c == 0xc0 || c == 0xc1 || c > 0xf4);
+        if (valid && length >= 3) {  // no overlong forms, no surrogates, nothing above U+10FFFF
+            unsigned char d = static_cast<unsigned char>(text[i + 1]);
+            valid = !((c == 0xe0 && d < 0xa0) || (c == 0xed && d > 0x9f) ||
+                      (c == 0xf0 && d < 0x90) || (c == 0xf4 && d > 0x8f));
+        }
+        for (size_t k = 1; valid && k < length; ++k) {
+            valid = (static_cast<unsigned char>(text[i + k]) & 0xc0) == 0x80;
+        }
+        if (valid) {
+            out.append(text, i, length);
+            i += length;
+        } else {
+            out += "\xef\xbf\xbd";
+            ++i;
+        }
+    }
+    return out;
+}
+
 std::string readableTime(int64_t epochSeconds) {
     time_t seconds = static_cast<time_t>(epochSeconds);
     struct tm local;
@@ -34,12 +89,12 @@ std::string readableTime(int64_t epochSeconds) {
 
 Json::Value entryJson(TAVO::Backup::FileInfo const& info, std::string const& name) {
     Json::Value entry(Json::objectValue);
-    entry["name"] = name;
+    entry["name"] = validUtf8(name);
     entry["type"] = info.isDirType() ? "folder" : "file";
     entry["size"] = static_cast<Json::Int64>(info.getSize());
     entry["mtime"] = static_cast<Json::Int64>(info.getMtime());
     entry["modified"] = readableTime(info.getMtime());
-    if (!info.isDirType()) entry["md5"] = info.getChecksum();
+    if (!info.isDirType()) entry["md5"] = validUtf8(info.getChecksum());
     return entry;
 }
 

@@ -14,6 +14,17 @@ namespace gdhost {
 // "0 B", "512 B", "1.5 KiB", "3.2 GiB": one decimal above 1 KiB.
 std::string humanBytes(int64_t bytes);
 
+// "1 file", "2 files", "0 files": `count` and the noun, plural unless one.
+std::string counted(int64_t count, std::string const& noun);
+
+// `text` with control characters written as C escapes ("\n", "\t", "\033"),
+// backslashes doubled, as `ls -b` shows names.
+std::string escapeControls(std::string const& text);
+
+// `text` with every byte that is not part of valid UTF-8 replaced by U+FFFD,
+// so that a strict decoder reads a JSON document holding it.
+std::string validUtf8(std::string const& text);
+
 // Local time as "YYYY-MM-DD HH:MM:SS".
 std::string readableTime(int64_t epochSeconds);
 

@@ -2,53 +2,42 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <deque>
 
 #include "backup/error.h"
 #include "interrupt.h"
 #include "remote_tree.h"
-#include "workers.h"
 
 namespace gdhost {
 
 using namespace TAVO::Backup;
 
-namespace {
-
-Json::Value job(char const* op, std::string const& remote) {
-    Json::Value value(Json::objectValue);
-    value["op"] = op;
-    value["remote"] = remote;
-    return value;
+Json::Value treeJob(char const* op, std::string const& remote, std::string const& shown,
+                    bool folder) {
+    Json::Value job(Json::objectValue);
+    job["op"] = op;
+    job["remote"] = remote;
+    job["shown"] = shown;
+    job["folder"] = folder;
+    return job;
 }
 
-// Notes the first failure of a run: its code and path.
-struct FirstFailure {
-    int code = ERR_NONE;
-    std::string path;
-    bool note(Json::Value const& job, Json::Value const& result) {
-        if (result["ok"].asBool()) return true;
-        if (code == ERR_NONE) {
-            code = result["code"].asInt();
-            path = job["remote"].asString();
-        }
-        return false;
+FileOutcome outcomeOf(Json::Value const& job, Json::Value const& result) {
+    FileOutcome outcome;
+    outcome.path = job["shown"].asString();
+    if (result["ok"].asBool()) return outcome;
+    int code = result["code"].asInt();
+    if (!result.isMember("words")) {
+        // No description: the worker died with the job.
+        return failedFile(outcome.path, code,
+                          job["folder"].asBool() ? Wanted::kFolder : Wanted::kFile);
     }
-};
-
-bool failedWith(int code, std::string const& path, std::string& failed) {
-    failed = path;
-    setError(code);
-    return false;
+    outcome.kind = FileOutcome::kFailed;
+    outcome.failure.engineCode = code;
+    outcome.failure.words = result["words"].asString();
+    outcome.failure.exitCode = result["exit"].asInt();
+    outcome.failure.stopsRun = result["stops"].asBool();
+    return outcome;
 }
-
-// Sets the engine's error state from a run that failed.
-void noteFailure(FirstFailure const& failure, std::string& failed) {
-    failed = failure.path;
-    setError(interrupted() ? ERR_CANCELED : failure.code != ERR_NONE ? failure.code : ERR_GENERAL);
-}
-
-}  // namespace
 
 TreeWorkers::~TreeWorkers() {
     std::string error;
@@ -57,20 +46,25 @@ TreeWorkers::~TreeWorkers() {
 }
 
 bool TreeWorkers::ready() {
-    if (!_started) _started = _pool.start(transfersOf(_session), _error);
-    if (!_started) fprintf(stderr, "gdrive_host: %s\n", _error.c_str());
+    std::string error;
+    if (!_started) _started = _pool.start(transfersOf(_session), error);
+    if (!_started) fprintf(stderr, "gdrive_host: %s\n", error.c_str());
     return _started;
 }
 
 bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
-                       std::map<std::string, FileInfo>& entries, std::string& failed) {
-    std::deque<Json::Value> jobs{job("list", top)};
-    jobs.front()["folder"] = "";
-    FirstFailure failure;
+                       std::map<std::string, FileInfo>& entries) {
+    std::deque<Json::Value> jobs{treeJob("list", top, "", true)};
+    int failure = ERR_NONE;
+    bool topMissing = false;
     auto onResult = [&](Json::Value const& done, Json::Value const& result,
                         std::deque<Json::Value>& more) {
-        if (!failure.note(done, result)) return false;
-        std::string const folder = done["folder"].asString();
+        if (!result["ok"].asBool()) {
+            failure = result["code"].asInt();
+            topMissing = done["remote"].asString() == top && failure == ERR_REMOTE_NOT_FOUND;
+            return false;
+        }
+        std::string const folder = done["shown"].asString();
         Json::Value const& listed = result["entries"];
         std::vector<std::string> names;
         for (Json::Value const& e : listed) names.push_back(e["name"].asString());
@@ -90,57 +84,54 @@ bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
             entries[rpath] = info;
             auto range = std::equal_range(names.begin(), names.end(), name);
             // A name shared in one folder cannot be named by a path.
-            if (info.isDirType() && range.second - range.first == 1) {
-                more.push_back(job("list", joinPath(top, rpath)));
-                more.back()["folder"] = rpath;
-            }
+            if (info.isDirType() && range.second - range.first == 1)
+                more.push_back(treeJob("list", joinPath(top, rpath), rpath, true));
         }
         return true;
     };
-    if (!ready()) return failedWith(ERR_GENERAL, top, failed);
+    if (!ready()) {
+        setError(ERR_GENERAL);
+        return false;
+    }
     if (_pool.run(jobs, onResult, nullptr)) return true;
-    noteFailure(failure, failed);
-    if (missingIsEmpty && getError() == ERR_REMOTE_NOT_FOUND && failed == top) {
+    if (interrupted()) {
+        setError(ERR_CANCELED);
+    } else {
+        setError(failure != ERR_NONE ? failure : ERR_GENERAL);
+    }
+    if (missingIsEmpty && topMissing && !interrupted()) {
         entries.clear();
         return true;
     }
     return false;
 }
 
-bool TreeWorkers::makeFolders(std::string const& top, std::vector<std::string> const& folders,
-                              std::string& failed) {
-    std::deque<Json::Value> jobs;
-    if (!top.empty()) {
-        jobs.push_back(job("mkdir", top));
-        jobs.back()["parents"] = true;
-    }
-    for (auto const& folder : folders) jobs.push_back(job("mkdir", folder));
-    if (jobs.empty()) return true;
-    FirstFailure failure;
+void TreeWorkers::inOrder(std::deque<Json::Value> jobs,
+                          std::function<bool(FileOutcome const&)> const& onOutcome) {
+    if (jobs.empty() || !ready()) return;
     auto onResult = [&](Json::Value const& done, Json::Value const& result,
-                        std::deque<Json::Value>&) { return failure.note(done, result); };
-    if (!ready()) return failedWith(ERR_GENERAL, top, failed);
-    if (_pool.run(jobs, onResult, nullptr, 1)) return true;
-    noteFailure(failure, failed);
-    return false;
+                        std::deque<Json::Value>&) { return onOutcome(outcomeOf(done, result)); };
+    _pool.run(jobs, onResult, nullptr, 1);
 }
 
-bool transferOnWorkers(Session& s, bool send, std::vector<TransferItem> const& items,
-                       ProgressLine& line, std::string& failed) {
-    std::deque<Json::Value> jobs;
-    for (auto const& item : items) {
-        jobs.push_back(job(send ? "send" : "recv", item.remote));
-        jobs.back()["local"] = item.local;
-        jobs.back()["size"] = static_cast<Json::Int64>(item.size);
-    }
-    FirstFailure failure;
+void runTreeJobs(Session& s, int count, std::deque<Json::Value> jobs, RunReport& report,
+                 ProgressLine* line) {
+    size_t const total = jobs.size();
+    size_t finished = 0;
     auto onResult = [&](Json::Value const& done, Json::Value const& result,
-                        std::deque<Json::Value>&) { return failure.note(done, result); };
+                        std::deque<Json::Value>&) {
+        ++finished;
+        report.add(outcomeOf(done, result));
+        return !report.stopped();
+    };
+    std::string const firstShown = total ? jobs.front()["shown"].asString() : "";
     std::string error;
-    if (runOnWorkers(s, transfersOf(s), jobs, onResult, &line, error)) return true;
-    if (!error.empty()) fprintf(stderr, "gdrive_host: %s\n", error.c_str());
-    noteFailure(failure, failed);
-    return false;
+    if (!runOnWorkers(s, count, std::move(jobs), onResult, line, error) && !error.empty()) {
+        report.add(failedLocally(firstShown, error, kExitError));
+    } else if (finished < total && interrupted() && !report.stopped()) {
+        // Stopped between two files: the rest was cancelled.
+        report.add(failedFile(firstShown, ERR_CANCELED, Wanted::kFile));
+    }
 }
 
 }  // namespace gdhost

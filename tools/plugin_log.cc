@@ -1,12 +1,117 @@
 #include "plugin_log.h"
 
+#include <json/reader.h>
 #include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
 
 namespace gdhost {
 
+namespace {
+
+std::mutex gMutex;
+int gShownMask = LOG_MASK(LOG_WARNING);
+thread_local bool tHasReason = false;
+thread_local std::string tReason;
+
+// glibc's syslog expands %m itself; vsnprintf must not see it.
+std::string expandErrno(char const* format, int savedErrno) {
+    std::string out;
+    for (char const* p = format; *p; ++p) {
+        if (p[0] == '%' && p[1] == '%') {
+            out += "%%";
+            ++p;
+        } else if (p[0] == '%' && p[1] == 'm') {
+            for (char const* e = strerror(savedErrno); *e; ++e)
+                out += *e == '%' ? "%%" : std::string(1, *e);
+            ++p;
+        } else {
+            out += *p;
+        }
+    }
+    return out;
+}
+
+void record(int priority, char const* format, va_list args) {
+    int savedErrno = errno;
+    std::string expanded = expandErrno(format, savedErrno);
+    char buffer[2048];
+    vsnprintf(buffer, sizeof buffer, expanded.c_str(), args);
+    int level = LOG_PRI(priority);
+    if (level <= LOG_ERR && !tHasReason) {
+        tHasReason = true;
+        tReason = buffer;
+    }
+    std::lock_guard<std::mutex> lock(gMutex);
+    if (gShownMask & LOG_MASK(level)) {
+        fprintf(stderr, "gdrive_host[%d]: %s\n", static_cast<int>(getpid()), buffer);
+    }
+    errno = savedErrno;
+}
+
+bool isSourcePrefix(std::string const& word) {
+    size_t colon = word.rfind(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == word.size()) return false;
+    return word.find_first_not_of("0123456789", colon + 1) == std::string::npos &&
+           word.find_first_of(" []{}\"") == std::string::npos;
+}
+
+}  // namespace
+
 void showPluginLog(bool verbose) {
-    openlog("gdrive_host", LOG_PERROR | LOG_PID, LOG_USER);
-    setlogmask(verbose ? LOG_UPTO(LOG_DEBUG) : LOG_MASK(LOG_WARNING));
+    std::lock_guard<std::mutex> lock(gMutex);
+    gShownMask = verbose ? LOG_UPTO(LOG_DEBUG) : LOG_MASK(LOG_WARNING);
+}
+
+void beginOperation() {
+    tHasReason = false;
+    tReason.clear();
+}
+
+LoggedReason loggedReason() { return reasonFromLine(tReason); }
+
+LoggedReason reasonFromLine(std::string const& line) {
+    LoggedReason reason;
+    size_t start = 0;
+    for (;;) {
+        size_t space = line.find(' ', start);
+        if (space == std::string::npos || !isSourcePrefix(line.substr(start, space - start))) break;
+        start = space + 1;
+    }
+    reason.text = line.substr(start);
+    size_t brace = line.find('{');
+    if (brace == std::string::npos) return reason;
+    Json::Value answer;
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(line.data() + brace, line.data() + line.size(), &answer, nullptr) ||
+        !answer.isObject()) {
+        return reason;
+    }
+    Json::Value message = answer["error_message"], code = answer["error_code"];
+    if (code.isInt()) reason.serviceCode = code.asInt();
+    if (message.isString() && !message.asString().empty()) {
+        reason.text = message.asString();
+        if (code.isInt()) reason.text += " (" + std::to_string(code.asInt()) + ")";
+    }
+    return reason;
 }
 
 }  // namespace gdhost
+
+// The plug-in and the engine libraries log through these.
+extern "C" void vsyslog(int priority, char const* format, va_list args) {
+    gdhost::record(priority, format, args);
+}
+
+extern "C" void syslog(int priority, char const* format, ...) {
+    va_list args;
+    va_start(args, format);
+    gdhost::record(priority, format, args);
+    va_end(args);
+}

@@ -1,11 +1,35 @@
-// Where the plug-in's syslog lines go while the tool runs.
+// What the plug-in writes to syslog while the tool runs. The tool defines
+// syslog() itself, which takes precedence over the C library's for the
+// plug-in module and the engine libraries it loads, so that each line can be
+// shown or kept as the reason of the operation that failed.
 #pragma once
+
+#include <string>
 
 namespace gdhost {
 
-// Copies the plug-in's syslog lines to stderr as they are written: with
-// `verbose` all of them, else only warnings (retries and their pauses), so
-// that a person sees a retry as it happens instead of a long silence.
+// Shows the plug-in's lines on stderr as they are written: with `verbose` all
+// of them, else only warnings (retries and their pauses), so that a person
+// sees a retry as it happens instead of a long silence.
 void showPluginLog(bool verbose);
+
+// Why an operation failed, in the plug-in's own words.
+struct LoggedReason {
+    std::string text;     // one line; empty when the plug-in logged no error
+    int serviceCode = 0;  // the drive agent's error code in that line, when it gave one
+};
+
+// Forgets the errors logged so far: call before each operation of a run,
+// from the thread that runs it.
+void beginOperation();
+
+// The first error the plug-in logged on this thread since beginOperation():
+// the deepest cause, before the callers' lines that repeat it. A drive
+// agent's answer is reduced to its message.
+LoggedReason loggedReason();
+
+// `line` as a reason: "source:NN " prefixes dropped, an embedded answer
+// {"error_code":N,"error_message":"..."} reduced to its message and code.
+LoggedReason reasonFromLine(std::string const& line);
 
 }  // namespace gdhost

@@ -14,6 +14,9 @@ namespace gdhost {
 
 namespace {
 
+// When the command began: a person compares the summary with the wall clock.
+std::chrono::steady_clock::time_point const gStarted = std::chrono::steady_clock::now();
+
 // A terminal that understands carriage return and erase-line.
 bool smartTerminal() {
     char const* term = getenv("TERM");
@@ -27,7 +30,8 @@ ProgressLine::ProgressLine(std::string verb, int64_t totalBytes, int64_t totalFi
       _total_bytes(totalBytes),
       _total_files(totalFiles),
       _live(!quiet && smartTerminal()),
-      _quiet(quiet) {}
+      _quiet(quiet),
+      _start(gStarted) {}
 
 void ProgressLine::addBytes(int64_t bytes) {
     _bytes += bytes;

@@ -20,7 +20,8 @@ class ProgressLine {
     // Counts one more file done (`bytes` of it not yet reported by addBytes).
     void fileDone(int64_t bytes);
     // Clears the live line and prints the summary on stdout, with `extra`
-    // appended (e.g. ", 12 unchanged").
+    // appended (e.g. ", 12 unchanged"). Its time and rate are those of the
+    // whole command, listings and checksums included.
     void finish(std::string const& extra);
 
     int64_t bytes() const { return _bytes; }
@@ -37,7 +38,7 @@ class ProgressLine {
     bool _quiet;
     int64_t _bytes = 0;
     int64_t _files = 0;
-    std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point _start;
     std::chrono::steady_clock::time_point _drawn{};
 };
 

@@ -16,6 +16,8 @@ std::string remotePath(std::string const& typed) {
     std::string part, path;
     while (std::getline(parts, part, '/')) {
         if (part.empty() || part == ".") continue;
+        if (part == "..")
+            throw BadRemotePath(typed + ": a path in the target cannot go up (\"..\")");
         path = joinPath(path, part);
     }
     return path;

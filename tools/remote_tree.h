@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,14 @@ typedef std::function<bool(std::string const& folder,
                            std::vector<TAVO::Backup::FileInfo> const& children)>
     FolderVisitor;
 
+// A path in the target that no command can take ("a/../b": the plug-in takes
+// no parent steps); the tool exits with a usage error.
+struct BadRemotePath : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // Target-relative form of a path typed by a person: no leading, trailing or
-// repeated slashes, "." meaning the top.
+// repeated slashes, "." meaning the top. Throws BadRemotePath for "..".
 std::string remotePath(std::string const& typed);
 
 // Walks the tree below the target-relative folder `top`. Folders whose name

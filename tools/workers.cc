@@ -4,6 +4,7 @@
 #include <json/json.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,8 +23,11 @@
 #include "failure.h"
 #include "interrupt.h"
 #include "local_files.h"
+#include "partial_files.h"
+#include "plugin_log.h"
 #include "plugin_module.h"
 #include "remote_tree.h"
+#include "tree_files.h"
 
 namespace gdhost {
 
@@ -97,11 +101,33 @@ Json::Value entryOf(FileInfo const& info) {
     return entry;
 }
 
+// A transfer's job: the plug-in's temporary file stays private until it
+// takes its name, then gets a new file's mode; a download holds its folder
+// as the one-agent form does.
+bool runTransfer(TransferAgent& agent, Json::Value const& job, int results, Json::Value& result) {
+    WorkerProgress progress(results);
+    bool const send = job["op"].asString() == "send";
+    std::string const remote = job["remote"].asString();
+    std::string const local = absoluteLocalPath(job["local"].asString());
+    FileInfo info(remote);
+    if (send) {
+        if (!agent.sendFile(local, remote, progress.hook(), true, info)) return false;
+        result["bytes"] = static_cast<Json::Int64>(info.getSize() - progress.reported());
+        return true;
+    }
+    DownloadClaim claim(local.substr(0, local.find_last_of('/')));
+    if (!agent.recvFile(remote, local, progress.hook(), info)) return false;
+    chmod(local.c_str(), newFileMode());
+    result["bytes"] = static_cast<Json::Int64>(job["size"].asInt64() - progress.reported());
+    return true;
+}
+
 Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
     std::string const op = job["op"].asString();
     std::string const remote = job["remote"].asString();
     Json::Value result(Json::objectValue);
     bool ok = false;
+    beginOperation();
     setError(ERR_NONE);
     if (interrupted()) {
         setError(ERR_CANCELED);
@@ -112,20 +138,24 @@ Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
         for (FileInfo const& info : listed) result["entries"].append(entryOf(info));
     } else if (op == "mkdir") {
         ok = job["parents"].asBool() ? makeRemoteFolders(agent, remote) : agent.createDir(remote);
+    } else if (op == "remove") {
+        ok = job["folder"].asBool() ? agent.removeDirRecursive(remote) : agent.removeFile(remote);
     } else if (op == "send" || op == "recv") {
-        WorkerProgress progress(results);
-        std::string const local = absoluteLocalPath(job["local"].asString());
-        FileInfo info(remote);
-        ok = op == "send" ? agent.sendFile(local, remote, progress.hook(), true, info)
-                          : agent.recvFile(remote, local, progress.hook(), info);
-        int64_t size = op == "send" ? info.getSize() : job["size"].asInt64();
-        if (ok) result["bytes"] = static_cast<Json::Int64>(size - progress.reported());
+        ok = runTransfer(agent, job, results, result);
     } else {
         setError(ERR_BAD_ARGUMENT);
     }
     if (!ok && interrupted()) setError(ERR_CANCELED);
     result["ok"] = ok;
-    if (!ok) result["code"] = getError();
+    if (!ok) {
+        // Described here, where the plug-in logged the reason.
+        Failure failure =
+            describeFailure(getError(), job["folder"].asBool() ? Wanted::kFolder : Wanted::kFile);
+        result["code"] = failure.engineCode;
+        result["words"] = failure.words;
+        result["exit"] = failure.exitCode;
+        result["stops"] = failure.stopsRun;
+    }
     return result;
 }
 
@@ -159,6 +189,7 @@ Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
                 } else {
                     result["ok"] = false;
                     result["code"] = ERR_BAD_ARGUMENT;
+                    result["exit"] = kExitError;
                 }
                 if (!writeAll(results, lineOf(result))) _exit(kExitError);
             }

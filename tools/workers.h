@@ -21,13 +21,16 @@
 namespace gdhost {
 
 // A job is a JSON object: "op" one of
-//   "list"  "remote": one folder's children
-//   "mkdir" "remote": the folder (with "parents": and its missing parents)
-//   "send"  "local" to "remote"
-//   "recv"  "remote" to "local"
-// Its result: "ok"; "code" (the engine's error code) on failure; "entries"
-// for "list" (objects with "name", "dir", "size", "mtime", "md5"); "bytes"
-// moved and not yet reported for "send" and "recv".
+//   "list"   "remote": one folder's children
+//   "mkdir"  "remote": the folder (with "parents": and its missing parents)
+//   "remove" "remote": a file, or with "folder" a folder and its content
+//   "send"   "local" to "remote"
+//   "recv"   "remote" to "local" ("size" bytes)
+// Its result: "ok"; on failure "code" (the engine's error code), "words",
+// "exit" and "stops" (the failure as describeFailure gives it, "folder"
+// saying what was wanted); "entries" for "list" (objects with "name", "dir",
+// "size", "mtime", "md5"); "bytes" moved and not yet reported for "send"
+// and "recv".
 class WorkerPool {
   public:
     // Called for each result; may queue more jobs. Returning false stops

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <json/reader.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,10 +44,20 @@ class ToolTest : public ::testing::Test {
     void TearDown() override { fs::remove_all(_dir); }
 
     // Starts the tool with `args`; stdout and stderr go to files in the folder.
+    // With _unprivileged set and run as root (as CI runs), the tool runs as
+    // nobody, so that file modes bind it.
     pid_t start(std::vector<std::string> args) {
         args.insert(args.begin(), GDRIVE_HOST);
+        bool drop = _unprivileged && geteuid() == 0;
+        if (drop) {
+            for (auto const& e : fs::recursive_directory_iterator(_dir)) {
+                EXPECT_EQ(lchown(e.path().c_str(), kNobody, kNobody), 0) << e.path();
+            }
+            EXPECT_EQ(chown(_dir.c_str(), kNobody, kNobody), 0);
+        }
         pid_t pid = fork();
         if (pid == 0) {
+            if (drop && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) _exit(126);
             if (chdir(_dir.c_str()) != 0) _exit(127);
             dup2(open((_dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
             dup2(open((_dir + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
@@ -82,7 +93,9 @@ class ToolTest : public ::testing::Test {
         fs::create_directories(top + "/Pool/empty folder");
     }
 
+    static constexpr uid_t kNobody = 65534;
     std::string _dir;
+    bool _unprivileged = false;
 };
 
 Json::Value parse(std::string const& text) {
@@ -103,7 +116,9 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         {{"--version"}, 0, "gdrive_host ", ""},
         {{"frobnicate"}, 2, "", "frobnicate"},
         {{"--frob", "ls"}, 2, "", "--frob"},
-        {{"put", "only-one"}, 2, "", "LOCAL REMOTE"},
+        {{"put", "only-one"}, 2, "", "REMOTE is required"},
+        {{"-q", "-v", "ls"}, 2, "", "excludes"},
+        {{"--target", "a/b", "init"}, 2, "", "one folder"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0]);
@@ -134,6 +149,8 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         {none, {"put", path("fifo"), "x"}, 2, "is a FIFO"},
         {none, {"put", path("link"), "x"}, 2, "is a symbolic link"},
         {none, {"put", path("folder"), "x"}, 2, "use copy"},
+        {none, {"ls", "a/.."}, 2, "cannot go up"},
+        {none, {"get", "x", path("missing/x")}, 3, "local folder"},
         {DriveEmulator::Fault::fail("*", 408).always(), {"ls"}, 5, "error 2104"},
         {DriveEmulator::Fault::fail("*", 401).always(), {"about"}, 7, "credentials refused"},
         {DriveEmulator::Fault::fail("uploadFile", 403,
@@ -182,7 +199,7 @@ TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
     drive().clearRequestLog();
     Result second = run({"copy", path("src"), "backup"});
     EXPECT_EQ(second.code, 0);
-    EXPECT_NE(second.out.find("4 files unchanged"), std::string::npos) << second.out;
+    EXPECT_NE(second.out.find("0 sent, 4 unchanged"), std::string::npos) << second.out;
     EXPECT_EQ(drive().countRequests("uploadFile") + drive().countRequests("uploadEmptyFile") +
                   drive().countRequests("updateFile") + drive().countRequests("createFolder"),
               0);
@@ -224,7 +241,7 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
         folders[transfers] = drive().countRequests("createFolder");
         drive().clearRequestLog();
         Result again = run({"copy", "--transfers", transfers, path("src"), remote});
-        EXPECT_NE(again.out.find("34 files unchanged"), std::string::npos) << again.out;
+        EXPECT_NE(again.out.find("0 sent, 34 unchanged"), std::string::npos) << again.out;
         second[transfers] = drive().countRequests();
         ASSERT_EQ(run({"restore", "--transfers", transfers, remote, path(remote)}).code, 0);
         EXPECT_EQ(run({"check", path(remote), remote}).code, 0);
@@ -234,6 +251,157 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
     EXPECT_EQ(folders["3"], folders["1"]);
     EXPECT_EQ(first["3"], first["1"]);
     EXPECT_EQ(second["3"], second["1"]);
+
+    // A failure that stops the run stops every worker, and is listed.
+    write(path("src/Pool/1/new"), "new");
+    drive().addFault(DriveEmulator::Fault::fail("uploadFile", 403,
+                                                "The user's Drive storage quota has been exceeded.")
+                         .always());
+    Result full = run({"copy", "--transfers", "3", path("src"), "t3"});
+    EXPECT_EQ(full.code, 7);
+    EXPECT_NE(full.err.find("failed: Pool/1/new: error 2002, quota exceeded"), std::string::npos)
+        << full.err;
+    EXPECT_NE(full.out.find("0 sent, 34 unchanged, 0 skipped, 1 failed"), std::string::npos)
+        << full.out;
+}
+
+// Names are compared byte for byte, as the NAS file system does: "X" is no
+// second "x".
+TEST_F(ToolTest, DupesAreByteIdenticalNamesOnly) {
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"mkdir", "d"}).code, 0);
+    std::string folder = drive().idByPath("/Backups/nas1.hbk/d");
+    for (char const* name : {"x", "x", "X"}) drive().put(folder, name, name);
+    Result r = run({"dupes"});
+    EXPECT_EQ(r.code, 0);
+    EXPECT_NE(r.out.find("d/x\n"), r.out.rfind("d/x\n")) << r.out;
+    EXPECT_EQ(r.out.find("d/X"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\n1 name held more than once"), std::string::npos) << r.out;
+}
+
+// One bad file or folder costs only itself: everything else is sent, each
+// failure is listed with its reason, and sync deletes remote extras only once
+// the whole local tree could be read.
+TEST_F(ToolTest, CopyAndSyncKeepGoingPastWhatCannotBeRead) {
+    _unprivileged = true;
+    makeTree(path("src"));
+    write(path("src/locked/inside"), "inside\n");
+    write(path("src/secret"), "secret\n");
+    ASSERT_EQ(run({"init"}).code, 0);
+    chmod(path("src/locked").c_str(), 0);
+    chmod(path("src/secret").c_str(), 0);
+    Result copy = run({"copy", path("src"), "backup"});
+    EXPECT_EQ(copy.code, 1) << copy.err;
+    EXPECT_NE(copy.err.find("failed: locked/: cannot read the folder: Permission denied"),
+              std::string::npos)
+        << copy.err;
+    EXPECT_NE(copy.err.find("failed: secret: error 1, general failure: cannot read"),
+              std::string::npos)
+        << copy.err;
+    EXPECT_NE(copy.out.find("4 sent, 0 unchanged, 0 skipped, 2 failed"), std::string::npos);
+    EXPECT_EQ(run({"stat", "backup/a/b/c/d/deep"}).code, 0);
+
+    fs::remove_all(path("src/a"));
+    Result refused = run({"sync", path("src"), "backup"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_NE(refused.err.find("nothing deleted"), std::string::npos) << refused.err;
+    EXPECT_EQ(run({"stat", "backup/a/b/c/d/deep"}).code, 0);
+
+    chmod(path("src/locked").c_str(), 0755);
+    chmod(path("src/secret").c_str(), 0644);
+    EXPECT_NE(run({"sync", "--dry-run", path("src"), "backup"}).out.find("would delete a\n"),
+              std::string::npos);
+    EXPECT_EQ(run({"stat", "backup/a"}).code, 0);
+    Result sync = run({"sync", path("src"), "backup"});
+    EXPECT_EQ(sync.code, 0) << sync.err;
+    EXPECT_NE(sync.out.find("2 sent, 3 unchanged, 0 skipped, 0 failed, 1 deleted"),
+              std::string::npos)
+        << sync.out;
+    EXPECT_EQ(run({"stat", "backup/a"}).code, 4);
+    EXPECT_EQ(run({"check", path("src"), "backup"}).code, 0);
+}
+
+// The exit code tells the worst class of failure; a failure that every file
+// would meet stops the run at once. One worker, so that the order is known.
+TEST_F(ToolTest, TreeFailuresAreCountedAndClassed) {
+    makeTree(path("src"));
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src"), "backup"}).code, 0);
+    write(path("src/Pool/0/bucket.1"), "changed");
+    write(path("src/Pool/0/bucket.2"), "new");
+    write(path("src/Pool/0/bucket.3"), "new too");
+    using DriveEmulator::Fault;
+    struct Case {
+        Fault fault;
+        std::vector<std::string> args;
+        int code;
+        char const* words;
+        char const* summary;
+        int requests;  // of the fault's fn
+    } const cases[] = {
+        // bucket.1 is an update; bucket.2 meets the quota, and bucket.3 is not tried.
+        {Fault::fail("uploadFile", 403, "The user's Drive storage quota has been exceeded.")
+             .always(),
+         {"copy", "--transfers", "1", path("src"), "backup"},
+         7,
+         "failed: Pool/0/bucket.2: error 2002, quota exceeded",
+         "1 sent, 3 unchanged, 0 skipped, 1 failed",
+         1},
+        // Every attempt of bucket.2 gets a 503; bucket.3 goes through.
+        {Fault::fail("uploadFile", 503).forNext(10),
+         {"copy", "--transfers", "1", path("src"), "backup"},
+         5,
+         "failed: Pool/0/bucket.2: error 1, general failure: Service Unavailable (503)",
+         "1 sent, 4 unchanged, 0 skipped, 1 failed",
+         11},
+        {Fault::fail("downloadFile", 500).forNext(10),
+         {"restore", "--transfers", "1", "backup", path("back")},
+         5,
+         "failed: Control/with space/été.txt: error 1, general failure: Internal Error (500)",
+         "4 received, 0 unchanged, 0 skipped, 1 failed",
+         13},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.args[0] + " " + c.words);
+        drive().clearFaults();
+        drive().addFault(c.fault);
+        drive().clearRequestLog();
+        Result r = run(c.args);
+        EXPECT_EQ(r.code, c.code) << r.err;
+        EXPECT_NE(r.err.find(c.words), std::string::npos) << r.err;
+        EXPECT_NE(r.out.find(c.summary), std::string::npos) << r.out;
+        EXPECT_EQ(drive().countRequests(c.fault.fn), c.requests);
+    }
+    EXPECT_EQ(readFile(path("back/a/b/c/d/deep")), "deep\n");
+}
+
+// Restored files get the mode of a new file; partial downloads of dead runs
+// go, those of a live run (holding its folder) and others' files stay.
+TEST_F(ToolTest, RestoreGivesUmaskModesAndClearsDeadLeftovers) {
+    makeTree(path("src"));
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src"), "backup"}).code, 0);
+    write(path("back/Pool/0/.bucket.1.tmp.Ab3dEf"), "partial");
+    write(path("back/Pool/0/.bucket.1.tmp"), "someone else's");
+    write(path("back/a/b/c/d/.deep.tmp.Zz9yX8"), "partial of a live run");
+    int held = open(path("back/a/b/c/d").c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_EQ(flock(held, LOCK_SH), 0);
+    DriveEmulator::Settings settings = drive().settings();
+    settings.logRows = 3;
+    drive().setSettings(settings);
+    mode_t old = umask(027);
+    Result r = run({"restore", "backup", path("back")});
+    umask(old);
+    close(held);
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(fs::status(path("back/Pool/0/bucket.1")).permissions(), fs::perms(0640));
+    EXPECT_FALSE(fs::exists(path("back/Pool/0/.bucket.1.tmp.Ab3dEf")));
+    EXPECT_TRUE(fs::exists(path("back/Pool/0/.bucket.1.tmp")));
+    EXPECT_TRUE(fs::exists(path("back/a/b/c/d/.deep.tmp.Zz9yX8")));
+    // The request log keeps only the newest rows: the last download is there.
+    std::vector<DriveEmulator::LogEntry> log = drive().requestLog();
+    ASSERT_EQ(log.size(), 3u);
+    EXPECT_EQ(log.back().fn, "downloadFile");
 }
 
 // A transfer stopped by Ctrl-C while the service is slow leaves nothing

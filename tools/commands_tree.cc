@@ -1,0 +1,398 @@
+// Commands that move or compare a whole tree: copy, sync, restore, check.
+// Each file is tried; failures are listed at the end with their reasons,
+// and the exit code is that of the worst.
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <set>
+
+#include "backup/error.h"
+#include "commands.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "local_files.h"
+#include "output_format.h"
+#include "parallel_tree.h"
+#include "partial_files.h"
+#include "plugin_log.h"
+#include "remote_tree.h"
+#include "tree_files.h"
+#include "workers.h"
+
+namespace gdhost {
+
+using namespace TAVO::Backup;
+
+namespace {
+
+typedef std::map<std::string, FileInfo> RemoteMap;
+
+// Lists the local tree; prints the problem and sets `code` when its top
+// cannot be read.
+bool readLocalTree(char const* command, std::string const& top, LocalTree& tree, int& code) {
+    std::string error;
+    if (listLocalTree(top, tree, error, code)) return true;
+    reportProblem(std::string(command) + " " + top + ": " + error, code);
+    return false;
+}
+
+void addUnreadable(LocalTree const& tree, RunReport& report) {
+    for (auto const& [rpath, why] : tree.unreadable) {
+        report.add(failedLocally(rpath + "/", "cannot read the folder: " + why, kExitError));
+    }
+}
+
+bool withinAny(std::string const& rpath,
+               std::vector<std::pair<std::string, std::string>> const& folders) {
+    for (auto const& folder : folders) {
+        if (isWithin(rpath, folder.first)) return true;
+    }
+    return false;
+}
+
+// Prints the failures and, unless quiet, the summary; the exit code.
+int closeReport(Session& s, RunReport const& report, std::string const& extra) {
+    report.printFailures();
+    if (report.stopped()) {
+        fprintf(stderr, "gdrive_host: stopped: the failure above would meet every further file\n");
+    }
+    if (!s.args.quiet) printf("%s%s\n", report.summary().c_str(), extra.c_str());
+    return report.exitCode();
+}
+
+// What a copy or sync is going to do.
+struct CopyPlan {
+    std::vector<std::string> folders, files;  // to create, to send
+    std::vector<std::string> replaced;        // remote objects of the other type, in the way
+    std::vector<std::string> extras;          // remote objects the local tree does not have
+    int64_t bytes = 0;
+};
+
+CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap const& remote,
+                  RunReport& report) {
+    CopyPlan plan;
+    std::set<std::string> local;
+    for (auto const& entry : tree.entries) {
+        local.insert(entry.rpath);
+        auto found = remote.find(entry.rpath);
+        bool present = found != remote.end();
+        if (present && found->second.isDirType() != entry.isFolder) {
+            plan.replaced.push_back(entry.rpath);
+            present = false;
+        }
+        if (entry.isFolder) {
+            if (!present) plan.folders.push_back(entry.rpath);
+        } else if (present &&
+                   sameContent(localTop + "/" + entry.rpath, entry.size, found->second)) {
+            FileOutcome unchanged;
+            unchanged.kind = FileOutcome::kUnchanged;
+            report.add(unchanged);
+        } else {
+            plan.files.push_back(entry.rpath);
+            plan.bytes += entry.size;
+        }
+    }
+    for (auto const& name : tree.skipped) local.insert(name);
+    std::string deleted;  // the last folder chosen for deletion: its content goes with it
+    for (auto const& [rpath, info] : remote) {
+        if (local.count(rpath) || (!deleted.empty() && isWithin(rpath, deleted))) continue;
+        if (withinAny(rpath, tree.unreadable)) continue;
+        plan.extras.push_back(rpath);
+        if (info.isDirType()) deleted = rpath;
+    }
+    return plan;
+}
+
+// Deletes the remote object `rpath` below `remoteTop` (a folder with its content).
+FileOutcome deleteRemote(Session& s, std::string const& remoteTop, std::string const& rpath,
+                         bool folder) {
+    beginOperation();
+    std::string path = joinPath(remoteTop, rpath);
+    bool ok = folder ? s.agent.removeDirRecursive(path) : s.agent.removeFile(path);
+    if (!ok) return failedFile(rpath, interrupted() ? ERR_CANCELED : getError(), Wanted::kFile);
+    FileOutcome outcome;
+    outcome.path = rpath;
+    return outcome;
+}
+
+// copyTree's changes made by workers (--transfers above 1): the top, the
+// replacements and the folders in order by the workers that listed the tree,
+// then the files on a pool that starts from the node cache they left, then
+// the deletions in order.
+int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string const& remoteTop,
+                  std::string const& localTop, RemoteMap& remote, CopyPlan const& plan,
+                  RunReport& report, bool deleting) {
+    char const* command = deleting ? "sync" : "copy";
+    std::deque<Json::Value> changes;
+    if (!remoteTop.empty()) {
+        changes.push_back(treeJob("mkdir", remoteTop, remoteTop, true));
+        changes.back()["parents"] = true;
+    }
+    for (auto const& rpath : plan.replaced) {
+        if (deleting) {
+            changes.push_back(
+                treeJob("remove", joinPath(remoteTop, rpath), rpath, remote[rpath].isDirType()));
+        }
+    }
+    for (auto const& rpath : plan.folders)
+        changes.push_back(treeJob("mkdir", joinPath(remoteTop, rpath), rpath + "/", true));
+    size_t next = 0;
+    int64_t created = 0;
+    int topFailure = kExitOk;
+    workers->inOrder(changes, [&](FileOutcome const& outcome) {
+        Json::Value const& job = changes[next++];
+        bool const isTop = job["parents"].asBool();
+        if (outcome.kind != FileOutcome::kFailed) {
+            created += job["op"] == "mkdir" && !isTop;
+        } else if (isTop) {
+            fprintf(stderr, "gdrive_host: %s: mkdir %s: %s\n", command, remoteTop.c_str(),
+                    outcome.failure.words.c_str());
+            topFailure = outcome.failure.exitCode;
+            return false;
+        } else {
+            report.add(outcome);
+        }
+        return !report.stopped();
+    });
+    workers.reset();  // the node cache they learned is merged before the transfers start
+    if (topFailure != kExitOk) return topFailure;
+    std::deque<Json::Value> sends;
+    for (auto const& rpath : plan.files) {
+        sends.push_back(treeJob("send", joinPath(remoteTop, rpath), rpath, false));
+        sends.back()["local"] = localTop + "/" + rpath;
+    }
+    ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
+    if (!report.stopped()) runTreeJobs(s, transfersOf(s), sends, report, &line);
+    line.finish(", " + counted(created, "folder") + " created");
+    // Extras go last, so that a sync cut short never leaves the remote with
+    // less than it had.
+    std::deque<Json::Value> removals;
+    for (auto const& rpath : plan.extras) {
+        removals.push_back(
+            treeJob("remove", joinPath(remoteTop, rpath), rpath, remote[rpath].isDirType()));
+    }
+    int64_t deleted = 0;
+    if (!report.stopped() && !interrupted()) {
+        std::string error;
+        runOnWorkers(
+            s, 1, removals,
+            [&](Json::Value const& job, Json::Value const& result, std::deque<Json::Value>&) {
+                FileOutcome gone = outcomeOf(job, result);
+                if (gone.kind == FileOutcome::kFailed) {
+                    report.add(gone);
+                } else {
+                    ++deleted;
+                }
+                return !report.stopped() && !interrupted();
+            },
+            nullptr, error);
+        if (!error.empty()) report.add(failedLocally("", error, kExitError));
+    }
+    return closeReport(s, report, deleting ? ", " + std::to_string(deleted) + " deleted" : "");
+}
+
+int copyTree(Session& s, bool deleting) {
+    char const* command = deleting ? "sync" : "copy";
+    std::string localTop = s.path(0), remoteTop = remotePath(s.path(1));
+    LocalTree tree;
+    int code = kExitOk;
+    if (!readLocalTree(command, localTop, tree, code)) return code;
+    RemoteMap remote;
+    std::unique_ptr<TreeWorkers> workers;
+    if (transfersOf(s) > 1) workers.reset(new TreeWorkers(s));
+    if (workers ? !workers->list(remoteTop, true, remote)
+                : !remoteEntries(s.agent, remoteTop, true, remote)) {
+        return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
+    }
+    RunReport report("sent");
+    for (auto const& name : tree.skipped) {
+        fprintf(stderr, "gdrive_host: %s: skipped %s (not a regular file or folder)\n", command,
+                name.c_str());
+        FileOutcome skipped;
+        skipped.kind = FileOutcome::kSkipped;
+        report.add(skipped);
+    }
+    addUnreadable(tree, report);
+    CopyPlan plan = planCopy(localTop, tree, remote, report);
+    // An unreadable folder must never look like an empty one.
+    bool mayDelete = deleting && tree.unreadable.empty();
+    if (deleting && !mayDelete && !plan.extras.empty()) {
+        fprintf(
+            stderr,
+            "gdrive_host: sync: nothing deleted: the local tree could not be read completely\n");
+    }
+    if (!mayDelete) plan.extras.clear();
+    if (s.args.dryRun) {
+        for (auto const& f : plan.replaced) printf("would replace %s\n", f.c_str());
+        for (auto const& f : plan.folders) printf("would create %s/\n", f.c_str());
+        for (auto const& f : plan.files) printf("would send %s\n", f.c_str());
+        for (auto const& f : plan.extras) printf("would delete %s\n", f.c_str());
+        printf("%s (%s) to send, %s to delete; %s\n", counted(plan.files.size(), "file").c_str(),
+               humanBytes(plan.bytes).c_str(), counted(plan.extras.size(), "object").c_str(),
+               report.summary().c_str());
+        return report.exitCode();
+    }
+    if (workers)
+        return copyOnWorkers(s, workers, remoteTop, localTop, remote, plan, report, deleting);
+    if (!remoteTop.empty() && !makeRemoteFolders(s.agent, remoteTop)) {
+        return reportFailure(std::string(command) + ": mkdir", remoteTop, getError(),
+                             Wanted::kFolder);
+    }
+    // An object of the other type is in the way of a file or folder: sync
+    // replaces it, copy (which never deletes) reports it.
+    for (auto const& rpath : plan.replaced) {
+        if (deleting) {
+            FileOutcome gone = deleteRemote(s, remoteTop, rpath, remote[rpath].isDirType());
+            if (gone.kind == FileOutcome::kFailed) report.add(gone);
+        }
+    }
+    int64_t created = 0;
+    for (auto const& rpath : plan.folders) {
+        if (report.stopped()) break;
+        beginOperation();
+        if (s.agent.createDir(joinPath(remoteTop, rpath))) {
+            ++created;
+        } else {
+            report.add(failedFile(rpath + "/", interrupted() ? ERR_CANCELED : getError(),
+                                  Wanted::kFolder));
+        }
+    }
+    ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
+    for (auto const& rpath : plan.files) {
+        if (report.stopped()) break;
+        report.add(
+            sendTreeFile(s.agent, localTop + "/" + rpath, joinPath(remoteTop, rpath), rpath, line));
+    }
+    line.finish(", " + counted(created, "folder") + " created");
+    // Extras go last, so that a sync cut short never leaves the remote with
+    // less than it had.
+    int64_t deleted = 0;
+    for (auto const& rpath : plan.extras) {
+        if (report.stopped() || interrupted()) break;
+        FileOutcome gone = deleteRemote(s, remoteTop, rpath, remote[rpath].isDirType());
+        if (gone.kind == FileOutcome::kFailed) {
+            report.add(gone);
+        } else {
+            ++deleted;
+        }
+    }
+    return closeReport(s, report, deleting ? ", " + std::to_string(deleted) + " deleted" : "");
+}
+
+}  // namespace
+
+int runCopy(Session& s) { return copyTree(s, false); }
+
+int runSync(Session& s) { return copyTree(s, true); }
+
+int runRestore(Session& s) {
+    std::string remoteTop = remotePath(s.path(0)), localTop = s.path(1);
+    RemoteMap remote;
+    bool const parallel = transfersOf(s) > 1;
+    if (parallel ? !TreeWorkers(s).list(remoteTop, false, remote)
+                 : !remoteEntries(s.agent, remoteTop, false, remote)) {
+        return reportFailure("restore", remoteTop, getError(), Wanted::kFolder);
+    }
+    int64_t bytes = 0, files = 0;
+    for (auto const& [rpath, info] : remote) {
+        if (!info.isDirType()) bytes += info.getSize(), ++files;
+    }
+    if (!makeLocalFolders(localTop)) {
+        return reportProblem("restore: cannot create " + localTop + ": " + strerror(errno),
+                             kExitError);
+    }
+    RunReport report("received");
+    ProgressLine line("received", bytes, files, s.args.quiet);
+    std::set<std::string> cleaned;
+    std::deque<Json::Value> receives;
+    for (auto const& [rpath, info] : remote) {
+        if (report.stopped()) break;
+        std::string local = localTop + "/" + rpath;
+        if (info.isDirType()) {
+            if (!makeLocalFolders(local)) {
+                report.add(failedLocally(
+                    rpath + "/", std::string("cannot create the folder: ") + strerror(errno),
+                    kExitError));
+            }
+            continue;
+        }
+        std::string folder = local.substr(0, local.find_last_of('/'));
+        if (cleaned.insert(folder).second) removeLeftoverDownloads(folder);
+        if (parallel) {
+            // Folders first, all of them: workers fetch into any of them.
+            receives.push_back(treeJob("recv", joinPath(remoteTop, rpath), rpath, false));
+            receives.back()["local"] = local;
+            receives.back()["size"] = static_cast<Json::Int64>(info.getSize());
+            continue;
+        }
+        DownloadClaim claim(folder);
+        report.add(receiveTreeFile(s.agent, joinPath(remoteTop, rpath), local, info.getSize(),
+                                   rpath, line));
+    }
+    if (!report.stopped()) runTreeJobs(s, transfersOf(s), receives, report, &line);
+    line.finish(" into " + localTop);
+    return closeReport(s, report, "");
+}
+
+int runCheck(Session& s) {
+    std::string localTop = s.path(0), remoteTop = remotePath(s.path(1));
+    LocalTree tree;
+    int code = kExitOk;
+    if (!readLocalTree("check", localTop, tree, code)) return code;
+    RemoteMap remote;
+    if (transfersOf(s) > 1 ? !TreeWorkers(s).list(remoteTop, false, remote)
+                           : !remoteEntries(s.agent, remoteTop, false, remote)) {
+        return reportFailure("check", remoteTop, getError(), Wanted::kFolder);
+    }
+    RunReport report("matched");
+    addUnreadable(tree, report);
+    Json::Value differ(Json::arrayValue), missingRemote(Json::arrayValue),
+        missingLocal(Json::arrayValue);
+    int64_t matched = 0;
+    for (auto const& entry : tree.entries) {
+        if (interrupted()) return reportFailure("check", remoteTop, ERR_CANCELED, Wanted::kFolder);
+        auto found = remote.find(entry.rpath);
+        if (found == remote.end()) {
+            missingRemote.append(entry.rpath);
+            continue;
+        }
+        FileInfo const& other = found->second;
+        bool same = entry.isFolder ? other.isDirType()
+                                   : sameContent(localTop + "/" + entry.rpath, entry.size, other);
+        if (same) {
+            matched += entry.isFolder ? 0 : 1;
+        } else {
+            differ.append(entry.rpath);
+        }
+        remote.erase(found);
+    }
+    for (auto const& rest : remote) {
+        // What an unreadable folder holds is unknown, not missing.
+        if (!withinAny(rest.first, tree.unreadable)) missingLocal.append(rest.first);
+    }
+    bool ok = differ.empty() && missingRemote.empty() && missingLocal.empty();
+    if (s.args.json) {
+        Json::Value document(Json::objectValue);
+        document["local"] = localTop;
+        document["remote"] = remoteTop;
+        document["matched"] = static_cast<Json::Int64>(matched);
+        document["differ"] = differ;
+        document["missing_remote"] = missingRemote;
+        document["missing_local"] = missingLocal;
+        document["ok"] = ok && report.exitCode() == kExitOk;
+        printJson(document);
+    } else {
+        for (auto const& p : differ) printf("differs:            %s\n", p.asCString());
+        for (auto const& p : missingRemote) printf("missing remotely:   %s\n", p.asCString());
+        for (auto const& p : missingLocal) printf("missing locally:    %s\n", p.asCString());
+        int64_t differences = differ.size() + missingRemote.size() + missingLocal.size();
+        printf("%s %s, %s\n", counted(matched, "file").c_str(), matched == 1 ? "matches" : "match",
+               counted(differences, "difference").c_str());
+    }
+    report.printFailures();
+    int failed = report.exitCode();
+    return failed != kExitOk ? failed : ok ? kExitOk : kExitError;
+}
+
+}  // namespace gdhost

@@ -1,0 +1,59 @@
+// The account of a tree command (copy, sync, restore, check): what happened
+// to each file, the failures listed at the end with their reasons, one
+// summary line, and the exit code of the worst failure.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "failure.h"
+
+namespace gdhost {
+
+// What became of one file (or folder) of a tree.
+struct FileOutcome {
+    enum Kind { kDone, kUnchanged, kSkipped, kFailed } kind = kDone;
+    std::string path;  // as the person knows it (relative to the tree's top)
+    Failure failure;   // for kFailed
+};
+
+// The outcome of a failed file: its path and the failure described from the
+// engine's code and the reason the plug-in logged (see describeFailure).
+FileOutcome failedFile(std::string const& path, int engineCode, Wanted wanted);
+
+// A failure found by the tool itself (an unreadable local folder, ...).
+FileOutcome failedLocally(std::string const& path, std::string const& why, int exitCode);
+
+// Collects outcomes; safe to use from several threads.
+class RunReport {
+  public:
+    // `doneWord` names what happened to a file done ("sent", "received").
+    explicit RunReport(std::string doneWord);
+
+    void add(FileOutcome const& outcome);
+    // True once a failure that every further file would meet was added: the
+    // run stops there.
+    bool stopped() const;
+
+    // Writes each failure as "failed: PATH: WORDS" to stderr.
+    void printFailures() const;
+    // "3 sent, 2 unchanged, 1 skipped, 1 failed".
+    std::string summary() const;
+    // 0 when nothing failed, else the exit code of the worst failure (cancelled,
+    // then fatal, error, temporary, not found, usage).
+    int exitCode() const;
+
+  private:
+    mutable std::mutex _mutex;
+    std::string _done_word;
+    int64_t _counts[4] = {0, 0, 0, 0};
+    std::vector<FileOutcome> _failures;
+    bool _stopped = false;
+};
+
+// How bad an exit code is, for choosing the worst of several.
+int severityOf(int exitCode);
+
+}  // namespace gdhost
