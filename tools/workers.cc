@@ -1,9 +1,9 @@
 #include "workers.h"
 
-#include <fcntl.h>
 #include <json/json.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,10 +36,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Writes to a worker's socket; a peer that is gone gives a failed write,
+// never SIGPIPE.
 bool writeAll(int fd, std::string const& text) {
     size_t done = 0;
     while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         done += static_cast<size_t>(n);
@@ -258,8 +260,8 @@ bool WorkerPool::spawn() {
     fs::create_directories(fs::path(file).parent_path(), failed);
     if (fs::exists(_baseFile)) fs::copy_file(_baseFile, file, failed);
     int toWorker[2], fromWorker[2];
-    if (pipe2(toWorker, O_CLOEXEC) != 0) return false;
-    if (pipe2(fromWorker, O_CLOEXEC) != 0) {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, toWorker) != 0) return false;
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fromWorker) != 0) {
         close(toWorker[0]);
         close(toWorker[1]);
         return false;

@@ -5,6 +5,8 @@
 // process, and an agent may restart its drive agent after any failure. The
 // parent starts no drive agent while workers run; it hands out jobs, is the
 // only reader of their results, and merges their node caches at the end.
+// Jobs and results travel as JSON lines over a pair of sockets per worker,
+// so that a side that is gone shows as a failed write, not SIGPIPE.
 #pragma once
 
 #include <json/value.h>
@@ -71,8 +73,8 @@ class WorkerPool {
   private:
     struct Worker {
         pid_t pid = -1;
-        int jobs = -1;     // parent's write end
-        int results = -1;  // parent's read end
+        int jobs = -1;     // parent's end for writing jobs
+        int results = -1;  // parent's end for reading results
         std::string cacheFile;
         std::string received;  // a partial result line
         bool busy = false;

@@ -445,7 +445,9 @@ TEST_F(ToolTest, InterruptLeavesNothingBehind) {
         if (c.args[0] == "put") {
             EXPECT_EQ(run({"stat", "new"}).code, 4);
         } else if (c.args[0] == "copy") {
-            EXPECT_EQ(parse(run({"size", "--json", "new"}).out)["files"], 0);
+            // On a slow machine the stop may come before the folder is made.
+            Result size = run({"size", "--json", "new"});
+            EXPECT_TRUE(size.code == 3 || parse(size.out)["files"] == 0) << size.out;
         }
     }
 }
