@@ -27,7 +27,8 @@ struct CommandArgs {
     bool dryRun = false;
     bool force = false;
     bool quiet = false;
-    int transfers = 4;  // worker processes for copy, restore and check
+    bool verbose = false;
+    int transfers = 4;  // worker processes for copy, sync, restore and check
 };
 
 // What a running command works with.

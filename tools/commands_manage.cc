@@ -33,6 +33,12 @@ int runInit(Session& s) {
 
 int runMkdir(Session& s) {
     std::string path = remotePath(s.path(0));
+    // Making a folder that is there succeeds in silence, as the engine wants;
+    // a person who asks hears of it.
+    FileInfo existing(path);
+    if (s.args.verbose && s.agent.stat(path, existing) && existing.isDirType()) {
+        fprintf(stderr, "gdrive_host: mkdir %s: already there\n", path.c_str());
+    }
     bool ok = s.args.parents ? makeRemoteFolders(s.agent, path) : s.agent.createDir(path);
     return ok ? kExitOk : reportFailure("mkdir", path, getError(), Wanted::kFolder);
 }
@@ -52,14 +58,14 @@ int runRm(Session& s) {
 
 int runPurge(Session& s) {
     std::string path = remotePath(s.path(0));
+    if (!s.args.force && !isatty(STDIN_FILENO)) {
+        return reportProblem(
+            "purge " + path + ": nobody to ask (stdin is not a terminal); use --force", kExitUsage);
+    }
     FileInfo info(path);
     if (!s.agent.stat(path, info)) return reportFailure("purge", path, getError(), Wanted::kFolder);
     if (!info.isDirType()) {
         return reportProblem("purge " + path + ": not a folder; use rm for a file", kExitUsage);
-    }
-    if (!s.args.force && !isatty(STDIN_FILENO)) {
-        return reportProblem(
-            "purge " + path + ": nobody to ask (stdin is not a terminal); use --force", kExitUsage);
     }
     if (!s.args.force) {
         printf("remove %s and everything below it? [y/N] ", path.c_str());

@@ -51,6 +51,15 @@ bool withinAny(std::string const& rpath,
     return false;
 }
 
+// True when a folder of `folders` holds `rpath`, at any depth.
+bool belowAny(std::string const& rpath, std::set<std::string> const& folders) {
+    for (size_t slash = rpath.find('/'); slash != std::string::npos;
+         slash = rpath.find('/', slash + 1)) {
+        if (folders.count(rpath.substr(0, slash))) return true;
+    }
+    return false;
+}
+
 // Prints the failures and, unless quiet, the summary; the exit code.
 int closeReport(Session& s, RunReport const& report, std::string const& extra) {
     report.printFailures();
@@ -94,12 +103,13 @@ CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap 
         }
     }
     for (auto const& name : tree.skipped) local.insert(name);
-    std::string deleted;  // the last folder chosen for deletion: its content goes with it
+    // Folders deleted or replaced take their content with them.
+    std::set<std::string> going(plan.replaced.begin(), plan.replaced.end());
     for (auto const& [rpath, info] : remote) {
-        if (local.count(rpath) || (!deleted.empty() && isWithin(rpath, deleted))) continue;
+        if (local.count(rpath) || belowAny(rpath, going)) continue;
         if (withinAny(rpath, tree.unreadable)) continue;
         plan.extras.push_back(rpath);
-        if (info.isDirType()) deleted = rpath;
+        if (info.isDirType()) going.insert(rpath);
     }
     return plan;
 }
@@ -224,14 +234,15 @@ int copyTree(Session& s, bool deleting) {
     }
     if (!mayDelete) plan.extras.clear();
     if (s.args.dryRun) {
-        for (auto const& f : plan.replaced) printf("would replace %s\n", f.c_str());
+        if (deleting) {
+            for (auto const& f : plan.replaced) printf("would replace %s\n", f.c_str());
+        }
         for (auto const& f : plan.folders) printf("would create %s/\n", f.c_str());
         for (auto const& f : plan.files) printf("would send %s\n", f.c_str());
         for (auto const& f : plan.extras) printf("would delete %s\n", f.c_str());
-        printf("%s (%s) to send, %s to delete; %s\n", counted(plan.files.size(), "file").c_str(),
-               humanBytes(plan.bytes).c_str(), counted(plan.extras.size(), "object").c_str(),
-               report.summary().c_str());
-        return report.exitCode();
+        printf("%s (%s) to send, %s to delete\n", counted(plan.files.size(), "file").c_str(),
+               humanBytes(plan.bytes).c_str(), counted(plan.extras.size(), "object").c_str());
+        return closeReport(s, report, "");
     }
     if (workers)
         return copyOnWorkers(s, workers, remoteTop, localTop, remote, plan, report, deleting);

@@ -34,6 +34,9 @@ void installInterruptHandler() {
     // No SA_RESTART: a blocked read returns so that the channel can notice.
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // Under a file size limit a write fails with EFBIG, reported like any other
+    // failure, instead of ending the tool (and the drive agent, which inherits this).
+    signal(SIGXFSZ, SIG_IGN);
 }
 
 bool interrupted() { return gStopRequests != 0; }

@@ -4,7 +4,8 @@
 
 namespace gdhost {
 
-// Installs the SIGINT and SIGTERM handlers. Call once, before any transfer.
+// Installs the SIGINT and SIGTERM handlers and ignores SIGXFSZ. Call once,
+// before any transfer.
 void installInterruptHandler();
 
 // Makes SIGUSR1 a stop request like the first interrupt, never the second:

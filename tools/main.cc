@@ -58,6 +58,7 @@ int runCommand(Invocation& inv) {
         return reportProblem("destination settings are incomplete (container, refresh token)",
                              kExitUsage);
     }
+    inv.args.verbose = inv.verbose;
     Session session{*agent, inv.destination, inv.args, &module};
     beginOperation();
     int rc = kExitOk;
@@ -66,8 +67,9 @@ int runCommand(Invocation& inv) {
     } catch (BadRemotePath const& e) {
         rc = reportProblem(e.what(), kExitUsage);
     }
-    // Keep what the node cache learned, as the engine does at the end of a run.
-    if (rc == kExitOk && inv.args.action != "drop") agent->flushCache();
+    // Keep what the node cache learned, as the engine does at the end of a
+    // run; a tree with a few failed files has still learned the rest.
+    if (inv.args.action != "drop") agent->flushCache();
     // A command that finished its work before the Ctrl-C has succeeded.
     if (interrupted() && rc != kExitOk) rc = kExitCanceled;
     return rc;

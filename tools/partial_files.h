@@ -10,7 +10,8 @@
 namespace gdhost {
 
 // True when `name` is of the form the plug-in gives a download's temporary
-// file: ".NAME.tmp.XXXXXX", the last six characters from mkstemp's alphabet.
+// file: ".NAME.tmp.XXXXXX" (NAME possibly cut short to fit the file system's
+// limit on one name), the last six characters from mkstemp's alphabet.
 bool isPartialDownloadName(std::string const& name);
 
 // Removes the partial downloads in `folder` (regular files of this user whose

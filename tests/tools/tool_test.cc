@@ -59,6 +59,7 @@ class ToolTest : public ::testing::Test {
         if (pid == 0) {
             if (drop && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) _exit(126);
             if (chdir(_dir.c_str()) != 0) _exit(127);
+            dup2(open("/dev/null", O_RDONLY), 0);
             dup2(open((_dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
             dup2(open((_dir + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
             std::vector<char*> argv;
@@ -136,6 +137,7 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
     mkfifo(path("fifo").c_str(), 0600);
     fs::create_directory(path("folder"));
     fs::create_symlink(path("file"), path("link"));
+    write(path("profile"), "target = nas1.hbk\ncolour = blue\n");
     DriveEmulator::Fault const none = DriveEmulator::Fault::delay("none", 0);
     struct Case {
         DriveEmulator::Fault fault;
@@ -150,6 +152,9 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         {none, {"put", path("link"), "x"}, 2, "is a symbolic link"},
         {none, {"put", path("folder"), "x"}, 2, "use copy"},
         {none, {"ls", "a/.."}, 2, "cannot go up"},
+        {none, {"purge", "x"}, 2, "use --force"},
+        {none, {"--profile", path("profile"), "ls"}, 0, "profile:2: unknown key colour ignored"},
+        {none, {"copy", path("nothing"), "x"}, 3, "No such file"},
         {none, {"get", "x", path("missing/x")}, 3, "local folder"},
         {DriveEmulator::Fault::fail("*", 408).always(), {"ls"}, 5, "error 2104"},
         {DriveEmulator::Fault::fail("*", 401).always(), {"about"}, 7, "credentials refused"},
