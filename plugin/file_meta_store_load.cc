@@ -57,6 +57,9 @@ class FileMetaStore::BulkLoader {
     BulkLoader(FileMetaStore& store, size_t expectedRecords) : _store(store) {
         _pending.reserve(expectedRecords);
         _store._records.reserve(expectedRecords);
+        internal::adviseHugePages(_pending.data(), _pending.capacity() * sizeof(Pending));
+        internal::adviseHugePages(_store._records.data(),
+                                  _store._records.capacity() * sizeof(Record));
     }
 
     void add(RecordView& line) {
@@ -77,19 +80,23 @@ class FileMetaStore::BulkLoader {
         if (!_ordered) return;
         _ordered = false;
         FileMetaStore& store = _store;
-        std::sort(_pending.begin(), _pending.end(), [&store](Pending const& a, Pending const& b) {
-            if (a.parent != b.parent) return a.parent < b.parent;
+        bucketByParent();
+        // Within a parent: by name, and among equal names by file order.
+        auto byName = [&store](Pending const& a, Pending const& b) {
             if (a.name_prefix != b.name_prefix) return a.name_prefix < b.name_prefix;
-            int byName = store.text(a.name).compare(store.text(b.name));
-            if (byName != 0) return byName < 0;
+            int order = store.text(a.name).compare(store.text(b.name));
+            if (order != 0) return order < 0;
             return a.order < b.order;
-        });
+        };
+        for (size_t p = 0; p + 1 < _bucket_begin.size(); ++p)
+            std::sort(_pending.begin() + _bucket_begin[p], _pending.begin() + _bucket_begin[p + 1],
+                      byName);
         std::vector<IndexEntry>& index = store._index;
         index.reserve(_pending.size());
         for (size_t i = 0; i < _pending.size(); ++i) {
             Pending const& entry = _pending[i];
             if (i + 1 < _pending.size() && samePlacement(entry, _pending[i + 1])) continue;
-            index.push_back({entry.parent, entry.name, entry.id});
+            index.push_back({entry.parent, entry.name, store._records[entry.order].id});
         }
         store._live_entries = index.size();
         store.indexParents();
@@ -102,9 +109,23 @@ class FileMetaStore::BulkLoader {
         uint64_t name_prefix;
         uint32_t parent;
         TextRef name;
-        TextRef id;
-        uint32_t order;
+        uint32_t order;  // of its record, which holds the id
     };
+
+    // Orders the pending entries by parent number with one counting pass,
+    // keeping file order within a parent, and notes where each parent's run
+    // begins. Parents are few and dense, so this costs two sweeps instead of
+    // a sort of every entry against every other.
+    void bucketByParent() {
+        _bucket_begin.assign(_store._parents.size() + 1, 0);
+        for (Pending const& entry : _pending) ++_bucket_begin[entry.parent + 1];
+        for (size_t p = 1; p < _bucket_begin.size(); ++p) _bucket_begin[p] += _bucket_begin[p - 1];
+        std::vector<size_t> next(_bucket_begin.begin(), _bucket_begin.end() - 1);
+        std::vector<Pending> sorted(_pending.size());
+        internal::adviseHugePages(sorted.data(), sorted.size() * sizeof(Pending));
+        for (Pending const& entry : _pending) sorted[next[entry.parent]++] = entry;
+        _pending.swap(sorted);
+    }
 
     bool samePlacement(Pending const& a, Pending const& b) const {
         return a.parent == b.parent && a.name_prefix == b.name_prefix &&
@@ -125,9 +146,9 @@ class FileMetaStore::BulkLoader {
         // A record without parents is indexed under the empty parent id.
         if (line.parents.empty())
             _pending.push_back({prefix, _store._parents.intern(std::string_view(), _store._text),
-                                record.name, record.id, order});
+                                record.name, order});
         _store.forEachParent(record, [&](uint32_t parent) {
-            _pending.push_back({prefix, parent, record.name, record.id, order});
+            _pending.push_back({prefix, parent, record.name, order});
         });
         _store._dirty = true;
     }
@@ -135,6 +156,7 @@ class FileMetaStore::BulkLoader {
     FileMetaStore& _store;
     bool _ordered = true;
     std::vector<Pending> _pending;
+    std::vector<size_t> _bucket_begin;
 };
 
 bool FileMetaStore::load(std::string const& path) {

@@ -1,6 +1,9 @@
 #include "file_meta_store_tables.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <limits>
 #include <stdexcept>
@@ -9,6 +12,18 @@ namespace TAVO {
 namespace Backup {
 namespace GoogleDriveTA {
 namespace internal {
+
+void adviseHugePages(void const* data, size_t bytes) {
+    uintptr_t const huge = uintptr_t(1) << 21;
+    uintptr_t begin = (reinterpret_cast<uintptr_t>(data) + huge - 1) & ~(huge - 1);
+    uintptr_t end = (reinterpret_cast<uintptr_t>(data) + bytes) & ~(huge - 1);
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+
+void TextArena::reserve(size_t bytes) {
+    _bytes.reserve(bytes);
+    adviseHugePages(_bytes.data(), _bytes.capacity());
+}
 
 TextRef TextArena::add(std::string_view text) {
     size_t header = text.size() < kLongSize ? 1 : 1 + sizeof(uint32_t);

@@ -40,8 +40,9 @@ class TextArena {
         return std::string_view(at + 1 + sizeof longSize, longSize);
     }
 
-    // Room for `bytes` bytes of strings without moving the buffer.
-    void reserve(size_t bytes) { _bytes.reserve(bytes); }
+    // Room for `bytes` bytes of strings without moving the buffer, backed by
+    // huge pages where the kernel offers them.
+    void reserve(size_t bytes);
     // Forgets every string and gives back the memory.
     void clear() { std::vector<char>().swap(_bytes); }
 
@@ -49,6 +50,12 @@ class TextArena {
     static constexpr unsigned char kLongSize = 255;
     std::vector<char> _bytes;
 };
+
+// Asks the kernel to back the whole pages of [data, data + bytes) with huge
+// pages. A load fills its large buffers in one pass, and each first touch of
+// a 4 KiB page costs a fault (dear on a virtual machine); a no-op where
+// transparent huge pages are off.
+void adviseHugePages(void const* data, size_t bytes);
 
 // Parent folder ids, each interned once and named by a number given in order
 // of arrival. Numbers stay valid until clear().

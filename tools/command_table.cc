@@ -23,6 +23,13 @@ void twoPaths(char const* from, char const* to, CLI::App& c, CommandArgs& a) {
     }
 }
 
+void transfers(CLI::App& c, CommandArgs& a) {
+    c.add_option("--transfers", a.transfers,
+                 "worker processes, each with its own agent, sharing the work")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+}
+
 void json(CLI::App& c, CommandArgs& a) {
     c.add_flag("--json", a.json, "one JSON document on stdout");
 }
@@ -71,6 +78,7 @@ std::vector<Command> const& commandTable() {
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent, send nothing");
+             transfers(c, a);
          },
          runCopy},
         {"sync",
@@ -79,14 +87,20 @@ std::vector<Command> const& commandTable() {
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent and deleted, do nothing");
+             transfers(c, a);
          },
          runSync},
         {"restore", "fetch a remote tree into a local folder",
-         [](CLI::App& c, CommandArgs& a) { twoPaths("REMOTEDIR", "LOCALDIR", c, a); }, runRestore},
+         [](CLI::App& c, CommandArgs& a) {
+             twoPaths("REMOTEDIR", "LOCALDIR", c, a);
+             transfers(c, a);
+         },
+         runRestore},
         {"check", "compare a local tree with a remote one by MD5 (exit 1 when they differ)",
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              json(c, a);
+             transfers(c, a);
          },
          runCheck},
         {"rm", "remove one file", remoteRequired, runRm},

@@ -14,6 +14,8 @@ class App;
 
 namespace gdhost {
 
+class PluginModule;
+
 // Everything any command can be given on the command line.
 struct CommandArgs {
     std::vector<std::string> paths;
@@ -26,6 +28,7 @@ struct CommandArgs {
     bool force = false;
     bool quiet = false;
     bool verbose = false;
+    int transfers = 4;  // worker processes for copy, sync, restore and check
 };
 
 // What a running command works with.
@@ -33,6 +36,7 @@ struct Session {
     TAVO::Backup::TransferAgent& agent;
     Destination const& destination;
     CommandArgs const& args;
+    PluginModule const* module = nullptr;  // where worker processes make their agents
     std::string path(size_t i) const { return i < args.paths.size() ? args.paths[i] : ""; }
 };
 

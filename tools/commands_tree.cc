@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <set>
 
 #include "backup/error.h"
@@ -12,10 +13,12 @@
 #include "interrupt.h"
 #include "local_files.h"
 #include "output_format.h"
+#include "parallel_tree.h"
 #include "partial_files.h"
 #include "plugin_log.h"
 #include "remote_tree.h"
 #include "tree_files.h"
+#include "workers.h"
 
 namespace gdhost {
 
@@ -123,6 +126,82 @@ FileOutcome deleteRemote(Session& s, std::string const& remoteTop, std::string c
     return outcome;
 }
 
+// copyTree's changes made by workers (--transfers above 1): the top, the
+// replacements and the folders in order by the workers that listed the tree,
+// then the files on a pool that starts from the node cache they left, then
+// the deletions in order.
+int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string const& remoteTop,
+                  std::string const& localTop, RemoteMap& remote, CopyPlan const& plan,
+                  RunReport& report, bool deleting) {
+    char const* command = deleting ? "sync" : "copy";
+    std::deque<Json::Value> changes;
+    if (!remoteTop.empty()) {
+        changes.push_back(treeJob("mkdir", remoteTop, remoteTop, true));
+        changes.back()["parents"] = true;
+    }
+    for (auto const& rpath : plan.replaced) {
+        if (deleting) {
+            changes.push_back(
+                treeJob("remove", joinPath(remoteTop, rpath), rpath, remote[rpath].isDirType()));
+        }
+    }
+    for (auto const& rpath : plan.folders)
+        changes.push_back(treeJob("mkdir", joinPath(remoteTop, rpath), rpath + "/", true));
+    size_t next = 0;
+    int64_t created = 0;
+    int topFailure = kExitOk;
+    workers->inOrder(changes, [&](FileOutcome const& outcome) {
+        Json::Value const& job = changes[next++];
+        bool const isTop = job["parents"].asBool();
+        if (outcome.kind != FileOutcome::kFailed) {
+            created += job["op"] == "mkdir" && !isTop;
+        } else if (isTop) {
+            fprintf(stderr, "gdrive_host: %s: mkdir %s: %s\n", command, remoteTop.c_str(),
+                    outcome.failure.words.c_str());
+            topFailure = outcome.failure.exitCode;
+            return false;
+        } else {
+            report.add(outcome);
+        }
+        return !report.stopped();
+    });
+    workers.reset();  // the node cache they learned is merged before the transfers start
+    if (topFailure != kExitOk) return topFailure;
+    std::deque<Json::Value> sends;
+    for (auto const& rpath : plan.files) {
+        sends.push_back(treeJob("send", joinPath(remoteTop, rpath), rpath, false));
+        sends.back()["local"] = localTop + "/" + rpath;
+    }
+    ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
+    if (!report.stopped()) runTreeJobs(s, transfersOf(s), sends, report, &line);
+    line.finish(", " + counted(created, "folder") + " created");
+    // Extras go last, so that a sync cut short never leaves the remote with
+    // less than it had.
+    std::deque<Json::Value> removals;
+    for (auto const& rpath : plan.extras) {
+        removals.push_back(
+            treeJob("remove", joinPath(remoteTop, rpath), rpath, remote[rpath].isDirType()));
+    }
+    int64_t deleted = 0;
+    if (!report.stopped() && !interrupted()) {
+        std::string error;
+        runOnWorkers(
+            s, 1, removals,
+            [&](Json::Value const& job, Json::Value const& result, std::deque<Json::Value>&) {
+                FileOutcome gone = outcomeOf(job, result);
+                if (gone.kind == FileOutcome::kFailed) {
+                    report.add(gone);
+                } else {
+                    ++deleted;
+                }
+                return !report.stopped() && !interrupted();
+            },
+            nullptr, error);
+        if (!error.empty()) report.add(failedLocally("", error, kExitError));
+    }
+    return closeReport(s, report, deleting ? ", " + std::to_string(deleted) + " deleted" : "");
+}
+
 int copyTree(Session& s, bool deleting) {
     char const* command = deleting ? "sync" : "copy";
     std::string localTop = s.path(0), remoteTop = remotePath(s.path(1));
@@ -130,7 +209,10 @@ int copyTree(Session& s, bool deleting) {
     int code = kExitOk;
     if (!readLocalTree(command, localTop, tree, code)) return code;
     RemoteMap remote;
-    if (!remoteEntries(s.agent, remoteTop, true, remote)) {
+    std::unique_ptr<TreeWorkers> workers;
+    if (transfersOf(s) > 1) workers.reset(new TreeWorkers(s));
+    if (workers ? !workers->list(remoteTop, true, remote)
+                : !remoteEntries(s.agent, remoteTop, true, remote)) {
         return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     }
     RunReport report("sent");
@@ -162,6 +244,8 @@ int copyTree(Session& s, bool deleting) {
                humanBytes(plan.bytes).c_str(), counted(plan.extras.size(), "object").c_str());
         return closeReport(s, report, "");
     }
+    if (workers)
+        return copyOnWorkers(s, workers, remoteTop, localTop, remote, plan, report, deleting);
     if (!remoteTop.empty() && !makeRemoteFolders(s.agent, remoteTop)) {
         return reportFailure(std::string(command) + ": mkdir", remoteTop, getError(),
                              Wanted::kFolder);
@@ -216,7 +300,9 @@ int runSync(Session& s) { return copyTree(s, true); }
 int runRestore(Session& s) {
     std::string remoteTop = remotePath(s.path(0)), localTop = s.path(1);
     RemoteMap remote;
-    if (!remoteEntries(s.agent, remoteTop, false, remote)) {
+    bool const parallel = transfersOf(s) > 1;
+    if (parallel ? !TreeWorkers(s).list(remoteTop, false, remote)
+                 : !remoteEntries(s.agent, remoteTop, false, remote)) {
         return reportFailure("restore", remoteTop, getError(), Wanted::kFolder);
     }
     int64_t bytes = 0, files = 0;
@@ -230,6 +316,7 @@ int runRestore(Session& s) {
     RunReport report("received");
     ProgressLine line("received", bytes, files, s.args.quiet);
     std::set<std::string> cleaned;
+    std::deque<Json::Value> receives;
     for (auto const& [rpath, info] : remote) {
         if (report.stopped()) break;
         std::string local = localTop + "/" + rpath;
@@ -243,10 +330,18 @@ int runRestore(Session& s) {
         }
         std::string folder = local.substr(0, local.find_last_of('/'));
         if (cleaned.insert(folder).second) removeLeftoverDownloads(folder);
+        if (parallel) {
+            // Folders first, all of them: workers fetch into any of them.
+            receives.push_back(treeJob("recv", joinPath(remoteTop, rpath), rpath, false));
+            receives.back()["local"] = local;
+            receives.back()["size"] = static_cast<Json::Int64>(info.getSize());
+            continue;
+        }
         DownloadClaim claim(folder);
         report.add(receiveTreeFile(s.agent, joinPath(remoteTop, rpath), local, info.getSize(),
                                    rpath, line));
     }
+    if (!report.stopped()) runTreeJobs(s, transfersOf(s), receives, report, &line);
     line.finish(" into " + localTop);
     return closeReport(s, report, "");
 }
@@ -257,7 +352,8 @@ int runCheck(Session& s) {
     int code = kExitOk;
     if (!readLocalTree("check", localTop, tree, code)) return code;
     RemoteMap remote;
-    if (!remoteEntries(s.agent, remoteTop, false, remote)) {
+    if (transfersOf(s) > 1 ? !TreeWorkers(s).list(remoteTop, false, remote)
+                           : !remoteEntries(s.agent, remoteTop, false, remote)) {
         return reportFailure("check", remoteTop, getError(), Wanted::kFolder);
     }
     RunReport report("matched");

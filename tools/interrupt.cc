@@ -16,7 +16,16 @@ void onInterrupt(int) {
     gStopRequests = 1;
 }
 
+void onStopRequest(int) { gStopRequests = 1; }
+
 }  // namespace
+
+void acceptStopSignal() {
+    struct sigaction action = {};
+    action.sa_handler = onStopRequest;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGUSR1, &action, nullptr);
+}
 
 void installInterruptHandler() {
     struct sigaction action = {};

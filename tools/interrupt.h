@@ -8,6 +8,10 @@ namespace gdhost {
 // before any transfer.
 void installInterruptHandler();
 
+// Makes SIGUSR1 a stop request like the first interrupt, never the second:
+// how the parent of worker processes passes on a stop that reached only it.
+void acceptStopSignal();
+
 // True once an interrupt asked the tool to stop; the agent's cancel hook.
 bool interrupted();
 

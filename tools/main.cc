@@ -59,7 +59,7 @@ int runCommand(Invocation& inv) {
                              kExitUsage);
     }
     inv.args.verbose = inv.verbose;
-    Session session{*agent, inv.destination, inv.args};
+    Session session{*agent, inv.destination, inv.args, &module};
     beginOperation();
     int rc = kExitOk;
     try {

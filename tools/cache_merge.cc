@@ -1,0 +1,89 @@
+#include "cache_merge.h"
+
+#include <fcntl.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <set>
+
+#include "backup/path.h"
+
+namespace gdhost {
+
+std::map<std::string, std::string> readCacheLines(std::string const& path) {
+    std::map<std::string, std::string> lines;
+    std::ifstream in(path, std::ios::binary);
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string line;
+    while (std::getline(in, line)) {
+        Json::Value value;
+        if (!reader->parse(line.data(), line.data() + line.size(), &value, nullptr) ||
+            !value.isObject() || !value["i"].isString() || value["i"].asString().empty()) {
+            continue;
+        }
+        lines[value["i"].asString()] = line;
+    }
+    return lines;
+}
+
+std::map<std::string, std::string> mergeCacheLines(
+    std::map<std::string, std::string> const& base,
+    std::vector<std::map<std::string, std::string>> const& workers) {
+    std::map<std::string, std::string> merged = base;
+    std::set<std::string> dropped;
+    for (auto const& worker : workers) {
+        for (auto const& [id, line] : worker) {
+            auto known = base.find(id);
+            if (known == base.end() || known->second != line) merged[id] = line;
+        }
+        for (auto const& entry : base) {
+            if (!worker.count(entry.first)) dropped.insert(entry.first);
+        }
+    }
+    // A drop wins over a change: an entry kept wrongly costs a cache check
+    // the whole cache, one missing costs a lookup.
+    for (auto const& id : dropped) merged.erase(id);
+    return merged;
+}
+
+bool writeCacheLines(std::string const& path, std::map<std::string, std::string> const& lines,
+                     std::string& error) {
+    std::string temp = path + ".merge.XXXXXX";
+    int fd = mkstemp(&temp[0]);
+    if (fd < 0) {
+        error = "cannot create a file beside " + path + ": " + strerror(errno);
+        return false;
+    }
+    std::string text;
+    for (auto const& entry : lines) text += entry.second + "\n";
+    size_t done = 0;
+    bool ok = true;
+    while (ok && done < text.size()) {
+        ssize_t n = write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        ok = n > 0;
+        if (ok) done += static_cast<size_t>(n);
+    }
+    ok = ok && fchmod(fd, 0600) == 0 && fsync(fd) == 0;
+    ok = close(fd) == 0 && ok;
+    ok = ok && rename(temp.c_str(), path.c_str()) == 0;
+    if (!ok) {
+        error = "cannot write " + path + ": " + strerror(errno);
+        unlink(temp.c_str());
+        return false;
+    }
+    int folder = open(TAVO::Backup::Path::dirname(path).c_str(), O_RDONLY | O_DIRECTORY);
+    if (folder >= 0) {
+        fsync(folder);
+        close(folder);
+    }
+    return true;
+}
+
+}  // namespace gdhost

@@ -1,0 +1,137 @@
+#include "parallel_tree.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "backup/error.h"
+#include "interrupt.h"
+#include "remote_tree.h"
+
+namespace gdhost {
+
+using namespace TAVO::Backup;
+
+Json::Value treeJob(char const* op, std::string const& remote, std::string const& shown,
+                    bool folder) {
+    Json::Value job(Json::objectValue);
+    job["op"] = op;
+    job["remote"] = remote;
+    job["shown"] = shown;
+    job["folder"] = folder;
+    return job;
+}
+
+FileOutcome outcomeOf(Json::Value const& job, Json::Value const& result) {
+    FileOutcome outcome;
+    outcome.path = job["shown"].asString();
+    if (result["ok"].asBool()) return outcome;
+    int code = result["code"].asInt();
+    if (!result.isMember("words")) {
+        // No description: the worker died with the job.
+        return failedFile(outcome.path, code,
+                          job["folder"].asBool() ? Wanted::kFolder : Wanted::kFile);
+    }
+    outcome.kind = FileOutcome::kFailed;
+    outcome.failure.engineCode = code;
+    outcome.failure.words = result["words"].asString();
+    outcome.failure.exitCode = result["exit"].asInt();
+    outcome.failure.stopsRun = result["stops"].asBool();
+    return outcome;
+}
+
+TreeWorkers::~TreeWorkers() {
+    std::string error;
+    if (_started && !_pool.finish(error))
+        fprintf(stderr, "gdrive_host: node cache not updated: %s\n", error.c_str());
+}
+
+bool TreeWorkers::ready() {
+    std::string error;
+    if (!_started) _started = _pool.start(transfersOf(_session), error);
+    if (!_started) fprintf(stderr, "gdrive_host: %s\n", error.c_str());
+    return _started;
+}
+
+bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
+                       std::map<std::string, FileInfo>& entries) {
+    std::deque<Json::Value> jobs{treeJob("list", top, "", true)};
+    int failure = ERR_NONE;
+    bool topMissing = false;
+    auto onResult = [&](Json::Value const& done, Json::Value const& result,
+                        std::deque<Json::Value>& more) {
+        if (!result["ok"].asBool()) {
+            failure = result["code"].asInt();
+            topMissing = done["remote"].asString() == top && failure == ERR_REMOTE_NOT_FOUND;
+            return false;
+        }
+        std::string const folder = done["shown"].asString();
+        Json::Value const& listed = result["entries"];
+        std::vector<std::string> names;
+        for (Json::Value const& e : listed) names.push_back(e["name"].asString());
+        std::sort(names.begin(), names.end());
+        for (Json::Value const& e : listed) {
+            std::string const name = e["name"].asString();
+            FileInfo info(name);
+            if (e["dir"].asBool()) {
+                info.setDirType();
+            } else {
+                info.setRegType();
+            }
+            info.setSize(e["size"].asInt64());
+            info.setMtime(e["mtime"].asInt64());
+            info.setChecksum(e["md5"].asString());
+            std::string const rpath = joinPath(folder, name);
+            entries[rpath] = info;
+            auto range = std::equal_range(names.begin(), names.end(), name);
+            // A name shared in one folder cannot be named by a path.
+            if (info.isDirType() && range.second - range.first == 1)
+                more.push_back(treeJob("list", joinPath(top, rpath), rpath, true));
+        }
+        return true;
+    };
+    if (!ready()) {
+        setError(ERR_GENERAL);
+        return false;
+    }
+    if (_pool.run(jobs, onResult, nullptr)) return true;
+    if (interrupted()) {
+        setError(ERR_CANCELED);
+    } else {
+        setError(failure != ERR_NONE ? failure : ERR_GENERAL);
+    }
+    if (missingIsEmpty && topMissing && !interrupted()) {
+        entries.clear();
+        return true;
+    }
+    return false;
+}
+
+void TreeWorkers::inOrder(std::deque<Json::Value> jobs,
+                          std::function<bool(FileOutcome const&)> const& onOutcome) {
+    if (jobs.empty() || !ready()) return;
+    auto onResult = [&](Json::Value const& done, Json::Value const& result,
+                        std::deque<Json::Value>&) { return onOutcome(outcomeOf(done, result)); };
+    _pool.run(jobs, onResult, nullptr, 1);
+}
+
+void runTreeJobs(Session& s, int count, std::deque<Json::Value> jobs, RunReport& report,
+                 ProgressLine* line) {
+    size_t const total = jobs.size();
+    size_t finished = 0;
+    auto onResult = [&](Json::Value const& done, Json::Value const& result,
+                        std::deque<Json::Value>&) {
+        ++finished;
+        report.add(outcomeOf(done, result));
+        return !report.stopped();
+    };
+    std::string const firstShown = total ? jobs.front()["shown"].asString() : "";
+    std::string error;
+    if (!runOnWorkers(s, count, std::move(jobs), onResult, line, error) && !error.empty()) {
+        report.add(failedLocally(firstShown, error, kExitError));
+    } else if (finished < total && interrupted() && !report.stopped()) {
+        // Stopped between two files: the rest was cancelled.
+        report.add(failedFile(firstShown, ERR_CANCELED, Wanted::kFile));
+    }
+}
+
+}  // namespace gdhost

@@ -1,0 +1,69 @@
+// The tree commands' work spread over worker processes (--transfers): the
+// listing of a remote tree, folder creation, deletions and file transfers.
+// Outcomes are those the one-agent forms give, and go to the same report.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "backup/file_info.h"
+#include "commands.h"
+#include "progress_line.h"
+#include "run_report.h"
+#include "workers.h"
+
+namespace gdhost {
+
+// A job for one remote object: `op` ("mkdir", "remove", "send", "recv") on
+// the target path `remote`, shown to a person as `shown`; `folder` says a
+// folder is meant.
+Json::Value treeJob(char const* op, std::string const& remote, std::string const& shown,
+                    bool folder);
+
+// What a job's result means for the person: done, or failed and why.
+FileOutcome outcomeOf(Json::Value const& job, Json::Value const& result);
+
+// The listing of a remote tree and the changes a command makes before its
+// transfers, on one pool of transfersOf(s) workers whose node caches are
+// merged when it ends.
+class TreeWorkers {
+  public:
+    explicit TreeWorkers(Session& s) : _session(s), _pool(s) {}
+    // Merges what the workers learned into the node cache file.
+    ~TreeWorkers();
+    TreeWorkers(TreeWorkers const&) = delete;
+    TreeWorkers& operator=(TreeWorkers const&) = delete;
+
+    // Every entry below `top` by its path relative to `top`, as
+    // remoteEntries gives it, with the engine's error code set on failure;
+    // each folder is listed by whichever worker is free, and folders whose
+    // name appears twice in their parent are not entered.
+    bool list(std::string const& top, bool missingIsEmpty,
+              std::map<std::string, TAVO::Backup::FileInfo>& entries);
+
+    // Runs `jobs` one after another on the first worker, which listed the
+    // top, passing each outcome to `onOutcome` until it returns false. One
+    // agent makes every folder, as without workers, and the merged node
+    // cache then knows them all before any transfer starts.
+    void inOrder(std::deque<Json::Value> jobs,
+                 std::function<bool(FileOutcome const&)> const& onOutcome);
+
+  private:
+    bool ready();
+
+    Session& _session;
+    WorkerPool _pool;
+    bool _started = false;
+};
+
+// Runs `jobs` on `count` workers of their own, adding each outcome to
+// `report` and counting on `line` (may be null); stops handing out jobs once
+// the report says the run stops.
+void runTreeJobs(Session& s, int count, std::deque<Json::Value> jobs, RunReport& report,
+                 ProgressLine* line);
+
+}  // namespace gdhost

@@ -1,0 +1,433 @@
+#include "workers.h"
+
+#include <json/json.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <list>
+#include <memory>
+
+#include "backup/error.h"
+#include "cache_merge.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "local_files.h"
+#include "partial_files.h"
+#include "plugin_log.h"
+#include "plugin_module.h"
+#include "remote_tree.h"
+#include "tree_files.h"
+
+namespace gdhost {
+
+using namespace TAVO::Backup;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Writes to a worker's socket; a peer that is gone gives a failed write,
+// never SIGPIPE.
+bool writeAll(int fd, std::string const& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::string lineOf(Json::Value const& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value) + "\n";
+}
+
+bool parseLine(std::string const& line, Json::Value& value) {
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    return reader->parse(line.data(), line.data() + line.size(), &value, nullptr) &&
+           value.isObject();
+}
+
+// ---- The worker's side ----------------------------------------------------
+
+// Reports the bytes of the running transfer to the parent, at most five
+// times a second, and passes on cancellation.
+class WorkerProgress {
+  public:
+    explicit WorkerProgress(int results) : _results(results) {}
+    TransferAgent::ProgressHook hook() {
+        return [this](long bytes) {
+            _pending += bytes;
+            auto now = std::chrono::steady_clock::now();
+            if (now - _sent >= std::chrono::milliseconds(200)) {
+                Json::Value line(Json::objectValue);
+                line["progress"] = static_cast<Json::Int64>(_pending);
+                writeAll(_results, lineOf(line));
+                _reported += _pending;
+                _pending = 0;
+                _sent = now;
+            }
+            return !interrupted();
+        };
+    }
+    int64_t reported() const { return _reported; }
+
+  private:
+    int _results;
+    int64_t _pending = 0;
+    int64_t _reported = 0;
+    std::chrono::steady_clock::time_point _sent = std::chrono::steady_clock::now();
+};
+
+Json::Value entryOf(FileInfo const& info) {
+    Json::Value entry(Json::objectValue);
+    entry["name"] = info.getRpath();
+    entry["dir"] = info.isDirType();
+    entry["size"] = static_cast<Json::Int64>(info.getSize());
+    entry["mtime"] = static_cast<Json::Int64>(info.getMtime());
+    entry["md5"] = info.getChecksum();
+    return entry;
+}
+
+// A transfer's job: the plug-in's temporary file stays private until it
+// takes its name, then gets a new file's mode; a download holds its folder
+// as the one-agent form does.
+bool runTransfer(TransferAgent& agent, Json::Value const& job, int results, Json::Value& result) {
+    WorkerProgress progress(results);
+    bool const send = job["op"].asString() == "send";
+    std::string const remote = job["remote"].asString();
+    std::string const local = absoluteLocalPath(job["local"].asString());
+    FileInfo info(remote);
+    if (send) {
+        if (!agent.sendFile(local, remote, progress.hook(), true, info)) return false;
+        result["bytes"] = static_cast<Json::Int64>(info.getSize() - progress.reported());
+        return true;
+    }
+    DownloadClaim claim(local.substr(0, local.find_last_of('/')));
+    if (!agent.recvFile(remote, local, progress.hook(), info)) return false;
+    chmod(local.c_str(), newFileMode());
+    result["bytes"] = static_cast<Json::Int64>(job["size"].asInt64() - progress.reported());
+    return true;
+}
+
+Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
+    std::string const op = job["op"].asString();
+    std::string const remote = job["remote"].asString();
+    Json::Value result(Json::objectValue);
+    bool ok = false;
+    beginOperation();
+    setError(ERR_NONE);
+    if (interrupted()) {
+        setError(ERR_CANCELED);
+    } else if (op == "list") {
+        std::list<FileInfo> listed;
+        ok = agent.listDir(remote, listed);
+        result["entries"] = Json::Value(Json::arrayValue);
+        for (FileInfo const& info : listed) result["entries"].append(entryOf(info));
+    } else if (op == "mkdir") {
+        ok = job["parents"].asBool() ? makeRemoteFolders(agent, remote) : agent.createDir(remote);
+    } else if (op == "remove") {
+        ok = job["folder"].asBool() ? agent.removeDirRecursive(remote) : agent.removeFile(remote);
+    } else if (op == "send" || op == "recv") {
+        ok = runTransfer(agent, job, results, result);
+    } else {
+        setError(ERR_BAD_ARGUMENT);
+    }
+    if (!ok && interrupted()) setError(ERR_CANCELED);
+    result["ok"] = ok;
+    if (!ok) {
+        // Described here, where the plug-in logged the reason.
+        Failure failure =
+            describeFailure(getError(), job["folder"].asBool() ? Wanted::kFolder : Wanted::kFile);
+        result["code"] = failure.engineCode;
+        result["words"] = failure.words;
+        result["exit"] = failure.exitCode;
+        result["stops"] = failure.stopsRun;
+    }
+    return result;
+}
+
+// The worker process: one agent, jobs in, results out, until the parent
+// closes the job pipe; then the node cache is flushed into the worker's own
+// file. Never returns.
+[[noreturn]] void workerMain(Session& s, Destination const& destination, int jobs, int results) {
+    int rc = 0;
+    try {
+        Repository repository = makeRepository(destination);
+        std::unique_ptr<TransferAgent> agent = s.module->makeAgent(repository);
+        if (!agent) _exit(kExitError);
+        agent->setTargetId(destination.target);
+        agent->setTransferOption(Task(destination.target));
+        agent->setCancelHook(interrupted);
+        std::string pending;
+        char buffer[4096];
+        for (;;) {
+            ssize_t n = read(jobs, buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            pending.append(buffer, static_cast<size_t>(n));
+            size_t end;
+            while ((end = pending.find('\n')) != std::string::npos) {
+                Json::Value job;
+                bool parsed = parseLine(pending.substr(0, end), job);
+                pending.erase(0, end + 1);
+                Json::Value result(Json::objectValue);
+                if (parsed) {
+                    result = runJob(*agent, job, results);
+                } else {
+                    result["ok"] = false;
+                    result["code"] = ERR_BAD_ARGUMENT;
+                    result["exit"] = kExitError;
+                }
+                if (!writeAll(results, lineOf(result))) _exit(kExitError);
+            }
+        }
+        if (!agent->flushCache()) rc = kExitError;
+    } catch (...) {
+        rc = kExitError;
+    }
+    fflush(stdout);
+    _exit(rc);
+}
+
+}  // namespace
+
+// ---- The parent's side ----------------------------------------------------
+
+int transfersOf(Session const& s) { return s.args.transfers < 1 ? 1 : s.args.transfers; }
+
+WorkerPool::~WorkerPool() {
+    stopAll();
+    if (!_folder.empty()) {
+        std::error_code ignored;
+        fs::remove_all(_folder, ignored);
+    }
+}
+
+void WorkerPool::stopAll() {
+    for (Worker& w : _workers) {
+        if (w.jobs >= 0) close(w.jobs);
+        w.jobs = -1;
+    }
+    for (Worker& w : _workers) {
+        if (w.results >= 0) close(w.results);
+        w.results = -1;
+        if (w.pid > 0) {
+            int status;
+            while (waitpid(w.pid, &status, 0) < 0 && errno == EINTR) {
+            }
+        }
+        w.pid = -1;
+    }
+}
+
+bool WorkerPool::start(int count, std::string& error) {
+    char const* tmp = getenv("TMPDIR");
+    std::string folder = std::string(tmp && *tmp ? tmp : "/tmp") + "/gdrive_host.XXXXXX";
+    if (!mkdtemp(&folder[0])) {
+        error = std::string("cannot make a folder for the workers: ") + strerror(errno);
+        return false;
+    }
+    _folder = folder;
+    _count = count < 1 ? 1 : count;
+    std::string const mainFile = nodeCacheFile(_session.destination);
+    std::error_code failed;
+    _baseFile = _folder + "/base.node";
+    if (fs::exists(mainFile)) fs::copy_file(mainFile, _baseFile, failed);
+    acceptStopSignal();  // before any fork: a stop sent early must not kill a worker
+    return true;
+}
+
+bool WorkerPool::spawn() {
+    Destination destination = _session.destination;
+    destination.cacheDir = _folder + "/w" + std::to_string(_workers.size());
+    std::string file = nodeCacheFile(destination);
+    std::error_code failed;
+    fs::create_directories(fs::path(file).parent_path(), failed);
+    if (fs::exists(_baseFile)) fs::copy_file(_baseFile, file, failed);
+    int toWorker[2], fromWorker[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, toWorker) != 0) return false;
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fromWorker) != 0) {
+        close(toWorker[0]);
+        close(toWorker[1]);
+        return false;
+    }
+    fflush(stdout);
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        // Only this worker's own ends stay open in it.
+        for (Worker const& other : _workers) {
+            if (other.jobs >= 0) close(other.jobs);
+            if (other.results >= 0) close(other.results);
+        }
+        close(toWorker[1]);
+        close(fromWorker[0]);
+        workerMain(_session, destination, toWorker[0], fromWorker[1]);
+    }
+    close(toWorker[0]);
+    close(fromWorker[1]);
+    if (pid < 0) {
+        close(toWorker[1]);
+        close(fromWorker[0]);
+        return false;
+    }
+    Worker worker;
+    worker.pid = pid;
+    worker.jobs = toWorker[1];
+    worker.results = fromWorker[0];
+    worker.cacheFile = file;
+    _workers.push_back(worker);
+    return true;
+}
+
+bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
+                             ResultHandler const& onResult, ProgressLine* progress,
+                             bool& keepGoing) {
+    char buffer[65536];
+    ssize_t n = read(w.results, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) return true;
+    if (n <= 0) {
+        // The worker is gone: its job failed, and it takes no other.
+        close(w.results);
+        w.results = -1;
+        close(w.jobs);
+        w.jobs = -1;
+        if (w.busy) {
+            w.busy = false;
+            Json::Value result(Json::objectValue);
+            result["ok"] = false;
+            result["code"] = interrupted() ? ERR_CANCELED : ERR_GENERAL;
+            if (!onResult(w.job, result, jobs)) keepGoing = false;
+        }
+        return false;
+    }
+    w.received.append(buffer, static_cast<size_t>(n));
+    size_t end;
+    while ((end = w.received.find('\n')) != std::string::npos) {
+        Json::Value result;
+        bool parsed = parseLine(w.received.substr(0, end), result);
+        w.received.erase(0, end + 1);
+        if (parsed && result.isMember("progress")) {
+            if (progress) progress->addBytes(result["progress"].asInt64());
+            continue;
+        }
+        if (!parsed) {
+            result = Json::Value(Json::objectValue);
+            result["ok"] = false;
+            result["code"] = ERR_GENERAL;
+        }
+        if (!w.busy) continue;  // nothing asked: not an answer to anything
+        w.busy = false;
+        if (progress && result["ok"].asBool() && result.isMember("bytes"))
+            progress->fileDone(result["bytes"].asInt64());
+        if (!onResult(w.job, result, jobs)) keepGoing = false;
+    }
+    return true;
+}
+
+bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResult,
+                     ProgressLine* progress, int limit) {
+    size_t const most = static_cast<size_t>(std::max(1, std::min(limit, _count)));
+    bool keepGoing = true;
+    for (;;) {
+        if (interrupted() && !_stopSent) {
+            // Ctrl-C on a terminal reaches the workers too; a stop sent
+            // only to this process must reach them as well.
+            for (Worker const& w : _workers)
+                if (w.pid > 0) kill(w.pid, SIGUSR1);
+            _stopSent = true;
+        }
+        bool handOut = keepGoing && !interrupted();
+        // A worker costs a drive agent's start: one more only for a job
+        // that no idle one can take now.
+        size_t idle = 0;
+        for (size_t i = 0; i < _workers.size() && i < most; ++i)
+            idle += !_workers[i].busy && _workers[i].jobs >= 0;
+        while (handOut && jobs.size() > idle && _workers.size() < most && spawn()) ++idle;
+        for (size_t i = 0; i < _workers.size() && i < most; ++i) {
+            Worker& w = _workers[i];
+            if (!handOut || jobs.empty()) break;
+            if (w.busy || w.jobs < 0) continue;
+            w.job = jobs.front();
+            jobs.pop_front();
+            w.busy = true;
+            if (!writeAll(w.jobs, lineOf(w.job))) {
+                jobs.push_front(w.job);
+                w.busy = false;
+                close(w.jobs);
+                w.jobs = -1;
+            }
+        }
+        std::vector<pollfd> fds;
+        std::vector<Worker*> polled;
+        for (Worker& w : _workers) {
+            if (w.results < 0 || !w.busy) continue;
+            fds.push_back({w.results, POLLIN, 0});
+            polled.push_back(&w);
+        }
+        if (fds.empty()) {
+            bool anyAlive = false;
+            for (size_t i = 0; i < _workers.size() && i < most; ++i)
+                anyAlive = anyAlive || _workers[i].jobs >= 0;
+            if (!handOut || jobs.empty() || !anyAlive) break;
+            continue;
+        }
+        int ready = poll(fds.data(), fds.size(), 100);
+        if (ready < 0 && errno != EINTR) break;
+        for (size_t i = 0; ready > 0 && i < fds.size(); ++i) {
+            if (fds[i].revents) readResults(*polled[i], jobs, onResult, progress, keepGoing);
+        }
+    }
+    if (!jobs.empty() && keepGoing && !interrupted()) {
+        // Every worker died with work left.
+        setError(ERR_GENERAL);
+        return false;
+    }
+    return keepGoing && !interrupted();
+}
+
+bool WorkerPool::finish(std::string& error) {
+    stopAll();
+    std::vector<std::map<std::string, std::string>> learned;
+    for (Worker const& w : _workers) {
+        if (fs::exists(w.cacheFile)) learned.push_back(readCacheLines(w.cacheFile));
+    }
+    if (learned.empty()) return true;
+    std::string const mainFile = nodeCacheFile(_session.destination);
+    std::error_code failed;
+    fs::create_directories(fs::path(mainFile).parent_path(), failed);
+    return writeCacheLines(mainFile, mergeCacheLines(readCacheLines(_baseFile), learned), error);
+}
+
+bool runOnWorkers(Session& s, int count, std::deque<Json::Value> jobs,
+                  WorkerPool::ResultHandler const& onResult, ProgressLine* progress,
+                  std::string& error) {
+    if (jobs.empty()) return !interrupted();
+    WorkerPool pool(s);
+    if (!pool.start(count, error)) return false;
+    bool ran = pool.run(jobs, onResult, progress);
+    if (pool.started() == 0) error = std::string("cannot start a worker: ") + strerror(errno);
+    // What the workers learned is kept even after a failure: it is all true.
+    // A cache that cannot be written costs lookups later, not this command.
+    std::string mergeError;
+    if (!pool.finish(mergeError))
+        fprintf(stderr, "gdrive_host: node cache not updated: %s\n", mergeError.c_str());
+    return ran;
+}
+
+}  // namespace gdhost

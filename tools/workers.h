@@ -1,0 +1,108 @@
+// Worker processes for the commands that move many files. Each worker is a
+// child process with its own transfer agent, and so its own drive agent and
+// its own copy of the node cache file: starting a drive agent changes the
+// process environment, so two of them must never start at once in one
+// process, and an agent may restart its drive agent after any failure. The
+// parent starts no drive agent while workers run; it hands out jobs, is the
+// only reader of their results, and merges their node caches at the end.
+// Jobs and results travel as JSON lines over a pair of sockets per worker,
+// so that a side that is gone shows as a failed write, not SIGPIPE.
+#pragma once
+
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "progress_line.h"
+
+namespace gdhost {
+
+// A job is a JSON object: "op" one of
+//   "list"   "remote": one folder's children
+//   "mkdir"  "remote": the folder (with "parents": and its missing parents)
+//   "remove" "remote": a file, or with "folder" a folder and its content
+//   "send"   "local" to "remote"
+//   "recv"   "remote" to "local" ("size" bytes)
+// Its result: "ok"; on failure "code" (the engine's error code), "words",
+// "exit" and "stops" (the failure as describeFailure gives it, "folder"
+// saying what was wanted); "entries" for "list" (objects with "name", "dir",
+// "size", "mtime", "md5"); "bytes" moved and not yet reported for "send"
+// and "recv".
+class WorkerPool {
+  public:
+    // Called for each result; may queue more jobs. Returning false stops
+    // handing out jobs (those running are still waited for).
+    typedef std::function<bool(Json::Value const& job, Json::Value const& result,
+                               std::deque<Json::Value>& jobs)>
+        ResultHandler;
+
+    explicit WorkerPool(Session& session) : _session(session) {}
+    // Ends and reaps the workers still running and removes their folders.
+    ~WorkerPool();
+    WorkerPool(WorkerPool const&) = delete;
+    WorkerPool& operator=(WorkerPool const&) = delete;
+
+    // Prepares for at most `count` workers, each to work on a private copy
+    // of the destination's node cache file as it is now. Workers start when
+    // there are jobs for them. False with `error` set on failure.
+    bool start(int count, std::string& error);
+
+    // Hands out `jobs` to at most `limit` workers (the first ones, so that
+    // a run on one worker uses the one that learned most) until none is left
+    // and every worker is idle, passing each result to `onResult` and the
+    // bytes of running transfers to `progress` (may be null). After an
+    // interrupt no further job is handed out and the workers are asked to
+    // cancel. False when `onResult` stopped it, an interrupt came, or no
+    // worker was left to take the jobs.
+    bool run(std::deque<Json::Value>& jobs, ResultHandler const& onResult, ProgressLine* progress,
+             int limit = 1 << 20);
+
+    // How many workers were started.
+    size_t started() const { return _workers.size(); }
+
+    // Lets the workers flush their node caches and exit, then merges what
+    // they learned into the destination's node cache file. False with
+    // `error` set when the merged file could not be written.
+    bool finish(std::string& error);
+
+  private:
+    struct Worker {
+        pid_t pid = -1;
+        int jobs = -1;     // parent's end for writing jobs
+        int results = -1;  // parent's end for reading results
+        std::string cacheFile;
+        std::string received;  // a partial result line
+        bool busy = false;
+        Json::Value job;
+    };
+
+    void stopAll();
+    bool spawn();
+    bool readResults(Worker& worker, std::deque<Json::Value>& jobs, ResultHandler const& onResult,
+                     ProgressLine* progress, bool& keepGoing);
+
+    Session& _session;
+    std::vector<Worker> _workers;
+    std::string _folder;  // the workers' node cache copies
+    std::string _baseFile;
+    int _count = 1;
+    bool _stopSent = false;
+};
+
+// The number of workers a command asked for (--transfers), at least 1.
+int transfersOf(Session const& s);
+
+// Runs `jobs` on a pool of `count` workers as start, run and finish do (no
+// pool at all when there is no job); a merge that cannot be written is only
+// warned about. False when the run failed; `error` is set when no worker
+// could be started.
+bool runOnWorkers(Session& s, int count, std::deque<Json::Value> jobs,
+                  WorkerPool::ResultHandler const& onResult, ProgressLine* progress,
+                  std::string& error);
+
+}  // namespace gdhost
