@@ -47,6 +47,11 @@ TEST_F(ResolveTest, StatFromTheCacheAsksOnlyForTheLastObject) {
     EXPECT_EQ("AVAILABLE", meta.status);
     ASSERT_EQ(1, requests());
     EXPECT_EQ(bId, drive->requestLog()[0].args["id"].asString());
+    // Replaced behind the cache's back: the path's new object, not absent.
+    drive->remove(bId);
+    std::string newId = drive->mkdir(aId, "b");
+    ASSERT_TRUE(agent->statMeta("/C/T/a/b", meta)) << getError();
+    EXPECT_EQ(newId, meta.id);
 }
 
 TEST_F(ResolveTest, CacheOnlyWalkNeverAsks) {
