@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "agent_failure.h"
+#include "md5_hex.h"
 #include "protocol_out.h"
 
 namespace DriveAgent {
@@ -58,18 +59,7 @@ class Output {
     }
     std::int64_t written() const { return _written; }
     int writeErrno() const { return _write_errno; }
-    std::string md5() {
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        unsigned len = 0;
-        EVP_DigestFinal_ex(_ctx.get(), digest, &len);
-        static char const* const digits = "0123456789abcdef";
-        std::string text;
-        for (unsigned i = 0; i < len; ++i) {
-            text += digits[digest[i] >> 4];
-            text += digits[digest[i] & 15];
-        }
-        return text;
-    }
+    std::string md5() { return finishHexDigest(_ctx.get()); }
     void close() {
         if (::close(_fd) != 0) {
             _fd = -1;

@@ -11,6 +11,7 @@
 
 #include "agent_failure.h"
 #include "drive_errors.h"
+#include "md5_hex.h"
 
 namespace DriveAgent {
 
@@ -36,18 +37,7 @@ class Md5 {
         EVP_DigestUpdate(_ctx.get(), data + (_done - offset), static_cast<size_t>(end - _done));
         _done = end;
     }
-    std::string hex() {
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        unsigned len = 0;
-        EVP_DigestFinal_ex(_ctx.get(), digest, &len);
-        static char const* const digits = "0123456789abcdef";
-        std::string text;
-        for (unsigned i = 0; i < len; ++i) {
-            text += digits[digest[i] >> 4];
-            text += digits[digest[i] & 15];
-        }
-        return text;
-    }
+    std::string hex() { return finishHexDigest(_ctx.get()); }
 
   private:
     std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> _ctx;

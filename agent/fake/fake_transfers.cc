@@ -12,6 +12,7 @@
 #include "content_copy.h"
 #include "fake_state.h"
 #include "ids.h"
+#include "md5_hex.h"
 
 namespace DriveFake {
 
@@ -21,18 +22,7 @@ using DriveEmulator::WriteTransaction;
 
 namespace {
 
-std::string hexDigest(EVP_MD_CTX* ctx) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned len = 0;
-    EVP_DigestFinal_ex(ctx, digest, &len);
-    static char const* const digits = "0123456789abcdef";
-    std::string text;
-    for (unsigned i = 0; i < len; ++i) {
-        text += digits[digest[i] >> 4];
-        text += digits[digest[i] & 15];
-    }
-    return text;
-}
+std::string hexDigest(EVP_MD_CTX* ctx) { return DriveAgent::finishHexDigest(ctx); }
 
 Json::Value parseMeta(std::string const& body) {
     Json::Value value;
