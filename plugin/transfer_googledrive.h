@@ -170,7 +170,8 @@ class TransferAgentGoogleDrive : public TransferAgent {
     bool readListingAnswer(GoogleDrive::ListingPage& page);
     // Enters a listing of folder `pid` into the node cache, leaving out of the
     // index every name (byte for byte) that the listing holds more than once
-    // and dropping what the index held for it.
+    // and dropping what the index held for it. Below a confirmed folder, the
+    // folders listed under a name of their own count as confirmed.
     void learnListing(std::string const& pid, std::list<GoogleDrive::FileMeta> const& list);
     enum class Settled { Kept, Refused, Stopped };
     // Several objects of exactly one name in folder `pid`. When they are

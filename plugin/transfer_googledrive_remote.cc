@@ -178,12 +178,17 @@ void TransferAgentGoogleDrive::learnListing(std::string const& pid,
         if (names[i].first != names[i - 1].first) continue;
         clashes[names[i].second] = clashes[names[i - 1].second] = true;
     }
+    // Below a folder in its confirmed place, the folders just listed by a
+    // name of their own are in their places too: walking into them later
+    // asks the service nothing more.
+    bool const placed = pid == "root" || _confirmed_folders.trusted(pid);
     size_t position = 0;
     for (auto const& meta : list) {
         if (clashes[position++]) {
             _node_cache.remove(pid, meta.name);
         } else {
             _node_cache.insert(meta);
+            if (placed && meta.isDir) _confirmed_folders.confirm(meta.id);
         }
     }
 }

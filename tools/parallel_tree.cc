@@ -18,6 +18,13 @@ Json::Value treeJob(char const* op, std::string const& remote, std::string const
     job["remote"] = remote;
     job["shown"] = shown;
     job["folder"] = folder;
+    // Transfers and listings stay with the worker that confirmed their
+    // folder; folder changes run in order as queued.
+    std::string const how = op;
+    if (how == "send" || how == "recv" || how == "list") {
+        size_t slash = remote.rfind('/');
+        job["group"] = slash == std::string::npos ? std::string() : remote.substr(0, slash);
+    }
     return job;
 }
 

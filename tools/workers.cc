@@ -22,6 +22,7 @@
 #include "cache_merge.h"
 #include "failure.h"
 #include "interrupt.h"
+#include "job_queue.h"
 #include "local_files.h"
 #include "partial_files.h"
 #include "plugin_log.h"
@@ -135,6 +136,8 @@ Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
         setError(ERR_CANCELED);
     } else if (op == "list") {
         std::list<FileInfo> listed;
+        // Only for what it confirms: a failure shows in the listing below.
+        if (job.isMember("first")) agent.listDir(job["first"].asString(), listed);
         ok = agent.listDir(remote, listed);
         result["entries"] = Json::Value(Json::arrayValue);
         for (FileInfo const& info : listed) result["entries"].append(entryOf(info));
@@ -258,7 +261,10 @@ bool WorkerPool::spawn() {
     std::string file = nodeCacheFile(destination);
     std::error_code failed;
     fs::create_directories(fs::path(file).parent_path(), failed);
-    if (fs::exists(_baseFile)) fs::copy_file(_baseFile, file, failed);
+    struct stat copied {};
+    if (fs::exists(_baseFile) && fs::copy_file(_baseFile, file, failed) &&
+        stat(file.c_str(), &copied) != 0)
+        copied.st_ino = 0;
     int toWorker[2], fromWorker[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, toWorker) != 0) return false;
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fromWorker) != 0) {
@@ -291,6 +297,7 @@ bool WorkerPool::spawn() {
     worker.jobs = toWorker[1];
     worker.results = fromWorker[0];
     worker.cacheFile = file;
+    worker.copiedInode = copied.st_ino;
     _workers.push_back(worker);
     return true;
 }
@@ -344,6 +351,7 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                      ProgressLine* progress, int limit) {
     size_t const most = static_cast<size_t>(std::max(1, std::min(limit, _count)));
     bool keepGoing = true;
+    JobQueue queue;
     for (;;) {
         if (interrupted() && !_stopSent) {
             // Ctrl-C on a terminal reaches the workers too; a stop sent
@@ -353,24 +361,51 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             _stopSent = true;
         }
         bool handOut = keepGoing && !interrupted();
+        while (!jobs.empty()) {
+            queue.add(std::move(jobs.front()));
+            jobs.pop_front();
+        }
         // A worker costs a drive agent's start: one more only for a job
         // that no idle one can take now.
         size_t idle = 0;
         for (size_t i = 0; i < _workers.size() && i < most; ++i)
             idle += !_workers[i].busy && _workers[i].jobs >= 0;
-        while (handOut && jobs.size() > idle && _workers.size() < most && spawn()) ++idle;
+        while (handOut && queue.size() > idle && _workers.size() < most && spawn()) ++idle;
         for (size_t i = 0; i < _workers.size() && i < most; ++i) {
             Worker& w = _workers[i];
-            if (!handOut || jobs.empty()) break;
+            if (!handOut || queue.empty()) break;
             if (w.busy || w.jobs < 0) continue;
-            w.job = jobs.front();
-            jobs.pop_front();
+            std::vector<std::string> elsewhere;
+            bool anyBusy = false;
+            for (size_t j = 0; j < _workers.size() && j < most; ++j) {
+                Worker const& other = _workers[j];
+                anyBusy = anyBusy || other.busy;
+                if (&other != &w && other.jobs >= 0) elsewhere.push_back(other.home);
+            }
+            Json::Value job = queue.take(w.home, elsewhere, !anyBusy);
+            if (job.isNull()) continue;
+            // A listing below a folder new to this worker: listing that folder
+            // first confirms all its folders at once, where asking for each
+            // would cost a request per job.
+            std::string const group = job["group"].asString();
+            bool const listing = job["op"].asString() == "list";
+            if (listing && !w.listed.count(group) && _listed.count(group)) {
+                job["first"] = group;
+                w.listed.insert(group);
+            }
+            if (listing) {
+                w.listed.insert(job["remote"].asString());
+                _listed.insert(job["remote"].asString());
+            }
+            w.home = group;
+            w.job = std::move(job);
             w.busy = true;
             if (!writeAll(w.jobs, lineOf(w.job))) {
-                jobs.push_front(w.job);
+                queue.putBack(w.job);
                 w.busy = false;
                 close(w.jobs);
                 w.jobs = -1;
+                continue;
             }
         }
         std::vector<pollfd> fds;
@@ -384,7 +419,7 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             bool anyAlive = false;
             for (size_t i = 0; i < _workers.size() && i < most; ++i)
                 anyAlive = anyAlive || _workers[i].jobs >= 0;
-            if (!handOut || jobs.empty() || !anyAlive) break;
+            if (!handOut || (queue.empty() && jobs.empty()) || !anyAlive) break;
             continue;
         }
         int ready = poll(fds.data(), fds.size(), 100);
@@ -393,7 +428,9 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             if (fds[i].revents) readResults(*polled[i], jobs, onResult, progress, keepGoing);
         }
     }
-    if (!jobs.empty() && keepGoing && !interrupted()) {
+    bool const left = !queue.empty() || !jobs.empty();
+    while (!queue.empty()) jobs.push_back(queue.take("", {}, true));
+    if (left && keepGoing && !interrupted()) {
         // Every worker died with work left.
         setError(ERR_GENERAL);
         return false;
@@ -405,7 +442,12 @@ bool WorkerPool::finish(std::string& error) {
     stopAll();
     std::vector<std::map<std::string, std::string>> learned;
     for (Worker const& w : _workers) {
-        if (fs::exists(w.cacheFile)) learned.push_back(readCacheLines(w.cacheFile));
+        // The plug-in saves through a new file renamed into place: a copy
+        // still on its inode was never written, and taught nothing.
+        struct stat now {};
+        if (stat(w.cacheFile.c_str(), &now) != 0) continue;
+        if (w.copiedInode != 0 && now.st_ino == w.copiedInode) continue;
+        learned.push_back(readCacheLines(w.cacheFile));
     }
     if (learned.empty()) return true;
     std::string const mainFile = nodeCacheFile(_session.destination);

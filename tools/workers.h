@@ -14,6 +14,7 @@
 
 #include <deque>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,8 @@
 
 namespace gdhost {
 
-// A job is a JSON object: "op" one of
+// A job is a JSON object, optionally with "group", the folder it works in
+// (see JobQueue: workers stay in a folder), and "op" one of
 //   "list"   "remote": one folder's children
 //   "mkdir"  "remote": the folder (with "parents": and its missing parents)
 //   "remove" "remote": a file, or with "folder" a folder and its content
@@ -76,9 +78,12 @@ class WorkerPool {
         int jobs = -1;     // parent's end for writing jobs
         int results = -1;  // parent's end for reading results
         std::string cacheFile;
-        std::string received;  // a partial result line
+        ino_t copiedInode = 0;  // its cache file's as copied, 0 if none
+        std::string received;   // a partial result line
         bool busy = false;
         Json::Value job;
+        std::string home;              // the folder its last job worked in
+        std::set<std::string> listed;  // the folders it listed
     };
 
     void stopAll();
@@ -92,6 +97,7 @@ class WorkerPool {
     std::string _baseFile;
     int _count = 1;
     bool _stopSent = false;
+    std::set<std::string> _listed;  // the folders any worker listed
 };
 
 // The number of workers a command asked for (--transfers), at least 1.

@@ -93,13 +93,19 @@ TEST_F(OperationsTest, StatusQueries) {
 }
 
 TEST_F(OperationsTest, ListDirAndContainer) {
-    drive->mkdir(targetId, "d");
+    drive->put(drive->mkdir(targetId, "d"), "inside", "x");
     drive->put(targetId, "f", "abc");
     std::list<FileInfo> list;
     ASSERT_TRUE(agent->listDir("", list));
     auto names = paths(list);
     std::sort(names.begin(), names.end());
     EXPECT_EQ((std::vector<std::string>{"d", "f"}), names);
+    // Just listed in its confirmed parent, "d" is in its place: its listing
+    // asks nothing more.
+    drive->clearRequestLog();
+    ASSERT_TRUE(agent->listDir("d", list));
+    EXPECT_EQ((std::vector<std::string>{"inside"}), paths(list));
+    EXPECT_EQ(1, requests());
 
     list.push_back(FileInfo("stale"));
     EXPECT_FALSE(agent->listDir("f", list));

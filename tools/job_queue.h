@@ -1,0 +1,45 @@
+// The jobs a worker pool has yet to hand out, kept by the folder they work
+// in. A drive agent trusts a folder's place for a while once the service
+// has confirmed it, so a worker that stays in one folder asks for it once;
+// spread over every worker, each folder would be confirmed by each of them.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace gdhost {
+
+class JobQueue {
+  public:
+    // Queues `job`. A job with a string "group" (the folder it works in) is
+    // grouped; one without is handed out first, in the order queued.
+    void add(Json::Value job);
+    // Queues `job` to be handed out before any other.
+    void putBack(Json::Value job);
+    bool empty() const { return _size == 0; }
+    size_t size() const { return _size; }
+
+    // The next job for a worker last in folder `home` while the other workers
+    // are in `elsewhere`: an ungrouped one, else one of `home`, else one of
+    // the first folder queued that no other worker is in, else one of the
+    // folder with the most jobs left for each worker in it, when that is more
+    // than a newcomer's confirmations are worth or `anyway`. A null value
+    // when the worker had better wait; never call it when empty.
+    Json::Value take(std::string const& home, std::vector<std::string> const& elsewhere,
+                     bool anyway);
+
+  private:
+    Json::Value takeFrom(std::string const& group);
+
+    std::deque<Json::Value> _ungrouped;
+    std::map<std::string, std::deque<Json::Value>> _groups;
+    std::deque<std::string> _order;  // groups as first queued; emptied ones dropped lazily
+    size_t _size = 0;
+};
+
+}  // namespace gdhost
