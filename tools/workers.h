@@ -82,7 +82,7 @@ class WorkerPool {
         std::string received;   // a partial result line
         bool busy = false;
         Json::Value job;
-        std::string home;              // the folder its last job worked in
+        std::string home = "//";       // the folder its last job worked in (none yet)
         std::set<std::string> listed;  // the folders it listed
     };
 
