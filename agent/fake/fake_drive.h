@@ -14,7 +14,8 @@
 namespace DriveFake {
 
 // A failure the fake answers instead of serving: the next `times` requests
-// whose "METHOD path" contains `match`.
+// (negative: every one) in which the regular expression `match` finds
+// "METHOD path", with "?alt=media" after the path of a content download.
 struct FailRule {
     std::string match;
     int times = 1;
@@ -23,6 +24,7 @@ struct FailRule {
     std::string message = "Backend Error";
     int retryAfter = 0;  // seconds; 0: no header
     bool html = false;   // a proxy's HTML page instead of Drive's JSON
+    int delayMs = 0;     // > 0: no failure; the request is served after this long
 };
 
 struct Counters {
@@ -59,6 +61,9 @@ class FakeDrive {
     void expireSessions(int count);
     // The next completed upload reports an MD5 other than its bytes'.
     void corruptNextUpload();
+    // The next object created misses the next `listings` name-filtered
+    // listings, as Drive's listings lag behind its writes.
+    void lagNextCreation(int listings);
     // alt=media answers carry at most this many bytes (0: no limit).
     void limitMediaAnswers(std::int64_t bytes);
 
