@@ -14,8 +14,11 @@
 namespace DriveFake {
 
 // A failure the fake answers instead of serving: the next `times` requests
-// (negative: every one) in which the regular expression `match` finds
-// "METHOD path", with "?alt=media" after the path of a content download.
+// (negative: every one) whose "METHOD path" contains `match`, or that call
+// the API method `match`, named as Drive names it ("files.get", "files.list",
+// "files.create", "files.delete", "files.generateIds", "about.get"; "files.get
+// media" for content, "files.create upload" and "files.update upload" for the
+// start of a resumable upload, "upload chunk").
 struct FailRule {
     std::string match;
     int times = 1;

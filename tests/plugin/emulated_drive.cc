@@ -17,20 +17,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The REST call that each protocol request makes first, as the fake's
-// failure rules match it.
+// The API method each protocol request calls first, as the fake's failure
+// rules name it.
 std::string restRoute(std::string const& fn) {
     static std::map<std::string, std::string> const routes = {
-        {"getObjectMeta", "^GET /drive/v3/files/(?!generateIds$)[^/?]+$"},
-        {"listObjects", "^GET /drive/v3/files$"},
-        {"createFolder", "^POST /drive/v3/files$"},
-        {"deleteObject", "^DELETE /drive/v3/files/"},
-        {"getAccountInfo", "^GET /drive/v3/about$"},
-        {"downloadFile", "^GET /drive/v3/files/[^/]+\\?alt=media$"},
-        {"uploadFile", "^POST /upload/drive/v3/files$"},
-        {"uploadEmptyFile", "^POST /upload/drive/v3/files$"},
-        {"updateFile", "^PATCH /upload/drive/v3/files/"},
-        {"updateEmptyFile", "^PATCH /upload/drive/v3/files/"},
+        {"getObjectMeta", "files.get"},        {"listObjects", "files.list"},
+        {"createFolder", "files.create"},      {"deleteObject", "files.delete"},
+        {"getAccountInfo", "about.get"},       {"downloadFile", "files.get media"},
+        {"uploadFile", "files.create upload"}, {"uploadEmptyFile", "files.create upload"},
+        {"updateFile", "files.update upload"}, {"updateEmptyFile", "files.update upload"},
     };
     auto found = routes.find(fn);
     return found == routes.end() ? "" : found->second;

@@ -90,11 +90,13 @@ int main(int, char** argv) {
 
     int toAgent[2], fromAgent[2];
     if (::pipe2(toAgent, O_CLOEXEC) != 0 || ::pipe2(fromAgent, O_CLOEXEC) != 0) return 1;
+    pid_t const tap = ::getpid();
     pid_t pid = ::fork();
     if (pid < 0) return 1;
     if (pid == 0) {
         // The plug-in kills us to end a request; the agent goes with us.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != tap) ::_exit(1);
         ::dup2(toAgent[0], STDIN_FILENO);
         ::dup2(fromAgent[1], STDOUT_FILENO);
         argv[0] = const_cast<char*>(DRIVE_AGENT_BINARY);
