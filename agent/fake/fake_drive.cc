@@ -3,6 +3,7 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include "content_copy.h"
@@ -98,11 +99,28 @@ Json::Value parseBody(std::string const& body) {
     return value;
 }
 
+// Drive's name of the API method `req` calls.
+std::string apiMethod(httplib::Request const& req) {
+    std::string const& path = req.path;
+    if (path == "/drive/v3/about") return "about.get";
+    if (path == "/drive/v3/files/generateIds") return "files.generateIds";
+    if (path.rfind("/upload/drive/v3/files", 0) == 0) {
+        if (req.method == "PUT") return "upload chunk";
+        return req.method == "POST" ? "files.create upload" : "files.update upload";
+    }
+    if (path == "/drive/v3/files") return req.method == "POST" ? "files.create" : "files.list";
+    if (path.rfind("/drive/v3/files/", 0) != 0) return "";  // the token endpoint
+    if (req.method == "DELETE") return "files.delete";
+    if (req.method == "PATCH") return "files.update";
+    return req.get_param_value("alt") == "media" ? "files.get media" : "files.get";
+}
+
 // A failure rule that fires on this request, if any.
 std::optional<FailRule> firedRule(FakeDrive::State& state, httplib::Request const& req) {
     std::string what = req.method + " " + req.path;
+    std::string method = apiMethod(req);
     for (auto it = state.failures.begin(); it != state.failures.end(); ++it) {
-        if (what.find(it->match) == std::string::npos) continue;
+        if (what.find(it->match) == std::string::npos && method != it->match) continue;
         FailRule rule = *it;
         if (--it->times == 0) state.failures.erase(it);
         return rule;
@@ -125,10 +143,15 @@ void sendRule(httplib::Response& res, FailRule const& rule) {
 // Faults first, then the access token of every API request.
 httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request const& req,
                                       httplib::Response& res) {
-    std::lock_guard<std::mutex> guard(state.lock);
+    std::unique_lock<std::mutex> guard(state.lock);
     if (auto rule = firedRule(state, req)) {
-        sendRule(res, *rule);
-        return httplib::Server::HandlerResponse::Handled;
+        if (rule->delayMs == 0) {
+            sendRule(res, *rule);
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        // A stall: the other requests go on meanwhile, and the fake's end cuts it short.
+        state.stopped.wait_for(guard, std::chrono::milliseconds(rule->delayMs),
+                               [&state] { return state.stopping; });
     }
     if (req.path == "/token") return httplib::Server::HandlerResponse::Unhandled;
     std::string auth = req.get_header_value("Authorization");
@@ -197,9 +220,12 @@ void addMetadataRoutes(FakeDrive::State& state) {
             }
             // Drive itself lists trashed objects unless the query says otherwise.
             settings.listTrashed = true;
+            // The account's page size is the service's largest page: Drive may
+            // answer with fewer objects than asked for and a next page token.
             if (req.has_param("pageSize")) {
                 settings.pageSize =
-                    std::max(1, std::min(1000, std::stoi(req.get_param_value("pageSize"))));
+                    std::max(1, std::min({1000, settings.pageSize,
+                                          std::stoi(req.get_param_value("pageSize"))}));
             }
             WriteTransaction txn(s.store.db());
             DriveEmulator::ListPage page =
@@ -227,11 +253,12 @@ void addMetadataRoutes(FakeDrive::State& state) {
             std::string id = meta.get("id", "").asString();
             Object object =
                 meta.get("mimeType", "").asString() == "application/vnd.google-apps.folder"
-                    ? s.store.createFolder(parent, name, 0, id)
+                    ? s.store.createFolder(parent, name, s.lagNext, id)
                     : s.store.createFile(parent, name,
                                          DriveEmulator::NewContent{"", 0, DriveEmulator::kEmptyMd5},
-                                         0, id);
+                                         s.lagNext, id);
             txn.commit();
+            s.lagNext = 0;
             sendJson(res, fileResource(object));
         } catch (Error const& e) {
             sendModelError(res, e);
@@ -283,6 +310,11 @@ FakeDrive::FakeDrive(std::string const& dataFolder, std::string const& certFile,
 }
 
 FakeDrive::~FakeDrive() {
+    {
+        std::lock_guard<std::mutex> guard(_state->lock);
+        _state->stopping = true;
+    }
+    _state->stopped.notify_all();
     _state->server->stop();
     _state->thread.join();
 }
@@ -321,6 +353,10 @@ void FakeDrive::expireSessions(int count) {
 void FakeDrive::corruptNextUpload() {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->corruptNext = true;
+}
+void FakeDrive::lagNextCreation(int listings) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->lagNext = listings;
 }
 void FakeDrive::limitMediaAnswers(std::int64_t bytes) {
     std::lock_guard<std::mutex> guard(_state->lock);

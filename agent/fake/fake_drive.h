@@ -14,7 +14,11 @@
 namespace DriveFake {
 
 // A failure the fake answers instead of serving: the next `times` requests
-// whose "METHOD path" contains `match`.
+// (negative: every one) whose "METHOD path" contains `match`, or that call
+// the API method `match`, named as Drive names it ("files.get", "files.list",
+// "files.create", "files.delete", "files.generateIds", "about.get"; "files.get
+// media" for content, "files.create upload" and "files.update upload" for the
+// start of a resumable upload, "upload chunk").
 struct FailRule {
     std::string match;
     int times = 1;
@@ -23,6 +27,7 @@ struct FailRule {
     std::string message = "Backend Error";
     int retryAfter = 0;  // seconds; 0: no header
     bool html = false;   // a proxy's HTML page instead of Drive's JSON
+    int delayMs = 0;     // > 0: no failure; the request is served after this long
 };
 
 struct Counters {
@@ -59,6 +64,9 @@ class FakeDrive {
     void expireSessions(int count);
     // The next completed upload reports an MD5 other than its bytes'.
     void corruptNextUpload();
+    // The next object created misses the next `listings` name-filtered
+    // listings, as Drive's listings lag behind its writes.
+    void lagNextCreation(int listings);
     // alt=media answers carry at most this many bytes (0: no limit).
     void limitMediaAnswers(std::int64_t bytes);
 

@@ -6,6 +6,7 @@
 #include <json/value.h>
 #include <openssl/evp.h>
 
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -53,6 +54,9 @@ struct FakeDrive::State {
     int expireSessions = 0;
     bool corruptNext = false;
     std::int64_t mediaLimit = 0;
+    int lagNext = 0;  // listings the next created object misses
+    bool stopping = false;
+    std::condition_variable stopped;  // wakes delayed requests when the fake goes
     std::map<std::string, UploadSession> sessions;
     Counters counters;
 };

@@ -102,8 +102,10 @@ void finish(FakeDrive::State& s, UploadSession& session, httplib::Response& res)
             txn.commit();
             if (!old.empty()) s.store.blobs().discard(old);
         } else {
-            object = s.store.createFile(session.parentId, session.name, content, 0, session.id);
+            object =
+                s.store.createFile(session.parentId, session.name, content, s.lagNext, session.id);
             txn.commit();
+            s.lagNext = 0;
         }
         if (session.size > 0) session.blob->keep();
         session.finished = fileResource(object);

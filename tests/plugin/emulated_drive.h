@@ -1,6 +1,10 @@
 // A fresh emulated Drive account behind the plug-in: the emulator is laid
 // out under a private TAVO_ROOT, so an agent starts it exactly as it would
 // start the real drive agent. The plug-in's tests and the fault sweep share it.
+//
+// With TAVO_TEST_BACKEND=drive_agent the plug-in starts drive_agent instead,
+// in front of the REST fake serving the same account, through protocol_tap,
+// which logs every request in the account's request log as the emulator does.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +13,7 @@
 #include <string>
 
 #include "drive_control.h"
+#include "fake_drive.h"
 #include "support/files.h"
 #include "transfer_googledrive.h"
 
@@ -39,7 +44,18 @@ class EmulatedAccount {
     // The node cache file of target "T".
     std::string cacheFile() const { return _dir + "/cache/T/ta_cache.node"; }
 
+    // True on the run against drive_agent and the REST fake.
+    static bool onDriveAgent();
+    // Records why the running test is skipped on that run and returns the reason.
+    static std::string noteSkip(std::string const& why);
+
+    // A fault of the service: the emulator's rule, or on drive_agent the
+    // fake's failure, stall or listing lag that the plug-in sees alike. A
+    // fault without such a counterpart fails the test there: skip it instead.
+    void addFault(DriveEmulator::Fault const& fault);
+
     std::unique_ptr<DriveEmulator::Drive> drive;
+    std::unique_ptr<DriveFake::FakeDrive> fake;  // only on drive_agent
 
   protected:
     std::string _dir;
@@ -52,6 +68,7 @@ class EmulatedAccount {
 class EmulatedDriveTest : public ::testing::Test, public EmulatedAccount {
   protected:
     void SetUp() override;
+    void TearDown() override;
     // Replaces the agent by a new one on the current repository.
     void recreateAgent();
 
@@ -63,3 +80,10 @@ class EmulatedDriveTest : public ::testing::Test, public EmulatedAccount {
     std::string containerId;  // "/C"
     std::string targetId;     // "/C/T"
 };
+
+// Skips the running test on the drive_agent run, where its fault would live
+// inside the agent's own process; the run lists every such skip at its end.
+#define SKIP_ON_DRIVE_AGENT(why)                                                             \
+    do {                                                                                     \
+        if (EmulatedAccount::onDriveAgent()) GTEST_SKIP() << EmulatedAccount::noteSkip(why); \
+    } while (0)

@@ -133,7 +133,7 @@ TEST_F(ResolveTest, PagedListingsAreJoined) {
 
 TEST_F(ResolveTest, ListingLagDoesNotCauseADuplicateUpload) {
     // Drive's name listings lag behind writes; the node cache remembers the upload.
-    drive->addFault(Fault::listingLag(5, "uploadFile"));
+    addFault(Fault::listingLag(5, "uploadFile"));
     std::string local = writeLocal("f", "first");
     ASSERT_TRUE(agent->sendFile(local, "a/b/f"));
     local = writeLocal("f", "second");
