@@ -67,6 +67,44 @@ int fail(std::string const& reason, int exitCode) {
     return reportProblem("authorize: " + reason + "; nothing stored", exitCode);
 }
 
+// What the token endpoint made of an authorization code.
+struct Exchange {
+    std::string refreshToken;
+    std::string problem;  // why there is no token, in words
+    int exitCode = kExitOk;
+};
+
+// Exchanges `code`, proving with `verifier` that this run asked for it.
+Exchange exchangeCode(DriveAgent::Http& http, DriveAgent::AgentConfig const& config,
+                      std::string const& code, std::string const& redirectUri,
+                      std::string const& verifier) {
+    DriveAgent::HttpRequest request;
+    request.method = "POST";
+    request.url = config.tokenUrl;
+    request.headers = {"Content-Type: application/x-www-form-urlencoded"};
+    request.body =
+        "grant_type=authorization_code&code=" + http.escape(code) +
+        "&redirect_uri=" + http.escape(redirectUri) + "&client_id=" + http.escape(config.clientId) +
+        "&client_secret=" + http.escape(config.clientSecret) + "&code_verifier=" + verifier;
+    DriveAgent::HttpResponse response = http.perform(request);
+    if (response.transportFailed())
+        return {"", "cannot reach the token endpoint: " + response.error, kExitTemporary};
+    Json::Value body = parseJson(response.body);
+    if (response.status != 200) {
+        std::string reason = body.isObject() && body["error"].isString()
+                                 ? body["error"].asString()
+                                 : "status " + std::to_string(response.status);
+        if (body.isObject() && body["error_description"].isString())
+            reason += " (" + body["error_description"].asString() + ")";
+        return {"", "the token endpoint refused the authorization code: " + reason, kExitFatal};
+    }
+    if (!body.isObject() || !body["refresh_token"].isString() ||
+        body["refresh_token"].asString().empty()) {
+        return {"", "the token endpoint gave no refresh token", kExitError};
+    }
+    return {body["refresh_token"].asString(), "", kExitOk};
+}
+
 }  // namespace
 
 int runAuthorize(Destination& d, std::string const& profile, int timeoutSeconds) {
@@ -127,32 +165,9 @@ int runAuthorize(Destination& d, std::string const& profile, int timeoutSeconds)
         return fail("the authorization server answered " + query["error"], kExitFatal);
     }
 
-    DriveAgent::HttpRequest request;
-    request.method = "POST";
-    request.url = config.tokenUrl;
-    request.headers = {"Content-Type: application/x-www-form-urlencoded"};
-    request.body = "grant_type=authorization_code&code=" + http.escape(query["code"]) +
-                   "&redirect_uri=" + http.escape(redirect.uri()) +
-                   "&client_id=" + http.escape(config.clientId) +
-                   "&client_secret=" + http.escape(config.clientSecret) +
-                   "&code_verifier=" + verifier;
-    DriveAgent::HttpResponse response = http.perform(request);
-    if (response.transportFailed())
-        return fail("cannot reach the token endpoint: " + response.error, kExitTemporary);
-    Json::Value body = parseJson(response.body);
-    if (response.status != 200) {
-        std::string reason = body.isObject() && body["error"].isString()
-                                 ? body["error"].asString()
-                                 : "status " + std::to_string(response.status);
-        if (body.isObject() && body["error_description"].isString())
-            reason += " (" + body["error_description"].asString() + ")";
-        return fail("the token endpoint refused the authorization code: " + reason, kExitFatal);
-    }
-    if (!body.isObject() || !body["refresh_token"].isString() ||
-        body["refresh_token"].asString().empty()) {
-        return fail("the token endpoint gave no refresh token", kExitError);
-    }
-    std::string token = body["refresh_token"].asString();
+    Exchange exchange = exchangeCode(http, config, query["code"], redirect.uri(), verifier);
+    if (!exchange.problem.empty()) return fail(exchange.problem, exchange.exitCode);
+    std::string const& token = exchange.refreshToken;
     std::string encoded =
         base64(reinterpret_cast<unsigned char const*>(token.data()), token.size());
     if (!setProfileKeys(profile, {{"service", "drive"}, {"refresh_token", encoded}}, error))

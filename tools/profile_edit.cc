@@ -73,7 +73,15 @@ bool setProfileKeys(std::string const& path,
     bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, content) && ::fsync(fd) == 0;
     int saved = errno;
     ok = ::close(fd) == 0 && ok;
-    if (ok && ::rename(temporary.c_str(), path.c_str()) == 0) return true;
+    if (ok && ::rename(temporary.c_str(), path.c_str()) == 0) {
+        // The new name lasts through a power cut once the folder is synced.
+        int dir = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY);
+        if (dir >= 0) {
+            ::fsync(dir);
+            ::close(dir);
+        }
+        return true;
+    }
     error = "cannot write " + path + ": " + std::strerror(ok ? errno : saved);
     ::unlink(temporary.c_str());
     return false;
