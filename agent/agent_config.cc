@@ -83,6 +83,8 @@ std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConf
                 config.apiUrl = v;
             else if (key == "token_url")
                 config.tokenUrl = v;
+            else if (key == "auth_url")
+                config.authUrl = v;
             else if (key == "ca_file")
                 config.caFile = v;
             else if (key == "client_id")
@@ -94,7 +96,8 @@ std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConf
         }
     }
     while (!config.apiUrl.empty() && config.apiUrl.back() == '/') config.apiUrl.pop_back();
-    if (!acceptableUrl(config.apiUrl) || !acceptableUrl(config.tokenUrl)) {
+    if (!acceptableUrl(config.apiUrl) || !acceptableUrl(config.tokenUrl) ||
+        !acceptableUrl(config.authUrl)) {
         return "drive agent: plain http is refused except on loopback";
     }
     return std::string();

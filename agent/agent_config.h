@@ -12,6 +12,8 @@ struct AgentConfig {
     std::string apiUrl =
         "https://www.googleapis.com";  // files at /drive/v3, uploads at /upload/drive/v3
     std::string tokenUrl = "https://oauth2.googleapis.com/token";
+    // where a person grants the client access (gdrive_host authorize)
+    std::string authUrl = "https://accounts.google.com/o/oauth2/v2/auth";
     std::string caFile;  // trust anchors for loopback hosts only (tests)
     std::string clientId;
     std::string clientSecret;
@@ -25,7 +27,7 @@ using EnvLookup = std::function<char const*(char const* name)>;
 // Reads the configuration: the environment of the handshake, then the first
 // file found of $DRIVE_AGENT_CONF, "drive_agent.conf" beside `argv0`,
 // "$TAVO_ROOT/usr/bin/drive_agent.conf" (lines "key = value": api_url,
-// token_url, ca_file, client_id, client_secret, stall_seconds). Returns the
+// token_url, auth_url, ca_file, client_id, client_secret, stall_seconds). Returns the
 // reason the agent cannot start, or empty. Plain http:// is accepted only for
 // loopback hosts.
 std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConfig& config);

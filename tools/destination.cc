@@ -11,6 +11,7 @@
 #include <set>
 
 #include "drive_control.h"
+#include "profile_edit.h"
 
 namespace gdhost {
 
@@ -25,9 +26,21 @@ std::string defaultProfile() {
     return std::string(home && *home ? home : ".") + "/.config/gdrive_host/profile";
 }
 
+// Profile keys may be written with underscores (refresh_token), as the
+// unknown-key warning accepts them; CLI11 itself matches names exactly.
+class ProfileFormat : public CLI::ConfigBase {
+  public:
+    std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
+        std::vector<CLI::ConfigItem> items = CLI::ConfigBase::from_config(input);
+        for (auto& item : items) std::replace(item.name.begin(), item.name.end(), '_', '-');
+        return items;
+    }
+};
+
 }  // namespace
 
 void addDestinationOptions(CLI::App& app, Destination& d) {
+    app.config_formatter(std::make_shared<ProfileFormat>());
     // CLI11 reads the profile before it looks at environment variables, so
     // GDRIVE_PROFILE has to become the default here.
     char const* profile = getenv("GDRIVE_PROFILE");
@@ -60,22 +73,16 @@ void addDestinationOptions(CLI::App& app, Destination& d) {
 }
 
 void warnUnknownProfileKeys(std::string const& profile) {
-    static std::set<std::string> const kKeys = {"container", "target",   "refresh-token",
+    static std::set<std::string> const kKeys = {"container", "target",   "refresh-token", "service",
                                                 "cache-dir", "data-dir", "plugin"};
     std::ifstream in(profile);
     int number = 0;
     for (std::string line; std::getline(in, line);) {
         ++number;
-        size_t equals = line.find('=');
-        size_t first = line.find_first_not_of(" \t");
-        if (equals == std::string::npos || first == equals || line[first] == '#' ||
-            line[first] == ';') {
-            continue;
-        }
-        std::string key = line.substr(first, line.find_last_not_of(" \t", equals - 1) + 1 - first);
-        std::string dashed = key;
-        std::replace(dashed.begin(), dashed.end(), '_', '-');
-        if (!kKeys.count(dashed)) {
+        std::string key = profileKey(line);
+        if (!key.empty() && !kKeys.count(key)) {
+            key = line.substr(line.find_first_not_of(" \t"));
+            key = key.substr(0, key.find_last_not_of(" \t", key.find('=') - 1) + 1);
             fprintf(stderr, "gdrive_host: %s:%d: unknown key %s ignored\n", profile.c_str(), number,
                     key.c_str());
         }

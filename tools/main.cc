@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "authorize.h"
 #include "backup/transfer_agent.h"
 #include "commands.h"
 #include "destination.h"
@@ -30,6 +31,7 @@ struct Invocation {
     CommandArgs args;
     bool verbose = false;
     std::string helpTopic;
+    int authorizeSeconds = 300;
     Command const* command = nullptr;
 };
 
@@ -95,6 +97,13 @@ int parseAndRun(int argc, char** argv) {
 
     CLI::App* help = app.add_subcommand("help", "describe a command");
     help->add_option("COMMAND", inv.helpTopic);
+    CLI::App* authorize = app.add_subcommand(
+        "authorize",
+        "obtain a refresh token for the drive agent's OAuth client in a browser and store it, "
+        "with service drive, in the profile");
+    authorize->add_option("--timeout", inv.authorizeSeconds, "seconds to wait for the browser")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
     for (Command const& command : commandTable()) {
         CLI::App* sub = app.add_subcommand(command.name, command.summary);
         command.define(*sub, inv.args);
@@ -112,12 +121,14 @@ int parseAndRun(int argc, char** argv) {
         return reportProblem((option ? "no option named " : "no command named ") + unknown.front(),
                              kExitUsage);
     }
-    warnUnknownProfileKeys(app.get_option("--profile")->as<std::string>());
+    std::string profile = app.get_option("--profile")->as<std::string>();
+    warnUnknownProfileKeys(profile);
     if (inv.destination.target.find('/') != std::string::npos || inv.destination.target.empty()) {
         return reportProblem("--target " + inv.destination.target +
                                  ": a target id names one folder of the container (no \"/\")",
                              kExitUsage);
     }
+    if (authorize->parsed()) return runAuthorize(inv.destination, profile, inv.authorizeSeconds);
     if (!inv.command && !help->parsed()) {
         return reportProblem("a command is needed; see gdrive_host --help", kExitUsage);
     }

@@ -153,7 +153,8 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
         state.stopped.wait_for(guard, std::chrono::milliseconds(rule->delayMs),
                                [&state] { return state.stopping; });
     }
-    if (req.path == "/token") return httplib::Server::HandlerResponse::Unhandled;
+    if (req.path == "/token" || req.path == "/auth")
+        return httplib::Server::HandlerResponse::Unhandled;
     std::string auth = req.get_header_value("Authorization");
     std::string token = auth.rfind("Bearer ", 0) == 0 ? auth.substr(7) : "";
     auto found = state.tokens.find(token);
@@ -165,11 +166,54 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     return httplib::Server::HandlerResponse::Unhandled;
 }
 
+// base64url without padding of the SHA-256 of `verifier`: PKCE's S256.
+std::string s256(std::string const& verifier) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_Digest(verifier.data(), verifier.size(), digest, &length, EVP_sha256(), nullptr);
+    std::string text(4 * ((length + 2) / 3) + 1, '\0');
+    text.resize(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]), digest, int(length)));
+    for (char& c : text) c = c == '+' ? '-' : c == '/' ? '_' : c;
+    return text.substr(0, text.find('='));
+}
+
+void consent(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
+    auto param = [&req](char const* name) { return req.get_param_value(name); };
+    std::string redirect = param("redirect_uri");
+    if (param("response_type") != "code" || param("client_id").empty() ||
+        redirect.rfind("http://127.0.0.1:", 0) != 0 ||
+        param("scope") != "https://www.googleapis.com/auth/drive" ||
+        param("access_type") != "offline" || param("code_challenge_method") != "S256" ||
+        param("code_challenge").empty() || param("state").empty()) {
+        sendError(res, 400, "invalid_request", "Required parameter is missing or wrong");
+        return;
+    }
+    std::lock_guard<std::mutex> guard(state.lock);
+    std::string code = "4/0fake-" + DriveEmulator::randomToken(24);
+    state.codes[code] = AuthCode{param("code_challenge"), redirect};
+    res.set_redirect(redirect + "?state=" + httplib::detail::encode_query_param(param("state")) +
+                     "&code=" + httplib::detail::encode_query_param(code));
+}
+
+// True when the request's grant is good: the refresh token, or an unused
+// authorization code with its verifier and redirect_uri.
+bool granted(FakeDrive::State& state, httplib::Request const& req) {
+    std::string grant = req.get_param_value("grant_type");
+    if (grant == "refresh_token")
+        return !state.revoked && req.get_param_value("refresh_token") == state.refreshToken;
+    if (grant != "authorization_code") return false;
+    auto found = state.codes.find(req.get_param_value("code"));
+    if (found == state.codes.end()) return false;
+    AuthCode code = found->second;
+    state.codes.erase(found);  // one use, whatever the outcome
+    return code.redirectUri == req.get_param_value("redirect_uri") &&
+           code.challenge == s256(req.get_param_value("code_verifier"));
+}
+
 void token(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
     std::lock_guard<std::mutex> guard(state.lock);
-    if (req.get_param_value("grant_type") != "refresh_token" || state.revoked ||
-        req.get_param_value("refresh_token") != state.refreshToken) {
-        Json::Value answer(Json::objectValue);
+    Json::Value answer(Json::objectValue);
+    if (!granted(state, req)) {
         answer["error"] = "invalid_grant";
         answer["error_description"] = "Token has been expired or revoked.";
         sendJson(res, answer, 400);
@@ -178,10 +222,11 @@ void token(FakeDrive::State& state, httplib::Request const& req, httplib::Respon
     std::string token = "ya29.fake-" + DriveEmulator::randomToken(24);
     state.tokens[token] = std::chrono::steady_clock::now() + std::chrono::seconds(state.tokenLife);
     ++state.counters.tokenGrants;
-    Json::Value answer(Json::objectValue);
     answer["access_token"] = token;
     answer["expires_in"] = state.tokenLife;
     answer["token_type"] = "Bearer";
+    if (req.get_param_value("grant_type") == "authorization_code")
+        answer["refresh_token"] = state.refreshToken;
     sendJson(res, answer);
 }
 
@@ -300,6 +345,9 @@ FakeDrive::FakeDrive(std::string const& dataFolder, std::string const& certFile,
         [&s](httplib::Request const& req, httplib::Response& res) { return gate(s, req, res); });
     s.server->Post("/token", [&s](httplib::Request const& req, httplib::Response& res) {
         token(s, req, res);
+    });
+    s.server->Get("/auth", [&s](httplib::Request const& req, httplib::Response& res) {
+        consent(s, req, res);
     });
     addMetadataRoutes(s);
     addTransferRoutes(s);

@@ -1,4 +1,4 @@
-// A REST-level fake of the Drive API v3 and Google's OAuth token endpoint on
+// A REST-level fake of the Drive API v3 and Google's OAuth endpoints on
 // a loopback port, for the drive agent's tests: files.get/list/create/delete,
 // generateIds, about, resumable uploads, alt=media with Range, Drive's error
 // bodies, and injected faults. The account lives in an emulator data folder
@@ -51,7 +51,10 @@ class FakeDrive {
     // "http://127.0.0.1:PORT" (https with TLS)
     std::string url() const;
 
-    // The refresh token the token endpoint accepts (decoded form).
+    // The refresh token the token endpoint accepts (decoded form), and hands
+    // out for an authorization code. The consent page (GET /auth) grants every
+    // complete request for offline Drive access with an S256 challenge by
+    // redirecting to its redirect_uri with a one-time code.
     void setRefreshToken(std::string const& token);
     // Lifetime in seconds of the access tokens handed out from now on.
     void setTokenLife(int seconds);

@@ -32,6 +32,12 @@ struct UploadSession {
     Json::Value finished;             // the file resource once complete
 };
 
+// An authorization code handed out by the consent route, until exchanged.
+struct AuthCode {
+    std::string challenge;    // S256 of the verifier that must come with it
+    std::string redirectUri;  // the exchange must name the same one
+};
+
 struct FakeDrive::State {
     State(std::string const& folder, std::string const& cert, std::string const& key)
         : store(folder),
@@ -50,6 +56,7 @@ struct FakeDrive::State {
     int tokenLife = 3600;
     bool revoked = false;
     std::map<std::string, std::chrono::steady_clock::time_point> tokens;  // token -> expiry
+    std::map<std::string, AuthCode> codes;
     std::vector<FailRule> failures;
     int expireSessions = 0;
     bool corruptNext = false;
