@@ -1,6 +1,6 @@
 #include "authorize.h"
 
-#include <json/reader.h>
+#include <json/value.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "agent_config.h"
+#include "backup/json_text.h"
 #include "drive_control.h"
 #include "failure.h"
 #include "http.h"
@@ -54,15 +55,6 @@ std::string page(char const* message) {
            message + "</p></body></html>\n";
 }
 
-Json::Value parseJson(std::string const& body) {
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    reader->parse(body.data(), body.data() + body.size(), &value, &errors);
-    return value;
-}
-
 int fail(std::string const& reason, int exitCode) {
     return reportProblem("authorize: " + reason + "; nothing stored", exitCode);
 }
@@ -89,7 +81,9 @@ Exchange exchangeCode(DriveAgent::Http& http, DriveAgent::AgentConfig const& con
     DriveAgent::HttpResponse response = http.perform(request);
     if (response.transportFailed())
         return {"", "cannot reach the token endpoint: " + response.error, kExitTemporary};
-    Json::Value body = parseJson(response.body);
+    // Anything but a JSON object reads as an empty answer.
+    Json::Value body;
+    if (!TAVO::JsonText::fromString(response.body, body)) body = Json::Value();
     if (response.status != 200) {
         std::string reason = body.isObject() && body["error"].isString()
                                  ? body["error"].asString()
