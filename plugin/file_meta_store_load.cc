@@ -96,7 +96,7 @@ class FileMetaStore::BulkLoader {
         for (size_t i = 0; i < _pending.size(); ++i) {
             Pending const& entry = _pending[i];
             if (i + 1 < _pending.size() && samePlacement(entry, _pending[i + 1])) continue;
-            index.push_back({entry.parent, entry.name, store._records[entry.order].id});
+            index.push_back({entry.parent, entry.name, entry.id});
         }
         store._live_entries = index.size();
         store.indexParents();
@@ -104,12 +104,24 @@ class FileMetaStore::BulkLoader {
     }
 
   private:
-    // An index entry to be, with the order of its record in the file.
+    // An index entry to be, with the order of its record in the file. It
+    // carries the record's id, so that building the index reads no record;
+    // its default constructor leaves it unset, so that a buffer of them is
+    // not written twice.
     struct Pending {
+        Pending() {}
+        Pending(uint64_t namePrefix, uint32_t parentNumber, TextRef nameText, uint32_t fileOrder,
+                TextRef idText)
+            : name_prefix(namePrefix),
+              parent(parentNumber),
+              name(nameText),
+              order(fileOrder),
+              id(idText) {}
         uint64_t name_prefix;
         uint32_t parent;
         TextRef name;
-        uint32_t order;  // of its record, which holds the id
+        uint32_t order;
+        TextRef id;
     };
 
     // Orders the pending entries by parent number with one counting pass,
@@ -145,10 +157,10 @@ class FileMetaStore::BulkLoader {
         uint64_t prefix = internal::orderPrefix(line.name);
         // A record without parents is indexed under the empty parent id.
         if (line.parents.empty())
-            _pending.push_back({prefix, _store._parents.intern(std::string_view(), _store._text),
-                                record.name, order});
+            _pending.emplace_back(prefix, _store._parents.intern(std::string_view(), _store._text),
+                                  record.name, order, record.id);
         _store.forEachParent(record, [&](uint32_t parent) {
-            _pending.push_back({prefix, parent, record.name, order});
+            _pending.emplace_back(prefix, parent, record.name, order, record.id);
         });
         _store._dirty = true;
     }
