@@ -7,10 +7,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "agent_failure.h"
-#include "md5_hex.h"
+#include "background_digest.h"
 #include "protocol_out.h"
 
 namespace DriveAgent {
@@ -23,10 +22,10 @@ constexpr int kStalledAttempts = 6;
     throw AgentFailure(kLocalFailure, "cannot write " + path + ": " + std::strerror(errno));
 }
 
-// The output file with what was written so far and its running MD5.
+// The output file with what was written so far and its running digest.
 class Output {
   public:
-    Output(std::string const& path) : _path(path), _ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
+    Output(std::string const& path, EVP_MD const* md) : _path(path), _digest(md) {
         _fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
         if (_fd < 0) localFailure(path);
         restart();
@@ -39,7 +38,7 @@ class Output {
         struct stat st;
         if (::fstat(_fd, &st) != 0 || (st.st_size > 0 && ::ftruncate(_fd, 0) != 0))
             localFailure(_path);
-        EVP_DigestInit_ex(_ctx.get(), EVP_md5(), nullptr);
+        _digest.reset();
         _written = 0;
     }
     bool append(char const* data, size_t n) {
@@ -53,13 +52,13 @@ class Output {
             }
             done += static_cast<size_t>(w);
         }
-        EVP_DigestUpdate(_ctx.get(), data, n);
+        _digest.add(data, n);
         _written += static_cast<std::int64_t>(n);
         return true;
     }
     std::int64_t written() const { return _written; }
     int writeErrno() const { return _write_errno; }
-    std::string md5() { return finishHexDigest(_ctx.get()); }
+    std::string hexDigest() { return _digest.hexDigest(); }
     void close() {
         if (::close(_fd) != 0) {
             _fd = -1;
@@ -71,7 +70,7 @@ class Output {
   private:
     std::string _path;
     int _fd = -1;
-    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> _ctx;
+    BackgroundDigest _digest;
     std::int64_t _written = 0;
     int _write_errno = 0;
 };
@@ -88,13 +87,23 @@ std::int64_t rangeStart(HttpResponse const& response) {
 Json::Value downloadContent(DriveApi& api, std::string const& id, std::string const& outputPath,
                             int out) {
     std::string const path = "files/" + api.http().escape(id);
-    Json::Value file = api.call(api.api(
-        "GET", path, "fields=" + api.http().escape(kFileFields) + "&supportsAllDrives=true"));
+    // SHA-256 when the service has it: it hashes more than twice as fast as MD5
+    // where the CPU has SHA instructions. Files stored long ago may only have
+    // an MD5.
+    std::string const fields = std::string(kFileFields) + ",sha256Checksum";
+    Json::Value file = api.call(
+        api.api("GET", path, "fields=" + api.http().escape(fields) + "&supportsAllDrives=true"));
     if (file.get("mimeType", "").asString() == "application/vnd.google-apps.folder") {
         throw AgentFailure(403, "Only files with binary content can be downloaded.");
     }
     std::int64_t const size = std::atoll(file.get("size", "0").asString().c_str());
-    Output output(outputPath);
+    std::string expected = file.get("sha256Checksum", "").asString();
+    EVP_MD const* md = EVP_sha256();
+    if (expected.empty()) {
+        expected = file.get("md5Checksum", "").asString();
+        md = EVP_md5();
+    }
+    Output output(outputPath, md);
     ProgressLines progress(out, size);
     int stalled = 0;
     while (output.written() < size) {
@@ -134,9 +143,9 @@ Json::Value downloadContent(DriveApi& api, std::string const& id, std::string co
     }
     output.close();
     progress.finish();
-    std::string expected = file.get("md5Checksum", "").asString();
-    if (!expected.empty() && output.md5() != expected) {
-        throw AgentFailure(kIntegrityFailure, "the downloaded bytes do not match the file's MD5");
+    if (!expected.empty() && output.hexDigest() != expected) {
+        throw AgentFailure(kIntegrityFailure,
+                           "the downloaded bytes do not match the file's checksum");
     }
     Json::Value done(Json::objectValue);
     done["success"] = true;

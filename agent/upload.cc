@@ -10,8 +10,8 @@
 #include <memory>
 
 #include "agent_failure.h"
+#include "background_digest.h"
 #include "drive_errors.h"
-#include "md5_hex.h"
 
 namespace DriveAgent {
 
@@ -24,23 +24,22 @@ constexpr std::int64_t kChunk = 32 << 20;
 constexpr int kStalledAttempts = 6;
 constexpr int kSessionRestarts = 3;
 
+// The MD5 of the bytes read for the upload, hashed on a thread of its own.
 class Md5 {
   public:
-    Md5() : _ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
-        EVP_DigestInit_ex(_ctx.get(), EVP_md5(), nullptr);
-    }
+    Md5() : _digest(EVP_md5()) {}
     // Hashes the part of [offset, offset + n) not hashed yet; bytes re-read
     // for a resume are skipped, and reads never leave a gap.
     void add(char const* data, size_t n, std::int64_t offset) {
         std::int64_t end = offset + static_cast<std::int64_t>(n);
         if (end <= _done || offset > _done) return;
-        EVP_DigestUpdate(_ctx.get(), data + (_done - offset), static_cast<size_t>(end - _done));
+        _digest.add(data + (_done - offset), static_cast<size_t>(end - _done));
         _done = end;
     }
-    std::string hex() { return finishHexDigest(_ctx.get()); }
+    std::string hex() { return _digest.hexDigest(); }
 
   private:
-    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> _ctx;
+    BackgroundDigest _digest;
     std::int64_t _done = 0;
 };
 

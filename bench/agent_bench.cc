@@ -8,6 +8,7 @@
 // (rss_growth_MiB: its peak minus its size before the first transfer).
 // Files live under $TMPDIR (default /tmp).
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -123,6 +124,9 @@ void BM_AgentUpload(benchmark::State& state) {
     std::int64_t before = statusKiB(agent->pid(), "VmRSS:");
     std::string root = setup().drive->rootId();
     for (auto _ : state) {
+        state.PauseTiming();
+        ::sync();  // no writeback of an earlier run's bytes in this one's time
+        state.ResumeTiming();
         std::string answer =
             transfer(*agent, "{\"fn\":\"uploadFile\",\"name\":\"big\",\"parentId\":\"" + root +
                                  "\",\"inputPath\":\"" + setup().input + "\"}");
@@ -147,6 +151,7 @@ void BM_CurlUploadReference(benchmark::State& state) {
                 "/upload/drive/v3/files?uploadType=resumable'");
         size_t at = headers.find("Location: ") + 10;
         std::string session = headers.substr(at, headers.find('\r', at) - at);
+        ::sync();
         state.ResumeTiming();
         run("curl -s -o /dev/null -T " + setup().input + " -H 'Authorization: Bearer " + token +
             "' -H 'Content-Range: bytes 0-" + std::to_string(kBytes - 1) + "/" +

@@ -64,7 +64,7 @@ void sendModelError(httplib::Response& res, Error const& error) {
     }
 }
 
-Json::Value fileResource(Object const& object) {
+Json::Value fileResource(Object const& object, std::string const& sha256) {
     Json::Value file(Json::objectValue);
     file["kind"] = "drive#file";
     file["id"] = object.id;
@@ -77,6 +77,7 @@ Json::Value fileResource(Object const& object) {
     if (!object.isDir) {
         file["size"] = std::to_string(object.size);
         file["md5Checksum"] = object.md5;
+        if (!sha256.empty()) file["sha256Checksum"] = sha256;
     }
     char when[32];
     std::time_t t = object.mtime;
@@ -241,20 +242,23 @@ void addMetadataRoutes(FakeDrive::State& state) {
             for (int i = 0; i < count; ++i) answer["ids"].append(DriveEmulator::newObjectId());
             sendJson(res, answer);
         });
-    s.server->Get(R"(/drive/v3/files/([^/]+))",
-                  [&s](httplib::Request const& req, httplib::Response& res) {
-                      if (req.get_param_value("alt") == "media") {
-                          serveMedia(s, req, res);
-                          return;
-                      }
-                      std::lock_guard<std::mutex> guard(s.lock);
-                      try {
-                          ReadTransaction read(s.store.db());
-                          sendJson(res, fileResource(s.store.get(req.matches[1]).object));
-                      } catch (Error const& e) {
-                          sendModelError(res, e);
-                      }
-                  });
+    s.server->Get(
+        R"(/drive/v3/files/([^/]+))", [&s](httplib::Request const& req, httplib::Response& res) {
+            if (req.get_param_value("alt") == "media") {
+                serveMedia(s, req, res);
+                return;
+            }
+            std::lock_guard<std::mutex> guard(s.lock);
+            try {
+                ReadTransaction read(s.store.db());
+                Object object = s.store.get(req.matches[1]).object;
+                auto sha256 = s.sha256ByMd5.find(object.md5);
+                sendJson(res,
+                         fileResource(object, sha256 == s.sha256ByMd5.end() ? "" : sha256->second));
+            } catch (Error const& e) {
+                sendModelError(res, e);
+            }
+        });
     s.server->Get("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
         std::lock_guard<std::mutex> guard(s.lock);
         try {
@@ -409,6 +413,14 @@ void FakeDrive::lagNextCreation(int listings) {
 void FakeDrive::limitMediaAnswers(std::int64_t bytes) {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->mediaLimit = bytes;
+}
+void FakeDrive::ignoreNextRanges(int count) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->ignoreRanges = count;
+}
+void FakeDrive::corruptNextDownload() {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->corruptMedia = true;
 }
 Counters& FakeDrive::counters() { return _state->counters; }
 

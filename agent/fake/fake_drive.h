@@ -72,6 +72,11 @@ class FakeDrive {
     void lagNextCreation(int listings);
     // alt=media answers carry at most this many bytes (0: no limit).
     void limitMediaAnswers(std::int64_t bytes);
+    // The next `count` alt=media requests are answered whole (200), whatever
+    // Range they ask for.
+    void ignoreNextRanges(int count);
+    // The next alt=media answer carries one byte other than the file's.
+    void corruptNextDownload();
 
     Counters& counters();
 

@@ -28,8 +28,9 @@ struct UploadSession {
     std::int64_t size = 0;
     std::int64_t received = 0;
     std::unique_ptr<DriveEmulator::PendingBlob> blob;
-    std::shared_ptr<EVP_MD_CTX> md5;  // of the bytes received so far
-    Json::Value finished;             // the file resource once complete
+    std::shared_ptr<EVP_MD_CTX> md5;     // of the bytes received so far
+    std::shared_ptr<EVP_MD_CTX> sha256;  // the same
+    Json::Value finished;                // the file resource once complete
 };
 
 // An authorization code handed out by the consent route, until exchanged.
@@ -61,6 +62,11 @@ struct FakeDrive::State {
     int expireSessions = 0;
     bool corruptNext = false;
     std::int64_t mediaLimit = 0;
+    int ignoreRanges = 0;       // media requests still to answer whole
+    bool corruptMedia = false;  // the next media answer has a byte changed
+    // SHA-256 of the contents uploaded through the fake, by their MD5 (stored
+    // otherwise, a file has only its MD5, as Drive's oldest files).
+    std::map<std::string, std::string> sha256ByMd5;
     int lagNext = 0;  // listings the next created object misses
     bool stopping = false;
     std::condition_variable stopped;  // wakes delayed requests when the fake goes
@@ -74,7 +80,7 @@ void sendError(httplib::Response& res, int status, std::string const& reason,
 // The model's refusal as Drive words it.
 void sendModelError(httplib::Response& res, DriveEmulator::Error const& error);
 // Drive's file resource of `object`.
-Json::Value fileResource(DriveEmulator::Object const& object);
+Json::Value fileResource(DriveEmulator::Object const& object, std::string const& sha256 = "");
 void sendJson(httplib::Response& res, Json::Value const& value, int status = 200);
 
 // Content routes: resumable uploads.

@@ -68,6 +68,8 @@ void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Res
     std::string sid = DriveEmulator::randomToken(40);
     session.md5.reset(EVP_MD_CTX_new(), EVP_MD_CTX_free);
     EVP_DigestInit_ex(session.md5.get(), EVP_md5(), nullptr);
+    session.sha256.reset(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    EVP_DigestInit_ex(session.sha256.get(), EVP_sha256(), nullptr);
     s.sessions[sid] = std::move(session);
     ++s.counters.sessions;
     std::string path =
@@ -84,10 +86,13 @@ void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Res
 void finish(FakeDrive::State& s, UploadSession& session, httplib::Response& res) {
     DriveEmulator::NewContent content{"", 0, DriveEmulator::kEmptyMd5};
     std::string md5 = hexDigest(session.md5.get());
+    std::string sha256 = hexDigest(session.sha256.get());
     if (s.corruptNext) {
         // Bytes damaged on the service's side: the checksum no longer matches.
         s.corruptNext = false;
         md5 = DriveEmulator::md5Hex(md5);
+    } else if (session.size > 0) {
+        s.sha256ByMd5[md5] = sha256;
     }
     if (session.size > 0) {
         content = DriveEmulator::NewContent{session.blob->name(), session.size, md5};
@@ -156,6 +161,7 @@ void receiveChunk(FakeDrive::State& s, httplib::Request const& req, httplib::Res
                     return false;
                 }
                 EVP_DigestUpdate(session.md5.get(), data + skip, fresh);
+                EVP_DigestUpdate(session.sha256.get(), data + skip, fresh);
                 session.received = end;
             }
             position = end;
@@ -201,6 +207,7 @@ void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Respo
     int fd = -1;
     std::int64_t size = 0;
     std::int64_t limit = 0;
+    bool corrupt = false;
     {
         std::lock_guard<std::mutex> guard(s.lock);
         try {
@@ -220,6 +227,12 @@ void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Respo
             return;
         }
         limit = s.mediaLimit;
+        if (s.ignoreRanges > 0) {
+            --s.ignoreRanges;
+            const_cast<httplib::Request&>(req).ranges.clear();
+        }
+        corrupt = s.corruptMedia;
+        s.corruptMedia = false;
     }
     std::int64_t first = 0;
     std::int64_t last = size - 1;
@@ -249,11 +262,12 @@ void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Respo
     }
     res.set_content_provider(
         static_cast<size_t>(length), "application/octet-stream",
-        [fd, first](size_t offset, size_t want, httplib::DataSink& sink) {
+        [fd, first, corrupt](size_t offset, size_t want, httplib::DataSink& sink) {
             char buffer[1 << 16];
             ssize_t n = ::pread(fd, buffer, std::min(want, sizeof buffer),
                                 static_cast<off_t>(first + static_cast<std::int64_t>(offset)));
             if (n <= 0) return false;
+            if (corrupt && offset == 0) buffer[0] = static_cast<char>(~buffer[0]);
             return sink.write(buffer, static_cast<size_t>(n));
         },
         [fd](bool) { ::close(fd); });

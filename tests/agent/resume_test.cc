@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "agent_fixture.h"
+#include "background_digest.h"
 #include "backup/error.h"
 #include "googledrive_error.h"
 #include "http.h"
@@ -21,7 +22,7 @@ class Transfers : public ::testing::Test, public AgentOnFake {};
 
 }  // namespace
 
-TEST_F(Transfers, ExpiredSessionStartsAgainAndShortRangesAreFollowedUp) {
+TEST_F(Transfers, ExpiredSessionStartsAgainAndShortOrIgnoredRangesAreFollowedUp) {
     std::string input = scratch + "/in";
     writePattern(input, 40 * MiB);
     auto agent = start();
@@ -32,6 +33,9 @@ TEST_F(Transfers, ExpiredSessionStartsAgainAndShortRangesAreFollowedUp) {
     EXPECT_EQ(fileMd5(input), drive->stat(up["id"].asString()).md5);
 
     fake->limitMediaAnswers(3 * MiB);
+    // The second answer starts at the beginning again: the file and its hash
+    // must start over with it.
+    fake->ignoreNextRanges(2);
     Json::Value down = agent
                            ->transfer(req({{"fn", "downloadFile"},
                                            {"id", up["id"].asString()},
@@ -39,6 +43,15 @@ TEST_F(Transfers, ExpiredSessionStartsAgainAndShortRangesAreFollowedUp) {
                            .back();
     ASSERT_TRUE(down["success"].asBool()) << down;
     EXPECT_EQ(fileMd5(input), fileMd5(scratch + "/out"));
+}
+
+TEST(BackgroundDigest, StartsOverWhateverItWasStillHashing) {
+    DriveAgent::BackgroundDigest digest(EVP_md5());
+    std::string const bulk(3 * MiB, 'x');  // still being hashed when reset comes
+    digest.add(bulk.data(), bulk.size());
+    digest.reset();
+    digest.add("abc", 3);
+    EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", digest.hexDigest());
 }
 
 TEST(Tokens, RenewedBeforeExpiryAndOnceAfterARefusal) {
@@ -109,6 +122,34 @@ TEST(ServiceFailures, UploadStoredWrongIsRetryableAndLeavesNoObject) {
         agent->transfer(EmulatorTest::upload("root", onFake.scratch + "/in")).back();
     EXPECT_EQ(-4, answer["error_code"].asInt()) << answer;
     EXPECT_TRUE(onFake.drive->children(onFake.drive->rootId()).empty());
+}
+
+TEST(ServiceFailures, DownloadOfOtherBytesIsRefusedWhicheverChecksumTheFileHas) {
+    AgentOnFake onFake;
+    auto agent = onFake.start();
+    std::string input = onFake.scratch + "/in";
+    writePattern(input, 3 * MiB);
+    std::string uploaded =
+        agent->transfer(EmulatorTest::upload(onFake.drive->rootId(), input, "new"))
+            .back()["id"]
+            .asString();
+    // Stored without the service's help: only an MD5, as the oldest files.
+    std::string stored = onFake.drive->put(onFake.drive->rootId(), "old", readFile(input));
+    for (std::string const& id : {uploaded, stored}) {
+        SCOPED_TRACE(id == uploaded ? "SHA-256" : "MD5 only");
+        auto download = [&] {
+            return agent
+                ->transfer(req(
+                    {{"fn", "downloadFile"}, {"id", id}, {"outputPath", onFake.scratch + "/out"}}))
+                .back();
+        };
+        onFake.fake->corruptNextDownload();
+        Json::Value damaged = download();
+        EXPECT_EQ(-4, damaged["error_code"].asInt()) << damaged;
+        Json::Value intact = download();
+        ASSERT_TRUE(intact["success"].asBool()) << intact;
+        EXPECT_EQ(fileMd5(input), fileMd5(onFake.scratch + "/out"));
+    }
 }
 
 TEST(Tls, VerifiedAlwaysAndATestCaOnlyForLoopback) {
