@@ -86,4 +86,12 @@ bool writeCacheLines(std::string const& path, std::map<std::string, std::string>
     return true;
 }
 
+bool cacheMayKnowName(std::string const& path, std::string const& name) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    std::string const needle = "\"n\":" + Json::valueToQuotedString(name.c_str());
+    std::string const text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return text.find(needle) != std::string::npos;
+}
+
 }  // namespace gdhost

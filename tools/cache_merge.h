@@ -13,6 +13,11 @@ namespace gdhost {
 // not parse or name no id are left out; a missing file gives an empty map.
 std::map<std::string, std::string> readCacheLines(std::string const& path);
 
+// Whether the node cache file at `path` may know an object named `name`: a
+// plain search for the name as a record's, no parsing. False when the file
+// cannot be read.
+bool cacheMayKnowName(std::string const& path, std::string const& name);
+
 // Three-way merge by object id: starts from `base`, what the workers started
 // from, then takes every record a worker added or changed and drops every
 // record a worker dropped (it proved the object gone or moved). A worker

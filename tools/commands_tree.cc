@@ -79,7 +79,7 @@ struct CopyPlan {
 };
 
 CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap const& remote,
-                  RunReport& report) {
+                  RunReport& report, LocalHashes const* hashes) {
     CopyPlan plan;
     std::set<std::string> local;
     for (auto const& entry : tree.entries) {
@@ -92,8 +92,8 @@ CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap 
         }
         if (entry.isFolder) {
             if (!present) plan.folders.push_back(entry.rpath);
-        } else if (present &&
-                   sameContent(localTop + "/" + entry.rpath, entry.size, found->second)) {
+        } else if (present && sameContent(localTop + "/" + entry.rpath, entry.size, found->second,
+                                          hashes ? hashes->md5(entry.rpath) : nullptr)) {
             FileOutcome unchanged;
             unchanged.kind = FileOutcome::kUnchanged;
             report.add(unchanged);
@@ -211,7 +211,19 @@ int copyTree(Session& s, bool deleting) {
     RemoteMap remote;
     std::unique_ptr<TreeWorkers> workers;
     if (transfersOf(s) > 1) workers.reset(new TreeWorkers(s));
-    if (workers ? !workers->list(remoteTop, true, remote)
+    std::vector<std::string> folders;
+    std::map<std::string, int64_t> sizes;
+    for (LocalEntry const& e : tree.entries) {
+        if (e.isFolder) {
+            folders.push_back(e.rpath);
+        } else {
+            sizes[e.rpath] = e.size;
+        }
+    }
+    // Workers list while this process hashes the local files the listing
+    // says may be unchanged.
+    LocalHashes hashes(localTop, std::move(sizes));
+    if (workers ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes)
                 : !remoteEntries(s.agent, remoteTop, true, remote)) {
         return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     }
@@ -224,7 +236,10 @@ int copyTree(Session& s, bool deleting) {
         report.add(skipped);
     }
     addUnreadable(tree, report);
-    CopyPlan plan = planCopy(localTop, tree, remote, report);
+    while (hashes.step()) {
+        // What the listing did not leave time for.
+    }
+    CopyPlan plan = planCopy(localTop, tree, remote, report, &hashes);
     // An unreadable folder must never look like an empty one.
     bool mayDelete = deleting && tree.unreadable.empty();
     if (deleting && !mayDelete && !plan.extras.empty()) {

@@ -59,9 +59,35 @@ bool TreeWorkers::ready() {
     return _started;
 }
 
+ListingWarmUp listingWarmUp(std::vector<std::string> const& folders) {
+    std::map<std::string, size_t> inside;  // folders in each folder ("" the top)
+    ListingWarmUp warm;
+    size_t most = 0;
+    for (std::string const& rpath : folders) {
+        size_t slash = rpath.rfind('/');
+        std::string const parent = slash == std::string::npos ? "" : rpath.substr(0, slash);
+        // Parents come first: the first of equals is the nearest the top.
+        if (++inside[parent] > most) {
+            most = inside[parent];
+            warm.folder = parent;
+        }
+    }
+    warm.workers = folders.size() + 1;
+    if (!folders.empty()) warm.probe = folders.front().substr(folders.front().rfind('/') + 1);
+    return warm;
+}
+
 bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
-                       std::map<std::string, FileInfo>& entries) {
+                       std::map<std::string, FileInfo>& entries, ListingWarmUp const& warmUp,
+                       LocalHashes* hashes) {
     std::deque<Json::Value> jobs{treeJob("list", top, "", true)};
+    if (warmUp.workers > 1) {
+        std::string const folder = joinPath(top, warmUp.folder);
+        // A top below the target is known by its own name; the target's own
+        // is always known.
+        std::string const probe = top.empty() ? warmUp.probe : top.substr(top.rfind('/') + 1);
+        _pool.warmUp(treeJob("list", folder, warmUp.folder, true), warmUp.workers, probe);
+    }
     int failure = ERR_NONE;
     bool topMissing = false;
     auto onResult = [&](Json::Value const& done, Json::Value const& result,
@@ -89,6 +115,7 @@ bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
             info.setChecksum(e["md5"].asString());
             std::string const rpath = joinPath(folder, name);
             entries[rpath] = info;
+            if (hashes && !info.isDirType()) hashes->listed(rpath, info.getSize());
             auto range = std::equal_range(names.begin(), names.end(), name);
             // A name shared in one folder cannot be named by a path.
             if (info.isDirType() && range.second - range.first == 1)
@@ -100,7 +127,9 @@ bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
         setError(ERR_GENERAL);
         return false;
     }
-    if (_pool.run(jobs, onResult, nullptr)) return true;
+    std::function<bool()> idle;
+    if (hashes) idle = [hashes] { return hashes->step(); };
+    if (_pool.run(jobs, onResult, nullptr, 1 << 20, idle)) return true;
     if (interrupted()) {
         setError(ERR_CANCELED);
     } else {

@@ -12,6 +12,7 @@
 
 #include "backup/file_info.h"
 #include "commands.h"
+#include "local_hashes.h"
 #include "progress_line.h"
 #include "run_report.h"
 #include "workers.h"
@@ -27,6 +28,21 @@ Json::Value treeJob(char const* op, std::string const& remote, std::string const
 // What a job's result means for the person: done, or failed and why.
 FileOutcome outcomeOf(Json::Value const& job, Json::Value const& result);
 
+// What a listing may expect of a remote tree, from the local tree it mirrors:
+// `workers` to start at once, each first listing `folder` (relative to the
+// top), the one with the most folders in it, which a listing fans out from;
+// only when the node cache knows an object named as the top (or, for the
+// target itself, as `probe`, the first folder), as for a tree copied before.
+struct ListingWarmUp {
+    std::string folder;
+    size_t workers = 0;
+    std::string probe;
+};
+
+// The warm-up for listing the remote counterpart of a local tree whose
+// folders (relative paths, parents first) are `folders`.
+ListingWarmUp listingWarmUp(std::vector<std::string> const& folders);
+
 // The listing of a remote tree and the changes a command makes before its
 // transfers, on one pool of transfersOf(s) workers whose node caches are
 // merged when it ends.
@@ -41,9 +57,13 @@ class TreeWorkers {
     // Every entry below `top` by its path relative to `top`, as
     // remoteEntries gives it, with the engine's error code set on failure;
     // each folder is listed by whichever worker is free, and folders whose
-    // name appears twice in their parent are not entered.
+    // name appears twice in their parent are not entered. With `warmUp`,
+    // its workers start at once and list its folder until they have work;
+    // `hashes` (may be null) hears of every file listed and hashes while the
+    // workers list.
     bool list(std::string const& top, bool missingIsEmpty,
-              std::map<std::string, TAVO::Backup::FileInfo>& entries);
+              std::map<std::string, TAVO::Backup::FileInfo>& entries,
+              ListingWarmUp const& warmUp = {}, LocalHashes* hashes = nullptr);
 
     // Runs `jobs` one after another on the first worker, which listed the
     // top, passing each outcome to `onOutcome` until it returns false. One

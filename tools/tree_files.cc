@@ -73,9 +73,10 @@ FileOutcome receiveTreeFile(TransferAgent& agent, std::string const& remote,
     return doneFile(shown);
 }
 
-bool sameContent(std::string const& local, int64_t size, FileInfo const& remote) {
+bool sameContent(std::string const& local, int64_t size, FileInfo const& remote,
+                 std::string const* localMd5) {
     return !remote.isDirType() && remote.getSize() == size &&
-           remote.getChecksum() == fileMd5(local);
+           remote.getChecksum() == (localMd5 ? *localMd5 : fileMd5(local));
 }
 
 }  // namespace gdhost

@@ -31,7 +31,8 @@ FileOutcome receiveTreeFile(TAVO::Backup::TransferAgent& agent, std::string cons
 
 // True when the local regular file `local` (of `size` bytes) holds what the
 // remote file `remote` holds: same size and MD5.
-bool sameContent(std::string const& local, int64_t size, TAVO::Backup::FileInfo const& remote);
+bool sameContent(std::string const& local, int64_t size, TAVO::Backup::FileInfo const& remote,
+                 std::string const* localMd5 = nullptr);
 
 // The mode of a new file under the umask the tool started with (0666 & ~umask).
 mode_t newFileMode();

@@ -251,6 +251,9 @@ bool WorkerPool::start(int count, std::string& error) {
     std::error_code failed;
     _baseFile = _folder + "/base.node";
     if (fs::exists(mainFile)) fs::copy_file(mainFile, _baseFile, failed);
+    // A tree the node cache has never seen is most likely new, and a warm-up
+    // would only start agents to find nothing.
+    if (_warmCount > 0 && !cacheMayKnowName(_baseFile, _warmProbe)) _warmCount = 0;
     acceptStopSignal();  // before any fork: a stop sent early must not kill a worker
     return true;
 }
@@ -314,8 +317,9 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         w.results = -1;
         close(w.jobs);
         w.jobs = -1;
-        if (w.busy) {
-            w.busy = false;
+        bool const owed = w.busy && !w.job["warm"].asBool();
+        w.busy = false;
+        if (owed) {
             Json::Value result(Json::objectValue);
             result["ok"] = false;
             result["code"] = interrupted() ? ERR_CANCELED : ERR_GENERAL;
@@ -340,6 +344,7 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         }
         if (!w.busy) continue;  // nothing asked: not an answer to anything
         w.busy = false;
+        if (w.job["warm"].asBool()) continue;  // only its effect on the worker counts
         if (progress && result["ok"].asBool() && result.isMember("bytes"))
             progress->fileDone(result["bytes"].asInt64());
         if (!onResult(w.job, result, jobs)) keepGoing = false;
@@ -348,7 +353,8 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
 }
 
 bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResult,
-                     ProgressLine* progress, int limit) {
+                     ProgressLine* progress, int limit, std::function<bool()> const& idleWork) {
+    bool idleLeft = static_cast<bool>(idleWork);
     size_t const most = static_cast<size_t>(std::max(1, std::min(limit, _count)));
     bool keepGoing = true;
     JobQueue queue;
@@ -371,10 +377,13 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
         for (size_t i = 0; i < _workers.size() && i < most; ++i)
             idle += !_workers[i].busy && _workers[i].jobs >= 0;
         while (handOut && queue.size() > idle && _workers.size() < most && spawn()) ++idle;
+        size_t const warmTo = std::min(most, _warmCount);  // 0 without a node cache
+        while (handOut && _workers.size() < warmTo && spawn()) {
+        }
         for (size_t i = 0; i < _workers.size() && i < most; ++i) {
             Worker& w = _workers[i];
-            if (!handOut || queue.empty()) break;
-            if (w.busy || w.jobs < 0) continue;
+            if (!handOut || (queue.empty() && _warmCount == 0)) break;
+            if (w.busy || w.jobs < 0 || (queue.empty() && w.hadJob)) continue;
             std::vector<std::string> elsewhere;
             bool anyBusy = false;
             for (size_t j = 0; j < _workers.size() && j < most; ++j) {
@@ -382,14 +391,21 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                 anyBusy = anyBusy || other.busy;
                 if (&other != &w && other.jobs >= 0) elsewhere.push_back(other.home);
             }
-            Json::Value job = queue.take(w.home, elsewhere, !anyBusy);
+            Json::Value job =
+                queue.empty() ? Json::Value() : queue.take(w.home, elsewhere, !anyBusy);
+            if (job.isNull() && !w.hadJob && _warmCount > 0) {
+                job = _warm;
+                job["warm"] = true;
+            }
             if (job.isNull()) continue;
+            w.hadJob = true;
             // A listing below a folder new to this worker: listing that folder
             // first confirms all its folders at once, where asking for each
             // would cost a request per job.
             std::string const group = job["group"].asString();
             bool const listing = job["op"].asString() == "list";
-            if (listing && !w.listed.count(group) && _listed.count(group)) {
+            if (listing && !w.listed.count(group) && _listed.count(group) &&
+                group != job["remote"].asString()) {  // the top's own group is itself
                 job["first"] = group;
                 w.listed.insert(group);
             }
@@ -397,11 +413,11 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                 w.listed.insert(job["remote"].asString());
                 _listed.insert(job["remote"].asString());
             }
-            w.home = group;
+            w.home = job["warm"].asBool() ? job["remote"].asString() : group;
             w.job = std::move(job);
             w.busy = true;
             if (!writeAll(w.jobs, lineOf(w.job))) {
-                queue.putBack(w.job);
+                if (!w.job["warm"].asBool()) queue.putBack(w.job);
                 w.busy = false;
                 close(w.jobs);
                 w.jobs = -1;
@@ -422,8 +438,9 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             if (!handOut || (queue.empty() && jobs.empty()) || !anyAlive) break;
             continue;
         }
-        int ready = poll(fds.data(), fds.size(), 100);
+        int ready = poll(fds.data(), fds.size(), idleLeft ? 0 : 100);
         if (ready < 0 && errno != EINTR) break;
+        if (ready == 0 && idleLeft) idleLeft = idleWork();
         for (size_t i = 0; ready > 0 && i < fds.size(); ++i) {
             if (fds[i].revents) readResults(*polled[i], jobs, onResult, progress, keepGoing);
         }

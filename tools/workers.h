@@ -59,10 +59,25 @@ class WorkerPool {
     // and every worker is idle, passing each result to `onResult` and the
     // bytes of running transfers to `progress` (may be null). After an
     // interrupt no further job is handed out and the workers are asked to
-    // cancel. False when `onResult` stopped it, an interrupt came, or no
-    // worker was left to take the jobs.
+    // cancel. While it waits for results it calls `idleWork` (if given), which
+    // does a short piece of other work and says whether more is left. False
+    // when `onResult` stopped it, an interrupt came, or no worker was left to
+    // take the jobs.
     bool run(std::deque<Json::Value>& jobs, ResultHandler const& onResult, ProgressLine* progress,
-             int limit = 1 << 20);
+             int limit = 1 << 20, std::function<bool()> const& idleWork = nullptr);
+
+    // Starts up to `count` workers as soon as run() begins, each of which,
+    // until a job is there for it, runs `job`: the listing of a folder the
+    // work is expected to spread out from, so that their drive agents start
+    // and confirm their way there while the first listings run, not after
+    // them. Its results are dropped; the worker counts as in that folder.
+    // Call before start(), which drops the warm-up unless the node cache
+    // knows an object named `probe` (a folder of the tree, say).
+    void warmUp(Json::Value job, size_t count, std::string probe) {
+        _warm = std::move(job);
+        _warmCount = count;
+        _warmProbe = std::move(probe);
+    }
 
     // How many workers were started.
     size_t started() const { return _workers.size(); }
@@ -81,6 +96,7 @@ class WorkerPool {
         ino_t copiedInode = 0;  // its cache file's as copied, 0 if none
         std::string received;   // a partial result line
         bool busy = false;
+        bool hadJob = false;  // any, a warm-up included
         Json::Value job;
         std::string home = "//";       // the folder its last job worked in (none yet)
         std::set<std::string> listed;  // the folders it listed
@@ -98,6 +114,9 @@ class WorkerPool {
     int _count = 1;
     bool _stopSent = false;
     std::set<std::string> _listed;  // the folders any worker listed
+    Json::Value _warm;              // see warmUp
+    size_t _warmCount = 0;
+    std::string _warmProbe;
 };
 
 // The number of workers a command asked for (--transfers), at least 1.
