@@ -216,12 +216,13 @@ int copyTree(Session& s, bool deleting) {
     for (LocalEntry const& e : tree.entries) {
         if (e.isFolder) {
             folders.push_back(e.rpath);
-        } else {
+        } else if (workers) {
             sizes[e.rpath] = e.size;
         }
     }
     // Workers list while this process hashes the local files the listing
-    // says may be unchanged.
+    // says may be unchanged (one agent lists in this process: nothing to
+    // overlap).
     LocalHashes hashes(localTop, std::move(sizes));
     if (workers ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes)
                 : !remoteEntries(s.agent, remoteTop, true, remote)) {

@@ -377,7 +377,7 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
         for (size_t i = 0; i < _workers.size() && i < most; ++i)
             idle += !_workers[i].busy && _workers[i].jobs >= 0;
         while (handOut && queue.size() > idle && _workers.size() < most && spawn()) ++idle;
-        size_t const warmTo = std::min(most, _warmCount);  // 0 without a node cache
+        size_t const warmTo = std::min(most, _warmCount);  // 0 for a tree the cache never saw
         while (handOut && _workers.size() < warmTo && spawn()) {
         }
         for (size_t i = 0; i < _workers.size() && i < most; ++i) {
