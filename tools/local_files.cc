@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "failure.h"
+#include "md5_hex.h"
 
 namespace gdhost {
 
@@ -60,16 +61,7 @@ std::string fileMd5(std::string const& path) {
         if (in.gcount() > 0) EVP_DigestUpdate(ctx.get(), buffer.data(), in.gcount());
     }
     if (in.bad()) return "";
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_DigestFinal_ex(ctx.get(), digest, &length);
-    static char const kHex[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i) {
-        hex += kHex[digest[i] >> 4];
-        hex += kHex[digest[i] & 15];
-    }
-    return hex;
+    return DriveAgent::finishHexDigest(ctx.get());
 }
 
 namespace {
