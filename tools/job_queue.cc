@@ -21,6 +21,27 @@ void JobQueue::putBack(Json::Value job) {
     _ungrouped.push_front(std::move(job));
 }
 
+Json::Value JobQueue::takeLike(Json::Value const& like) {
+    auto same = [&](Json::Value const& job) {
+        return job["op"] == like["op"] && job["remote"] == like["remote"];
+    };
+    auto takeOut = [&](std::deque<Json::Value>& jobs) {
+        auto found = std::find_if(jobs.begin(), jobs.end(), same);
+        if (found == jobs.end()) return Json::Value();
+        Json::Value job = std::move(*found);
+        jobs.erase(found);
+        --_size;
+        return job;
+    };
+    Json::Value job = takeOut(_ungrouped);
+    auto group = like["group"].isString() ? _groups.find(like["group"].asString()) : _groups.end();
+    if (job.isNull() && group != _groups.end()) {
+        job = takeOut(group->second);
+        if (group->second.empty()) _groups.erase(group);
+    }
+    return job;
+}
+
 Json::Value JobQueue::takeFrom(std::string const& group) {
     auto found = _groups.find(group);
     Json::Value job = std::move(found->second.front());

@@ -21,6 +21,9 @@ class JobQueue {
     void add(Json::Value job);
     // Queues `job` to be handed out before any other.
     void putBack(Json::Value job);
+    // Takes out the queued job with the "op" and "remote" of `like`; a null
+    // value when there is none.
+    Json::Value takeLike(Json::Value const& like);
     bool empty() const { return _size == 0; }
     size_t size() const { return _size; }
 

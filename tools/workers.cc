@@ -344,7 +344,10 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         }
         if (!w.busy) continue;  // nothing asked: not an answer to anything
         w.busy = false;
-        if (w.job["warm"].asBool()) continue;  // only its effect on the worker counts
+        if (w.job["warm"].asBool()) {
+            if (_warmAnswer.isNull() && result["ok"].asBool()) _warmAnswer = result;
+            continue;
+        }
         if (progress && result["ok"].asBool() && result.isMember("bytes"))
             progress->fileDone(result["bytes"].asInt64());
         if (!onResult(w.job, result, jobs)) keepGoing = false;
@@ -370,6 +373,16 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
         while (!jobs.empty()) {
             queue.add(std::move(jobs.front()));
             jobs.pop_front();
+        }
+        if (handOut && !_warmAnswer.isNull()) {
+            // A warm-up already listed the folder this job lists.
+            Json::Value job = queue.takeLike(_warm);
+            if (!job.isNull()) {
+                Json::Value answer = std::move(_warmAnswer);
+                _warmAnswer = Json::Value();
+                if (!onResult(job, answer, jobs)) keepGoing = false;
+                continue;
+            }
         }
         // A worker costs a drive agent's start: one more only for a job
         // that no idle one can take now.
@@ -445,6 +458,7 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             if (fds[i].revents) readResults(*polled[i], jobs, onResult, progress, keepGoing);
         }
     }
+    _warmAnswer = Json::Value();  // a listing of this run's moment only
     bool const left = !queue.empty() || !jobs.empty();
     while (!queue.empty()) jobs.push_back(queue.take("", {}, true));
     if (left && keepGoing && !interrupted()) {

@@ -70,7 +70,9 @@ class WorkerPool {
     // until a job is there for it, runs `job`: the listing of a folder the
     // work is expected to spread out from, so that their drive agents start
     // and confirm their way there while the first listings run, not after
-    // them. Its results are dropped; the worker counts as in that folder.
+    // them. The worker counts as in that folder. The first listing that
+    // succeeds stands for the same job when it is queued (it is not sent
+    // again); the others are dropped.
     // Call before start(), which drops the warm-up unless the node cache
     // knows an object named `probe` (a folder of the tree, say).
     void warmUp(Json::Value job, size_t count, std::string probe) {
@@ -78,6 +80,9 @@ class WorkerPool {
         _warmCount = count;
         _warmProbe = std::move(probe);
     }
+
+    // Whether run() warms workers up (decided by start()).
+    bool warming() const { return _warmCount > 0; }
 
     // How many workers were started.
     size_t started() const { return _workers.size(); }
@@ -117,6 +122,7 @@ class WorkerPool {
     Json::Value _warm;              // see warmUp
     size_t _warmCount = 0;
     std::string _warmProbe;
+    Json::Value _warmAnswer;  // the first warm-up that succeeded, until used
 };
 
 // The number of workers a command asked for (--transfers), at least 1.

@@ -51,4 +51,27 @@ TEST(JobQueueTest, WorkersStayInTheirFolderAndJoinOnlyABusyOne) {
     EXPECT_EQ((std::vector<std::string>{"a2", "b3", "b4", "b5", "b6", "b7", "b8", "b9"}), rest);
 }
 
+// A job already done another way (a warm-up listed its folder) is taken
+// out by what it does, wherever it is queued.
+TEST(JobQueueTest, AJobIsTakenOutByItsOperationAndTarget) {
+    JobQueue queue;
+    auto listing = [](char const* remote, char const* group) {
+        Json::Value j = job(remote, group);
+        j["op"] = "list";
+        j["remote"] = remote;
+        return j;
+    };
+    queue.add(listing("top/a", "top"));
+    queue.add(listing("top/b", "top"));
+    queue.add(listing("other", nullptr));
+    EXPECT_EQ("top/b", nameOf(queue.takeLike(listing("top/b", "top"))));
+    EXPECT_EQ("other", nameOf(queue.takeLike(listing("other", nullptr))));
+    EXPECT_EQ("(wait)", nameOf(queue.takeLike(listing("top/b", "top"))));  // taken already
+    Json::Value removal = listing("top/a", "top");
+    removal["op"] = "remove";
+    EXPECT_EQ("(wait)", nameOf(queue.takeLike(removal)));  // same target, other operation
+    EXPECT_EQ(1u, queue.size());
+    EXPECT_EQ("top/a", nameOf(queue.take("top", {}, false)));
+}
+
 }  // namespace
