@@ -224,8 +224,16 @@ int copyTree(Session& s, bool deleting) {
     // says may be unchanged (one agent lists in this process: nothing to
     // overlap).
     LocalHashes hashes(localTop, std::move(sizes));
-    if (workers ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes)
-                : !remoteEntries(s.agent, remoteTop, true, remote)) {
+    // A copy deletes nothing: what lies below a remote folder matters only
+    // where the local one has something to compare with it.
+    std::set<std::string> holding;
+    for (LocalEntry const& e : tree.entries)
+        holding.insert(e.rpath.substr(0, e.rpath.rfind('/') + 1));
+    auto worthListing = [&](std::string const& rpath) { return holding.count(rpath + "/") > 0; };
+    if (workers
+            ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes,
+                             deleting ? std::function<bool(std::string const&)>() : worthListing)
+            : !remoteEntries(s.agent, remoteTop, true, remote)) {
         return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     }
     RunReport report("sent");

@@ -21,21 +21,34 @@ void LocalHashes::listed(std::string const& rpath, int64_t size) {
     auto local = _sizes.find(rpath);
     if (local == _sizes.end() || local->second != size) return;
     _sizes.erase(local);  // queued once, whoever lists it again
-    _queue.push_back(rpath);
+    if (!_done.count(rpath) && rpath != _current) _queue.push_back(rpath);
 }
+
+void LocalHashes::guessUpTo(int64_t upTo) {
+    for (auto const& [rpath, size] : _sizes)
+        if (size <= upTo) _guesses.push_back(rpath);
+}
+
+void LocalHashes::stopGuessing() { _guesses.clear(); }
 
 void LocalHashes::closeCurrent() {
     if (_fd >= 0) ::close(_fd);
     _fd = -1;
+    _current.clear();
 }
 
 bool LocalHashes::step(size_t budget) {
     static thread_local std::vector<char> buffer(size_t{1} << 20);
-    while (!_queue.empty() && budget > 0) {
+    while (budget > 0) {
         if (_fd < 0) {
-            _fd = ::open((_top + "/" + _queue.front()).c_str(), O_RDONLY | O_CLOEXEC);
+            std::deque<std::string>& next = _queue.empty() ? _guesses : _queue;
+            if (next.empty()) break;
+            _current = std::move(next.front());
+            next.pop_front();
+            if (_done.count(_current)) continue;  // a guess listed since, or the other way
+            _fd = ::open((_top + "/" + _current).c_str(), O_RDONLY | O_CLOEXEC);
             if (_fd < 0) {
-                _queue.pop_front();  // the comparison will read it and say why
+                _current.clear();  // the comparison will read it and say why
                 continue;
             }
             EVP_DigestInit_ex(_ctx.get(), EVP_md5(), nullptr);
@@ -47,11 +60,10 @@ bool LocalHashes::step(size_t budget) {
             budget -= static_cast<size_t>(n);
             continue;
         }
-        if (n == 0) _done[_queue.front()] = DriveAgent::finishHexDigest(_ctx.get());
+        if (n == 0) _done[_current] = DriveAgent::finishHexDigest(_ctx.get());
         closeCurrent();
-        _queue.pop_front();
     }
-    return !_queue.empty();
+    return _fd >= 0 || !_queue.empty() || !_guesses.empty();
 }
 
 std::string const* LocalHashes::md5(std::string const& rpath) const {

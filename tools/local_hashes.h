@@ -25,6 +25,12 @@ class LocalHashes {
     // queued for hashing when it has the same size (else nothing decides on
     // its MD5).
     void listed(std::string const& rpath, int64_t size);
+    // Queues, behind the listed ones, every local file of at most `upTo`
+    // bytes: when the tree is most likely stored already, the time spent
+    // waiting for the listing is better spent hashing ahead of it.
+    void guessUpTo(int64_t upTo);
+    // Drops the guesses not hashed yet (the one being hashed is finished).
+    void stopGuessing();
     // Hashes at most `budget` bytes of what is queued; true while more is.
     bool step(size_t budget = size_t{1} << 20);
     // The MD5 (lower-case hex) of the local file at `rpath` as read, or null
@@ -36,9 +42,11 @@ class LocalHashes {
 
     std::string _top;
     std::map<std::string, int64_t> _sizes;
-    std::deque<std::string> _queue;
+    std::deque<std::string> _queue;    // listed with the local size
+    std::deque<std::string> _guesses;  // see guessUpTo
     std::map<std::string, std::string> _done;
-    int _fd = -1;  // the file at the front of the queue, while being hashed
+    std::string _current;  // the file being hashed, while _fd is open
+    int _fd = -1;
     std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> _ctx;
 };
 

@@ -11,6 +11,11 @@ namespace gdhost {
 
 using namespace TAVO::Backup;
 
+namespace {
+// Files up to this size are hashed ahead of the listing (see LocalHashes).
+constexpr int64_t kGuessUpTo = 1 << 20;
+}  // namespace
+
 Json::Value treeJob(char const* op, std::string const& remote, std::string const& shown,
                     bool folder) {
     Json::Value job(Json::objectValue);
@@ -79,7 +84,7 @@ ListingWarmUp listingWarmUp(std::vector<std::string> const& folders) {
 
 bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
                        std::map<std::string, FileInfo>& entries, ListingWarmUp const& warmUp,
-                       LocalHashes* hashes) {
+                       LocalHashes* hashes, std::function<bool(std::string const&)> const& enter) {
     std::deque<Json::Value> jobs{treeJob("list", top, "", true)};
     if (warmUp.workers > 1) {
         std::string const folder = joinPath(top, warmUp.folder);
@@ -118,7 +123,7 @@ bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
             if (hashes && !info.isDirType()) hashes->listed(rpath, info.getSize());
             auto range = std::equal_range(names.begin(), names.end(), name);
             // A name shared in one folder cannot be named by a path.
-            if (info.isDirType() && range.second - range.first == 1)
+            if (info.isDirType() && range.second - range.first == 1 && (!enter || enter(rpath)))
                 more.push_back(treeJob("list", joinPath(top, rpath), rpath, true));
         }
         return true;
@@ -129,7 +134,12 @@ bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
     }
     std::function<bool()> idle;
     if (hashes) idle = [hashes] { return hashes->step(); };
-    if (_pool.run(jobs, onResult, nullptr, 1 << 20, idle)) return true;
+    // A warm-up means the tree is most likely stored already: most small
+    // files will need their MD5, and the listing leaves the time for them.
+    if (hashes && _pool.warming()) hashes->guessUpTo(kGuessUpTo);
+    bool const listed = _pool.run(jobs, onResult, nullptr, 1 << 20, idle);
+    if (hashes) hashes->stopGuessing();
+    if (listed) return true;
     if (interrupted()) {
         setError(ERR_CANCELED);
     } else {

@@ -60,10 +60,12 @@ class TreeWorkers {
     // name appears twice in their parent are not entered. With `warmUp`,
     // its workers start at once and list its folder until they have work;
     // `hashes` (may be null) hears of every file listed and hashes while the
-    // workers list.
+    // workers list. Only the folders (relative paths) for which `enter`
+    // holds are entered below the top, all of them when it is null.
     bool list(std::string const& top, bool missingIsEmpty,
               std::map<std::string, TAVO::Backup::FileInfo>& entries,
-              ListingWarmUp const& warmUp = {}, LocalHashes* hashes = nullptr);
+              ListingWarmUp const& warmUp = {}, LocalHashes* hashes = nullptr,
+              std::function<bool(std::string const&)> const& enter = nullptr);
 
     // Runs `jobs` one after another on the first worker, which listed the
     // top, passing each outcome to `onOutcome` until it returns false. One

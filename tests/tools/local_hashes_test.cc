@@ -7,6 +7,7 @@
 #include <stdlib.h>
 
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -66,6 +67,38 @@ TEST(LocalHashesTest, SlicedHashesMatchWholeReadsForFilesOfTheListedSize) {
         }
     }
     EXPECT_EQ(nullptr, hashes.md5("unread"));
+    std::string const command = "rm -rf " + top;
+    EXPECT_EQ(0, std::system(command.c_str()));
+}
+
+// Hashing ahead of the listing: small files only, listed ones first, and
+// nothing guessed is hashed once the listing is in, unless it was listed.
+TEST(LocalHashesTest, GuessesGoBehindListedFilesAndEndWithTheListing) {
+    char folder[] = "/tmp/local_hashes.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(folder));
+    std::string const top = folder;
+    for (auto const& [name, bytes] : std::map<std::string, std::string>{
+             {"a", "aaaa"}, {"b", "bbbb"}, {"c", "cccc"}, {"d", "dddd"}, {"large", "0123456789"}})
+        std::ofstream(top + "/" + name, std::ios::binary) << bytes;
+    gdhost::LocalHashes hashes(top, {{"a", 4}, {"b", 4}, {"c", 4}, {"d", 4}, {"large", 10}});
+    hashes.guessUpTo(4);
+    hashes.listed("c", 4);
+    EXPECT_TRUE(hashes.step(5));  // the listed one, then a byte of the first guess
+    EXPECT_NE(nullptr, hashes.md5("c"));
+    EXPECT_EQ(nullptr, hashes.md5("a"));
+    hashes.listed("a", 4);  // being hashed already: not queued again
+    hashes.stopGuessing();  // the one under way is finished
+    while (hashes.step(5)) {
+    }
+    ASSERT_NE(nullptr, hashes.md5("a"));
+    EXPECT_EQ(md5Of(top + "/a"), *hashes.md5("a"));
+    EXPECT_EQ(nullptr, hashes.md5("b"));      // a guess left when the listing ended
+    EXPECT_EQ(nullptr, hashes.md5("large"));  // never a guess
+    hashes.listed("d", 4);
+    while (hashes.step(4)) {
+    }
+    ASSERT_NE(nullptr, hashes.md5("d"));
+    EXPECT_EQ(md5Of(top + "/d"), *hashes.md5("d"));
     std::string const command = "rm -rf " + top;
     EXPECT_EQ(0, std::system(command.c_str()));
 }

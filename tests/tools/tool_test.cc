@@ -279,6 +279,17 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
     EXPECT_LE(first["3"], first["1"] + 14 + 3 * 4);
     EXPECT_GE(first["3"], first["1"]);
 
+    // A copy deletes nothing: a remote folder whose local one is empty is
+    // not listed, and what only the remote holds there stays as it is.
+    std::string const empty = drive().idByPath("/Backups/nas1.hbk/t3/Pool/empty folder");
+    drive().put(empty, "remote only", "r");
+    drive().clearRequestLog();
+    Result same = run({"copy", "--transfers", "3", path("src"), "t3"});
+    EXPECT_NE(same.out.find("0 sent, 44 unchanged"), std::string::npos) << same.out;
+    for (auto const& request : drive().requestLog())
+        EXPECT_EQ(request.args.toStyledString().find(empty), std::string::npos) << request.fn;
+    EXPECT_EQ(drive().children(empty).size(), 1u);
+
     // A failure that stops the run stops every worker, and is listed.
     write(path("src/Pool/1/new"), "new");
     drive().addFault(DriveEmulator::Fault::fail("uploadFile", 403,
