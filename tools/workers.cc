@@ -390,13 +390,9 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
         for (size_t i = 0; i < _workers.size() && i < most; ++i)
             idle += !_workers[i].busy && _workers[i].jobs >= 0;
         while (handOut && queue.size() > idle && _workers.size() < most && spawn()) ++idle;
-        size_t const warmTo = std::min(most, _warmCount);  // 0 for a tree the cache never saw
-        while (handOut && _workers.size() < warmTo && spawn()) {
-        }
-        for (size_t i = 0; i < _workers.size() && i < most; ++i) {
-            Worker& w = _workers[i];
-            if (!handOut || (queue.empty() && _warmCount == 0)) break;
-            if (w.busy || w.jobs < 0 || (queue.empty() && w.hadJob)) continue;
+        // Hands `w` the job that suits it, if any.
+        auto offer = [&](Worker& w) {
+            if (w.busy || w.jobs < 0 || (queue.empty() && w.hadJob)) return;
             std::vector<std::string> elsewhere;
             bool anyBusy = false;
             for (size_t j = 0; j < _workers.size() && j < most; ++j) {
@@ -410,7 +406,7 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                 job = _warm;
                 job["warm"] = true;
             }
-            if (job.isNull()) continue;
+            if (job.isNull()) return;
             w.hadJob = true;
             // A listing below a folder new to this worker: listing that folder
             // first confirms all its folders at once, where asking for each
@@ -434,8 +430,16 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                 w.busy = false;
                 close(w.jobs);
                 w.jobs = -1;
-                continue;
+                return;
             }
+        };
+        size_t const warmTo = std::min(most, _warmCount);  // 0 for a tree the cache never saw
+        // Each warmed-up worker gets its job as soon as it exists, so that its
+        // drive agent starts while the next ones are forked.
+        while (handOut && _workers.size() < warmTo && spawn()) offer(_workers.back());
+        for (size_t i = 0; i < _workers.size() && i < most; ++i) {
+            if (!handOut || (queue.empty() && _warmCount == 0)) break;
+            offer(_workers[i]);
         }
         std::vector<pollfd> fds;
         std::vector<Worker*> polled;
