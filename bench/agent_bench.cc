@@ -132,7 +132,15 @@ double secondsOf(std::function<void()> const& work) {
 // iteration's time is the agent's; curl's and the ratio are counters.
 class Pairing {
   public:
-    void add(double agentSeconds, double curlSeconds) {
+    // One iteration: `agent` and `curl` each return the seconds they timed;
+    // which goes first alternates.
+    void time(benchmark::State& state, std::function<double()> const& agent,
+              std::function<double()> const& curl) {
+        _agentFirst = !_agentFirst;
+        double agentSeconds = _agentFirst ? agent() : 0;
+        double curlSeconds = curl();
+        if (!_agentFirst) agentSeconds = agent();
+        state.SetIterationTime(agentSeconds);
         _agent += agentSeconds;
         _curl += curlSeconds;
     }
@@ -142,9 +150,11 @@ class Pairing {
         state.counters["curl_MiBps"] = mib / _curl;
         state.counters["agent_over_curl"] = _curl / _agent;
         state.counters["rss_growth_MiB"] = double(statusKiB(agent, "VmHWM:") - rssBefore) / 1024;
+        state.SetBytesProcessed(state.iterations() * kBytes);
     }
 
   private:
+    bool _agentFirst = false;
     double _agent = 0;
     double _curl = 0;
 };
@@ -167,13 +177,10 @@ void BM_Upload(benchmark::State& state) {
     std::string token = accessToken();
     std::string root = setup().drive->rootId();
     Pairing pairing;
-    bool agentFirst = false;
     for (auto _ : state) {
-        double agentSeconds = 0;
-        double curlSeconds = 0;
         auto viaAgent = [&] {
             ::sync();
-            agentSeconds = secondsOf([&] {
+            return secondsOf([&] {
                 std::string answer =
                     transfer(*agent, "{\"fn\":\"uploadFile\",\"name\":\"big\",\"parentId\":\"" +
                                          root + "\",\"inputPath\":\"" + setup().input + "\"}");
@@ -186,21 +193,15 @@ void BM_Upload(benchmark::State& state) {
         auto viaCurl = [&] {
             std::string session = uploadSession(token);
             ::sync();
-            curlSeconds = secondsOf([&] {
+            return secondsOf([&] {
                 run("curl -s -o /dev/null -T " + setup().input + " -H 'Authorization: Bearer " +
                     token + "' -H 'Content-Range: bytes 0-" + std::to_string(kBytes - 1) + "/" +
                     std::to_string(kBytes) + "' '" + session + "'");
             });
         };
-        agentFirst = !agentFirst;
-        if (agentFirst) viaAgent();
-        viaCurl();
-        if (!agentFirst) viaAgent();
-        state.SetIterationTime(agentSeconds);
-        pairing.add(agentSeconds, curlSeconds);
+        pairing.time(state, viaAgent, viaCurl);
     }
     pairing.report(state, agent->pid(), before);
-    state.SetBytesProcessed(state.iterations() * kBytes);
 }
 
 // "downloadFile" through drive_agent (checksum checked) against `curl -o` of
@@ -211,12 +212,9 @@ void BM_Download(benchmark::State& state) {
     std::string token = accessToken();
     std::string out = setup().folder + "/out";
     Pairing pairing;
-    bool agentFirst = false;
     for (auto _ : state) {
-        double agentSeconds = 0;
-        double curlSeconds = 0;
         auto viaAgent = [&] {
-            agentSeconds = secondsOf([&] {
+            return secondsOf([&] {
                 std::string answer =
                     transfer(*agent, "{\"fn\":\"downloadFile\",\"id\":\"" + setup().fileId +
                                          "\",\"outputPath\":\"" + out + "\"}");
@@ -225,20 +223,14 @@ void BM_Download(benchmark::State& state) {
             });
         };
         auto viaCurl = [&] {
-            curlSeconds = secondsOf([&] {
+            return secondsOf([&] {
                 run("curl -s -o " + out + " -H 'Authorization: Bearer " + token + "' '" +
                     setup().fake->url() + "/drive/v3/files/" + setup().fileId + "?alt=media'");
             });
         };
-        agentFirst = !agentFirst;
-        if (agentFirst) viaAgent();
-        viaCurl();
-        if (!agentFirst) viaAgent();
-        state.SetIterationTime(agentSeconds);
-        pairing.add(agentSeconds, curlSeconds);
+        pairing.time(state, viaAgent, viaCurl);
     }
     pairing.report(state, agent->pid(), before);
-    state.SetBytesProcessed(state.iterations() * kBytes);
 }
 
 }  // namespace
