@@ -227,8 +227,9 @@ int copyTree(Session& s, bool deleting) {
     // A copy deletes nothing: what lies below a remote folder matters only
     // where the local one has something to compare with it.
     std::set<std::string> holding;
-    for (LocalEntry const& e : tree.entries)
-        holding.insert(e.rpath.substr(0, e.rpath.rfind('/') + 1));
+    for (LocalEntry const& e : tree.entries) {
+        if (workers && !deleting) holding.insert(e.rpath.substr(0, e.rpath.rfind('/') + 1));
+    }
     auto worthListing = [&](std::string const& rpath) { return holding.count(rpath + "/") > 0; };
     if (workers
             ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes,
