@@ -165,7 +165,13 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
         }
         return !report.stopped();
     });
-    workers.reset();  // the node cache they learned is merged before the transfers start
+    // At a service's pace the files get a pool of their own, whose workers
+    // start from a node cache that knows every folder made. Against a fast
+    // one the worker that made them goes on (another would only cost a
+    // process and a drive agent); should the service turn slow, the workers
+    // it then adds look those folders up.
+    bool const sameWorkers = !workers->serviceSlow();
+    if (!sameWorkers) workers.reset();  // merges what they learned
     if (topFailure != kExitOk) return topFailure;
     std::deque<Json::Value> sends;
     for (auto const& rpath : plan.files) {
@@ -173,7 +179,9 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
         sends.back()["local"] = localTop + "/" + rpath;
     }
     ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
-    if (!report.stopped()) runTreeJobs(s, transfersOf(s), sends, report, &line);
+    if (!report.stopped())
+        runTreeJobs(s, transfersOf(s), sends, report, &line, sameWorkers ? workers.get() : nullptr);
+    workers.reset();
     line.finish(", " + counted(created, "folder") + " created");
     // Extras go last, so that a sync cut short never leaves the remote with
     // less than it had.

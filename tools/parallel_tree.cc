@@ -160,8 +160,17 @@ void TreeWorkers::inOrder(std::deque<Json::Value> jobs,
     _pool.run(jobs, onResult, nullptr, 1);
 }
 
+bool TreeWorkers::run(std::deque<Json::Value>& jobs, WorkerPool::ResultHandler const& onResult,
+                      ProgressLine* line, std::string& error) {
+    if (!ready()) {
+        error = "cannot start the workers";
+        return false;
+    }
+    return _pool.run(jobs, onResult, line);
+}
+
 void runTreeJobs(Session& s, int count, std::deque<Json::Value> jobs, RunReport& report,
-                 ProgressLine* line) {
+                 ProgressLine* line, TreeWorkers* on) {
     size_t const total = jobs.size();
     size_t finished = 0;
     auto onResult = [&](Json::Value const& done, Json::Value const& result,
@@ -172,7 +181,9 @@ void runTreeJobs(Session& s, int count, std::deque<Json::Value> jobs, RunReport&
     };
     std::string const firstShown = total ? jobs.front()["shown"].asString() : "";
     std::string error;
-    if (!runOnWorkers(s, count, std::move(jobs), onResult, line, error) && !error.empty()) {
+    bool const ran = on ? on->run(jobs, onResult, line, error)
+                        : runOnWorkers(s, count, std::move(jobs), onResult, line, error);
+    if (!ran && !error.empty()) {
         report.add(failedLocally(firstShown, error, kExitError));
     } else if (finished < total && interrupted() && !report.stopped()) {
         // Stopped between two files: the rest was cancelled.

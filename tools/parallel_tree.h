@@ -74,6 +74,15 @@ class TreeWorkers {
     void inOrder(std::deque<Json::Value> jobs,
                  std::function<bool(FileOutcome const&)> const& onOutcome);
 
+    // Whether its jobs showed the service slow: then transfers pay a pool of
+    // their own; against a fast one its worker goes on with them.
+    bool serviceSlow() const { return _pool.serviceSlow(); }
+
+    // Runs `jobs` on this pool as WorkerPool::run does; false with `error`
+    // set when no worker could be started.
+    bool run(std::deque<Json::Value>& jobs, WorkerPool::ResultHandler const& onResult,
+             ProgressLine* line, std::string& error);
+
   private:
     bool ready();
 
@@ -82,10 +91,10 @@ class TreeWorkers {
     bool _started = false;
 };
 
-// Runs `jobs` on `count` workers of their own, adding each outcome to
-// `report` and counting on `line` (may be null); stops handing out jobs once
-// the report says the run stops.
+// Runs `jobs` on `count` workers of their own (or on the pool of `on`, when
+// given), adding each outcome to `report` and counting on `line` (may be
+// null); stops handing out jobs once the report says the run stops.
 void runTreeJobs(Session& s, int count, std::deque<Json::Value> jobs, RunReport& report,
-                 ProgressLine* line);
+                 ProgressLine* line, TreeWorkers* on = nullptr);
 
 }  // namespace gdhost

@@ -50,15 +50,20 @@ bool writeAll(int fd, std::string const& text) {
     return true;
 }
 
+// A line per job and per result: the writer and reader are made once, not
+// for each of the thousands of lines of a tree.
 std::string lineOf(Json::Value const& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
+    static Json::StreamWriterBuilder const builder = [] {
+        Json::StreamWriterBuilder b;
+        b["indentation"] = "";
+        return b;
+    }();
     return Json::writeString(builder, value) + "\n";
 }
 
 bool parseLine(std::string const& line, Json::Value& value) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    static std::unique_ptr<Json::CharReader> const reader(
+        Json::CharReaderBuilder().newCharReader());
     return reader->parse(line.data(), line.data() + line.size(), &value, nullptr) &&
            value.isObject();
 }
@@ -211,6 +216,18 @@ Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
 
 // ---- The parent's side ----------------------------------------------------
 
+namespace {
+
+// Jobs a worker may hold behind a running one: each stands alone, and a
+// failure that stops the run costs at most one more attempt, as it would
+// with one more worker. Folder changes and deletions go one at a time.
+bool pipelined(Json::Value const& job) {
+    std::string const op = job["op"].asString();
+    return !job["warm"].asBool() && (op == "send" || op == "recv" || op == "list");
+}
+
+}  // namespace
+
 int transfersOf(Session const& s) { return s.args.transfers < 1 ? 1 : s.args.transfers; }
 
 WorkerPool::~WorkerPool() {
@@ -254,6 +271,9 @@ bool WorkerPool::start(int count, std::string& error) {
     // A tree the node cache has never seen is most likely new, and a warm-up
     // would only start agents to find nothing.
     if (_warmCount > 0 && !cacheMayKnowName(_baseFile, _warmProbe)) _warmCount = 0;
+    // Warming up is a bet on a slow service, made before any answer: the
+    // listing is then spread as at a service's pace from the start.
+    if (_warmCount > 0) _pace.assumeSlow();
     acceptStopSignal();  // before any fork: a stop sent early must not kill a worker
     return true;
 }
@@ -317,14 +337,16 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         w.results = -1;
         close(w.jobs);
         w.jobs = -1;
-        bool const owed = w.busy && !w.job["warm"].asBool();
-        w.busy = false;
-        if (owed) {
+        std::deque<Worker::Sent> sent = std::move(w.sent);
+        w.sent.clear();
+        if (!sent.empty() && !sent.front().job["warm"].asBool()) {
             Json::Value result(Json::objectValue);
             result["ok"] = false;
             result["code"] = interrupted() ? ERR_CANCELED : ERR_GENERAL;
-            if (!onResult(w.job, result, jobs)) keepGoing = false;
+            if (!onResult(sent.front().job, result, jobs)) keepGoing = false;
         }
+        // The jobs waiting behind it never started: another worker takes them.
+        for (size_t i = 1; i < sent.size(); ++i) jobs.push_back(std::move(sent[i].job));
         return false;
     }
     w.received.append(buffer, static_cast<size_t>(n));
@@ -342,15 +364,20 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
             result["ok"] = false;
             result["code"] = ERR_GENERAL;
         }
-        if (!w.busy) continue;  // nothing asked: not an answer to anything
-        w.busy = false;
-        if (w.job["warm"].asBool()) {
+        if (!w.busy()) continue;  // nothing asked: not an answer to anything
+        Worker::Sent done = std::move(w.sent.front());
+        w.sent.pop_front();
+        // A job that waited behind another started when that one ended.
+        auto const now = ServicePace::Clock::now();
+        if (!done.first) _pace.finished(now - std::max(done.since, w.answered));
+        w.answered = now;
+        if (done.job["warm"].asBool()) {
             if (_warmAnswer.isNull() && result["ok"].asBool()) _warmAnswer = result;
             continue;
         }
         if (progress && result["ok"].asBool() && result.isMember("bytes"))
             progress->fileDone(result["bytes"].asInt64());
-        if (!onResult(w.job, result, jobs)) keepGoing = false;
+        if (!onResult(done.job, result, jobs)) keepGoing = false;
     }
     return true;
 }
@@ -385,52 +412,72 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             }
         }
         // A worker costs a drive agent's start: one more only for a job
-        // that no idle one can take now.
+        // that no idle one can take now, and only while the service is slow.
+        auto const now = ServicePace::Clock::now();
         size_t idle = 0;
-        for (size_t i = 0; i < _workers.size() && i < most; ++i)
-            idle += !_workers[i].busy && _workers[i].jobs >= 0;
-        while (handOut && queue.size() > idle && _workers.size() < most && spawn()) ++idle;
-        // Hands `w` the job that suits it, if any.
+        for (size_t i = 0; i < _workers.size() && i < most; ++i) {
+            Worker const& w = _workers[i];
+            idle += !w.busy() && w.jobs >= 0;
+            if (w.busy() && !w.sent.front().first) _pace.running(now - w.runningSince());
+        }
+        size_t const room = _pace.slow() ? most : 1;
+        while (handOut && queue.size() > idle && _workers.size() < room && spawn()) ++idle;
+        // Against a fast service a worker gets its next transfer or listing
+        // while it runs one, so that it never waits for this process between
+        // two; at a service's latency one at a time keeps the shares even.
+        size_t const depth = _pace.slow() ? 1 : 2;
+        // Hands `w` the jobs that suit it, if any.
         auto offer = [&](Worker& w) {
-            if (w.busy || w.jobs < 0 || (queue.empty() && w.hadJob)) return;
-            std::vector<std::string> elsewhere;
-            bool anyBusy = false;
-            for (size_t j = 0; j < _workers.size() && j < most; ++j) {
-                Worker const& other = _workers[j];
-                anyBusy = anyBusy || other.busy;
-                if (&other != &w && other.jobs >= 0) elsewhere.push_back(other.home);
-            }
-            Json::Value job =
-                queue.empty() ? Json::Value() : queue.take(w.home, elsewhere, !anyBusy);
-            if (job.isNull() && !w.hadJob && _warmCount > 0) {
-                job = _warm;
-                job["warm"] = true;
-            }
-            if (job.isNull()) return;
-            w.hadJob = true;
-            // A listing below a folder new to this worker: listing that folder
-            // first confirms all its folders at once, where asking for each
-            // would cost a request per job.
-            std::string const group = job["group"].asString();
-            bool const listing = job["op"].asString() == "list";
-            if (listing && !w.listed.count(group) && _listed.count(group) &&
-                group != job["remote"].asString()) {  // the top's own group is itself
-                job["first"] = group;
-                w.listed.insert(group);
-            }
-            if (listing) {
-                w.listed.insert(job["remote"].asString());
-                _listed.insert(job["remote"].asString());
-            }
-            w.home = job["warm"].asBool() ? job["remote"].asString() : group;
-            w.job = std::move(job);
-            w.busy = true;
-            if (!writeAll(w.jobs, lineOf(w.job))) {
-                if (!w.job["warm"].asBool()) queue.putBack(w.job);
-                w.busy = false;
-                close(w.jobs);
-                w.jobs = -1;
-                return;
+            while (w.jobs >= 0 && w.sent.size() < depth) {
+                if (w.busy() && !pipelined(w.sent.back().job)) return;
+                if (queue.empty() && w.hadJob) return;
+                std::vector<std::string> elsewhere;
+                bool anyBusy = false;
+                for (size_t j = 0; j < _workers.size() && j < most; ++j) {
+                    Worker const& other = _workers[j];
+                    anyBusy = anyBusy || other.busy();
+                    if (&other != &w && other.jobs >= 0) elsewhere.push_back(other.home);
+                }
+                Json::Value job =
+                    queue.empty() ? Json::Value() : queue.take(w.home, elsewhere, !anyBusy);
+                if (job.isNull() && !w.hadJob && _warmCount > 0) {
+                    job = _warm;
+                    job["warm"] = true;
+                }
+                if (job.isNull()) return;
+                if (w.busy() && !pipelined(job)) {
+                    queue.putBack(std::move(job));
+                    return;
+                }
+                Worker::Sent sent;
+                sent.first = !w.hadJob;
+                sent.since = ServicePace::Clock::now();
+                w.hadJob = true;
+                // A listing below a folder new to this worker: listing that
+                // folder first confirms all its folders at once, where asking
+                // for each would cost a request per job.
+                std::string const group = job["group"].asString();
+                bool const listing = job["op"].asString() == "list";
+                if (listing && !w.listed.count(group) && _listed.count(group) &&
+                    group != job["remote"].asString()) {  // the top's own group is itself
+                    job["first"] = group;
+                    w.listed.insert(group);
+                }
+                if (listing) {
+                    w.listed.insert(job["remote"].asString());
+                    _listed.insert(job["remote"].asString());
+                }
+                w.home = job["warm"].asBool() ? job["remote"].asString() : group;
+                sent.job = std::move(job);
+                if (!writeAll(w.jobs, lineOf(sent.job))) {
+                    // Gone: what it was sent before is settled when its
+                    // results end.
+                    if (!sent.job["warm"].asBool()) queue.putBack(std::move(sent.job));
+                    close(w.jobs);
+                    w.jobs = -1;
+                    return;
+                }
+                w.sent.push_back(std::move(sent));
             }
         };
         size_t const warmTo = std::min(most, _warmCount);  // 0 for a tree the cache never saw
@@ -444,7 +491,7 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
         std::vector<pollfd> fds;
         std::vector<Worker*> polled;
         for (Worker& w : _workers) {
-            if (w.results < 0 || !w.busy) continue;
+            if (w.results < 0 || !w.busy()) continue;
             fds.push_back({w.results, POLLIN, 0});
             polled.push_back(&w);
         }
@@ -455,7 +502,18 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             if (!handOut || (queue.empty() && jobs.empty()) || !anyAlive) break;
             continue;
         }
-        int ready = poll(fds.data(), fds.size(), idleLeft ? 0 : 100);
+        int wait = idleLeft ? 0 : 100;
+        if (!_pace.slow() && _workers.size() < most && !queue.empty()) {
+            // Look again when a running job would show the service slow.
+            for (Worker const* w : polled) {
+                if (w->sent.front().first) continue;
+                auto left = _pace.untilSlow(ServicePace::Clock::now() - w->runningSince());
+                wait = std::min<int>(
+                    wait,
+                    static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+            }
+        }
+        int ready = poll(fds.data(), fds.size(), wait);
         if (ready < 0 && errno != EINTR) break;
         if (ready == 0 && idleLeft) idleLeft = idleWork();
         for (size_t i = 0; ready > 0 && i < fds.size(); ++i) {

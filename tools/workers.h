@@ -12,6 +12,7 @@
 #include <json/value.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <deque>
 #include <functional>
 #include <set>
@@ -20,6 +21,7 @@
 
 #include "commands.h"
 #include "progress_line.h"
+#include "service_pace.h"
 
 namespace gdhost {
 
@@ -84,6 +86,9 @@ class WorkerPool {
     // Whether run() warms workers up (decided by start()).
     bool warming() const { return _warmCount > 0; }
 
+    // Whether the jobs so far showed the service slow (see ServicePace).
+    bool serviceSlow() const { return _pace.slow(); }
+
     // How many workers were started.
     size_t started() const { return _workers.size(); }
 
@@ -100,9 +105,20 @@ class WorkerPool {
         std::string cacheFile;
         ino_t copiedInode = 0;  // its cache file's as copied, 0 if none
         std::string received;   // a partial result line
-        bool busy = false;
-        bool hadJob = false;  // any, a warm-up included
-        Json::Value job;
+        struct Sent {
+            Json::Value job;
+            ServicePace::Clock::time_point since;  // when it went out
+            bool first = false;                    // the worker's first (its agent starts)
+        };
+        std::deque<Sent> sent;  // handed out, not answered yet: the first is running
+        ServicePace::Clock::time_point answered;  // its last answer
+        bool busy() const { return !sent.empty(); }
+        // When its running job began: one queued behind another starts when
+        // that one is answered.
+        ServicePace::Clock::time_point runningSince() const {
+            return std::max(sent.front().since, answered);
+        }
+        bool hadJob = false;           // any, a warm-up included
         std::string home = "//";       // the folder its last job worked in (none yet)
         std::set<std::string> listed;  // the folders it listed
     };
@@ -123,6 +139,7 @@ class WorkerPool {
     size_t _warmCount = 0;
     std::string _warmProbe;
     Json::Value _warmAnswer;  // the first warm-up that succeeded, until used
+    ServicePace _pace;        // whether workers beyond the first pay
 };
 
 // The number of workers a command asked for (--transfers), at least 1.

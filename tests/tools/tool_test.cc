@@ -17,6 +17,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -231,11 +232,20 @@ TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
     EXPECT_EQ(run({"check", path("back"), "backup"}).code, 1);
 }
 
-// Workers share a copy and a restore: the same bytes, each folder made once,
-// and the node cache they learned merged whole, so that the second copy costs
-// what it costs after a copy with one agent, but for each worker's own
-// confirmations of the folders it works in (a folder's place is confirmed
-// once per agent before anything is stored or deleted in it).
+// The drive agents (one per worker) that served the requests named `fn`.
+size_t agentsServing(std::vector<DriveEmulator::LogEntry> const& log, char const* fn) {
+    std::set<int> pids;
+    for (auto const& request : log)
+        if (request.fn == fn) pids.insert(request.pid);
+    return pids.size();
+}
+
+// Workers share a copy and a restore at a service's latency: the same bytes,
+// each folder made once, and the node cache they learned merged whole, so
+// that the second copy costs what it costs after a copy with one agent, but
+// for each worker's own confirmations of the folders it works in (a folder's
+// place is confirmed once per agent before anything is stored or deleted in
+// it). A service that answers at once gets one worker.
 TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
     makeTree(path("src"));
     for (int n = 0; n < 40; ++n)
@@ -250,8 +260,11 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
         SCOPED_TRACE(transfers);
         std::string remote = "t" + transfers;
         drive().clearRequestLog();
+        drive().clearFaults();
+        if (transfers != "1") drive().addFault(DriveEmulator::Fault::delay("*", 10).always());
         int64_t const known = cacheRecords();
         ASSERT_EQ(run({"copy", "--transfers", transfers, path("src"), remote}).code, 0);
+        EXPECT_EQ(agentsServing(drive().requestLog(), "uploadFile"), transfers == "1" ? 1u : 3u);
         learned[transfers] = cacheRecords() - known;
         first[transfers] = drive().countRequests();
         folders[transfers] = drive().countRequests("createFolder");
@@ -268,6 +281,10 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
         EXPECT_EQ(run({"check", "--transfers", transfers, path(remote), remote}).code, 0);
         EXPECT_EQ(std::system(("diff -r " + path("src") + " " + path(remote)).c_str()), 0);
     }
+    drive().clearFaults();
+    drive().clearRequestLog();
+    ASSERT_EQ(run({"copy", "--transfers", "3", path("src"), "fast"}).code, 0);
+    EXPECT_EQ(agentsServing(drive().requestLog(), "uploadFile"), 1u);
     EXPECT_EQ(folders["1"], 14);  // the copy's top and its thirteen folders
     EXPECT_EQ(folders["3"], folders["1"]);
     EXPECT_EQ(second["3"], second["1"]);
