@@ -59,7 +59,9 @@ class WorkerPool {
     // Hands out `jobs` to at most `limit` workers (the first ones, so that
     // a run on one worker uses the one that learned most) until none is left
     // and every worker is idle, passing each result to `onResult` and the
-    // bytes of running transfers to `progress` (may be null). After an
+    // bytes of running transfers to `progress` (may be null). Workers beyond
+    // the first start only once the jobs show the service slow (see
+    // ServicePace) or for a warm-up. After an
     // interrupt no further job is handed out and the workers are asked to
     // cancel. While it waits for results it calls `idleWork` (if given), which
     // does a short piece of other work and says whether more is left. False
