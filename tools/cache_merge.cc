@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <set>
@@ -84,6 +85,17 @@ bool writeCacheLines(std::string const& path, std::map<std::string, std::string>
         close(folder);
     }
     return true;
+}
+
+bool copyWholeFile(std::string const& from, std::string const& to) {
+    std::error_code failed;
+    std::uintmax_t const size = std::filesystem::file_size(from, failed);
+    bool const whole = !failed &&
+                       std::filesystem::copy_file(
+                           from, to, std::filesystem::copy_options::overwrite_existing, failed) &&
+                       std::filesystem::file_size(to, failed) == size && !failed;
+    if (!whole) std::filesystem::remove(to, failed);
+    return whole;
 }
 
 bool cacheMayKnowName(std::string const& path, std::string const& name) {

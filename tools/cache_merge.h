@@ -18,6 +18,10 @@ std::map<std::string, std::string> readCacheLines(std::string const& path);
 // cannot be read.
 bool cacheMayKnowName(std::string const& path, std::string const& name);
 
+// Copies the file `from` to `to`; true only when `to` then holds all of it.
+// On any failure (a full disk, a short write) `to` is removed.
+bool copyWholeFile(std::string const& from, std::string const& to);
+
 // Three-way merge by object id: starts from `base`, what the workers started
 // from, then takes every record a worker added or changed and drops every
 // record a worker dropped (it proved the object gone or moved). A worker

@@ -15,6 +15,7 @@
 #include "plugin_module.h"
 #include "remote_tree.h"
 #include "stderr_filter.h"
+#include "worker_process.h"
 
 namespace gdhost {
 namespace {
@@ -44,11 +45,6 @@ int runCommand(Invocation& inv) {
     PluginModule module;
     if (!module.load(inv.destination.plugin, error)) return reportProblem(error, kExitError);
     showPluginLog(inv.verbose);
-    if (inv.verbose) {
-        TAVO::Backup::TransferAgent::setDebug(true);
-        TAVO::Backup::TransferAgent::setDebugSink(
-            [](std::string const& line) { fprintf(stderr, "trace: %s\n", line.c_str()); });
-    }
     installInterruptHandler();
     TAVO::Backup::Repository repository = makeRepository(inv.destination);
     std::unique_ptr<TAVO::Backup::TransferAgent> agent = module.makeAgent(repository);
@@ -152,6 +148,8 @@ int parseAndRun(int argc, char** argv) {
 }  // namespace gdhost
 
 int main(int argc, char** argv) {
+    // A worker of a parallel command: started by this tool, never by a person.
+    if (argc == 2 && std::string(argv[1]) == gdhost::kWorkerMode) return gdhost::runWorkerProcess();
     try {
         return gdhost::parseAndRun(argc, argv);
     } catch (std::exception const& e) {

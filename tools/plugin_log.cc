@@ -11,6 +11,8 @@
 #include <memory>
 #include <mutex>
 
+#include "backup/transfer_agent.h"
+
 namespace gdhost {
 
 namespace {
@@ -65,8 +67,14 @@ bool isSourcePrefix(std::string const& word) {
 }  // namespace
 
 void showPluginLog(bool verbose) {
-    std::lock_guard<std::mutex> lock(gMutex);
-    gShownMask = verbose ? LOG_UPTO(LOG_DEBUG) : LOG_MASK(LOG_WARNING);
+    {
+        std::lock_guard<std::mutex> lock(gMutex);
+        gShownMask = verbose ? LOG_UPTO(LOG_DEBUG) : LOG_MASK(LOG_WARNING);
+    }
+    if (!verbose) return;
+    TAVO::Backup::TransferAgent::setDebug(true);
+    TAVO::Backup::TransferAgent::setDebugSink(
+        [](std::string const& line) { fprintf(stderr, "trace: %s\n", line.c_str()); });
 }
 
 void beginOperation() {

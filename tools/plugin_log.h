@@ -10,7 +10,8 @@ namespace gdhost {
 
 // Shows the plug-in's lines on stderr as they are written: with `verbose` all
 // of them, else only warnings (retries and their pauses), so that a person
-// sees a retry as it happens instead of a long silence.
+// sees a retry as it happens instead of a long silence. With `verbose` the
+// agent's operation trace is shown too ("trace: ..." lines).
 void showPluginLog(bool verbose);
 
 // Why an operation failed, in the plug-in's own words.

@@ -22,199 +22,15 @@
 #include "cache_merge.h"
 #include "failure.h"
 #include "interrupt.h"
+#include "job_lines.h"
 #include "job_queue.h"
-#include "local_files.h"
-#include "partial_files.h"
-#include "plugin_log.h"
-#include "plugin_module.h"
-#include "remote_tree.h"
-#include "tree_files.h"
+#include "work_folder.h"
+#include "worker_process.h"
 
 namespace gdhost {
 
 using namespace TAVO::Backup;
 namespace fs = std::filesystem;
-
-namespace {
-
-// Writes to a worker's socket; a peer that is gone gives a failed write,
-// never SIGPIPE.
-bool writeAll(int fd, std::string const& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// A line per job and per result: the writer and reader are made once, not
-// for each of the thousands of lines of a tree.
-std::string lineOf(Json::Value const& value) {
-    static Json::StreamWriterBuilder const builder = [] {
-        Json::StreamWriterBuilder b;
-        b["indentation"] = "";
-        return b;
-    }();
-    return Json::writeString(builder, value) + "\n";
-}
-
-bool parseLine(std::string const& line, Json::Value& value) {
-    static std::unique_ptr<Json::CharReader> const reader(
-        Json::CharReaderBuilder().newCharReader());
-    return reader->parse(line.data(), line.data() + line.size(), &value, nullptr) &&
-           value.isObject();
-}
-
-// ---- The worker's side ----------------------------------------------------
-
-// Reports the bytes of the running transfer to the parent, at most five
-// times a second, and passes on cancellation.
-class WorkerProgress {
-  public:
-    explicit WorkerProgress(int results) : _results(results) {}
-    TransferAgent::ProgressHook hook() {
-        return [this](long bytes) {
-            _pending += bytes;
-            auto now = std::chrono::steady_clock::now();
-            if (now - _sent >= std::chrono::milliseconds(200)) {
-                Json::Value line(Json::objectValue);
-                line["progress"] = static_cast<Json::Int64>(_pending);
-                writeAll(_results, lineOf(line));
-                _reported += _pending;
-                _pending = 0;
-                _sent = now;
-            }
-            return !interrupted();
-        };
-    }
-    int64_t reported() const { return _reported; }
-
-  private:
-    int _results;
-    int64_t _pending = 0;
-    int64_t _reported = 0;
-    std::chrono::steady_clock::time_point _sent = std::chrono::steady_clock::now();
-};
-
-Json::Value entryOf(FileInfo const& info) {
-    Json::Value entry(Json::objectValue);
-    entry["name"] = info.getRpath();
-    entry["dir"] = info.isDirType();
-    entry["size"] = static_cast<Json::Int64>(info.getSize());
-    entry["mtime"] = static_cast<Json::Int64>(info.getMtime());
-    entry["md5"] = info.getChecksum();
-    return entry;
-}
-
-// A transfer's job: the plug-in's temporary file stays private until it
-// takes its name, then gets a new file's mode; a download holds its folder
-// as the one-agent form does.
-bool runTransfer(TransferAgent& agent, Json::Value const& job, int results, Json::Value& result) {
-    WorkerProgress progress(results);
-    bool const send = job["op"].asString() == "send";
-    std::string const remote = job["remote"].asString();
-    std::string const local = absoluteLocalPath(job["local"].asString());
-    FileInfo info(remote);
-    if (send) {
-        if (!agent.sendFile(local, remote, progress.hook(), true, info)) return false;
-        result["bytes"] = static_cast<Json::Int64>(info.getSize() - progress.reported());
-        return true;
-    }
-    DownloadClaim claim(local.substr(0, local.find_last_of('/')));
-    if (!agent.recvFile(remote, local, progress.hook(), info)) return false;
-    chmod(local.c_str(), newFileMode());
-    result["bytes"] = static_cast<Json::Int64>(job["size"].asInt64() - progress.reported());
-    return true;
-}
-
-Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
-    std::string const op = job["op"].asString();
-    std::string const remote = job["remote"].asString();
-    Json::Value result(Json::objectValue);
-    bool ok = false;
-    beginOperation();
-    setError(ERR_NONE);
-    if (interrupted()) {
-        setError(ERR_CANCELED);
-    } else if (op == "list") {
-        std::list<FileInfo> listed;
-        // Only for what it confirms: a failure shows in the listing below.
-        if (job.isMember("first")) agent.listDir(job["first"].asString(), listed);
-        ok = agent.listDir(remote, listed);
-        result["entries"] = Json::Value(Json::arrayValue);
-        for (FileInfo const& info : listed) result["entries"].append(entryOf(info));
-    } else if (op == "mkdir") {
-        ok = job["parents"].asBool() ? makeRemoteFolders(agent, remote) : agent.createDir(remote);
-    } else if (op == "remove") {
-        ok = job["folder"].asBool() ? agent.removeDirRecursive(remote) : agent.removeFile(remote);
-    } else if (op == "send" || op == "recv") {
-        ok = runTransfer(agent, job, results, result);
-    } else {
-        setError(ERR_BAD_ARGUMENT);
-    }
-    if (!ok && interrupted()) setError(ERR_CANCELED);
-    result["ok"] = ok;
-    if (!ok) {
-        // Described here, where the plug-in logged the reason.
-        Failure failure =
-            describeFailure(getError(), job["folder"].asBool() ? Wanted::kFolder : Wanted::kFile);
-        result["code"] = failure.engineCode;
-        result["words"] = failure.words;
-        result["exit"] = failure.exitCode;
-        result["stops"] = failure.stopsRun;
-    }
-    return result;
-}
-
-// The worker process: one agent, jobs in, results out, until the parent
-// closes the job pipe; then the node cache is flushed into the worker's own
-// file. Never returns.
-[[noreturn]] void workerMain(Session& s, Destination const& destination, int jobs, int results) {
-    int rc = 0;
-    try {
-        Repository repository = makeRepository(destination);
-        std::unique_ptr<TransferAgent> agent = s.module->makeAgent(repository);
-        if (!agent) _exit(kExitError);
-        agent->setTargetId(destination.target);
-        agent->setTransferOption(Task(destination.target));
-        agent->setCancelHook(interrupted);
-        std::string pending;
-        char buffer[4096];
-        for (;;) {
-            ssize_t n = read(jobs, buffer, sizeof buffer);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            pending.append(buffer, static_cast<size_t>(n));
-            size_t end;
-            while ((end = pending.find('\n')) != std::string::npos) {
-                Json::Value job;
-                bool parsed = parseLine(pending.substr(0, end), job);
-                pending.erase(0, end + 1);
-                Json::Value result(Json::objectValue);
-                if (parsed) {
-                    result = runJob(*agent, job, results);
-                } else {
-                    result["ok"] = false;
-                    result["code"] = ERR_BAD_ARGUMENT;
-                    result["exit"] = kExitError;
-                }
-                if (!writeAll(results, lineOf(result))) _exit(kExitError);
-            }
-        }
-        if (!agent->flushCache()) rc = kExitError;
-    } catch (...) {
-        rc = kExitError;
-    }
-    fflush(stdout);
-    _exit(rc);
-}
-
-}  // namespace
-
-// ---- The parent's side ----------------------------------------------------
 
 namespace {
 
@@ -236,6 +52,20 @@ WorkerPool::~WorkerPool() {
         std::error_code ignored;
         fs::remove_all(_folder, ignored);
     }
+    if (_folderLock >= 0) close(_folderLock);
+}
+
+std::string WorkerPool::reap(Worker& w) {
+    if (w.pid <= 0) return "worker process ended";
+    int status = 0;
+    pid_t got;
+    while ((got = waitpid(w.pid, &status, 0)) < 0 && errno == EINTR) {
+    }
+    w.pid = -1;
+    if (got < 0) return "worker process ended";
+    if (WIFSIGNALED(status))
+        return "worker process ended by signal " + std::to_string(WTERMSIG(status));
+    return "worker process ended with exit status " + std::to_string(WEXITSTATUS(status));
 }
 
 void WorkerPool::stopAll() {
@@ -246,35 +76,25 @@ void WorkerPool::stopAll() {
     for (Worker& w : _workers) {
         if (w.results >= 0) close(w.results);
         w.results = -1;
-        if (w.pid > 0) {
-            int status;
-            while (waitpid(w.pid, &status, 0) < 0 && errno == EINTR) {
-            }
-        }
-        w.pid = -1;
+        reap(w);
     }
 }
 
 bool WorkerPool::start(int count, std::string& error) {
-    char const* tmp = getenv("TMPDIR");
-    std::string folder = std::string(tmp && *tmp ? tmp : "/tmp") + "/gdrive_host.XXXXXX";
-    if (!mkdtemp(&folder[0])) {
-        error = std::string("cannot make a folder for the workers: ") + strerror(errno);
-        return false;
-    }
-    _folder = folder;
+    _folder = makeWorkFolder(_folderLock, error);
+    if (_folder.empty()) return false;
     _count = count < 1 ? 1 : count;
     std::string const mainFile = nodeCacheFile(_session.destination);
-    std::error_code failed;
     _baseFile = _folder + "/base.node";
-    if (fs::exists(mainFile)) fs::copy_file(mainFile, _baseFile, failed);
+    // A base that is not the whole file (a full temporary folder) would make
+    // every record it lacks look proven gone at the merge.
+    _baseInDoubt = fs::exists(mainFile) && !copyWholeFile(mainFile, _baseFile);
     // A tree the node cache has never seen is most likely new, and a warm-up
     // would only start agents to find nothing.
     if (_warmCount > 0 && !cacheMayKnowName(_baseFile, _warmProbe)) _warmCount = 0;
     // Warming up is a bet on a slow service, made before any answer: the
     // listing is then spread as at a service's pace from the start.
     if (_warmCount > 0) _pace.assumeSlow();
-    acceptStopSignal();  // before any fork: a stop sent early must not kill a worker
     return true;
 }
 
@@ -285,9 +105,10 @@ bool WorkerPool::spawn() {
     std::error_code failed;
     fs::create_directories(fs::path(file).parent_path(), failed);
     struct stat copied {};
-    if (fs::exists(_baseFile) && fs::copy_file(_baseFile, file, failed) &&
-        stat(file.c_str(), &copied) != 0)
-        copied.st_ino = 0;
+    // A worker whose copy failed works without a node cache: it learns
+    // everything anew, and proves nothing gone.
+    bool const withBase =
+        fs::exists(_baseFile) && copyWholeFile(_baseFile, file) && stat(file.c_str(), &copied) == 0;
     int toWorker[2], fromWorker[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, toWorker) != 0) return false;
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fromWorker) != 0) {
@@ -295,24 +116,13 @@ bool WorkerPool::spawn() {
         close(toWorker[1]);
         return false;
     }
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        // Only this worker's own ends stay open in it.
-        for (Worker const& other : _workers) {
-            if (other.jobs >= 0) close(other.jobs);
-            if (other.results >= 0) close(other.results);
-        }
-        close(toWorker[1]);
-        close(fromWorker[0]);
-        workerMain(_session, destination, toWorker[0], fromWorker[1]);
-    }
+    pid_t pid = spawnWorkerProcess(toWorker[0], fromWorker[1]);
     close(toWorker[0]);
     close(fromWorker[1]);
-    if (pid < 0) {
+    if (pid < 0 || !sendAll(toWorker[1], lineOf(workerSetup(destination, _session.args.verbose)))) {
         close(toWorker[1]);
         close(fromWorker[0]);
+        if (pid > 0) waitpid(pid, nullptr, 0);  // it read no set-up: it ends at once
         return false;
     }
     Worker worker;
@@ -320,7 +130,8 @@ bool WorkerPool::spawn() {
     worker.jobs = toWorker[1];
     worker.results = fromWorker[0];
     worker.cacheFile = file;
-    worker.copiedInode = copied.st_ino;
+    worker.copiedInode = withBase ? copied.st_ino : 0;
+    worker.withBase = withBase || !fs::exists(_baseFile);
     _workers.push_back(worker);
     return true;
 }
@@ -339,10 +150,16 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         w.jobs = -1;
         std::deque<Worker::Sent> sent = std::move(w.sent);
         w.sent.clear();
+        std::string const how = reap(w);
         if (!sent.empty() && !sent.front().job["warm"].asBool()) {
             Json::Value result(Json::objectValue);
             result["ok"] = false;
             result["code"] = interrupted() ? ERR_CANCELED : ERR_GENERAL;
+            if (!interrupted()) {
+                result["words"] = std::string("error 1, general failure: ") + how;
+                result["exit"] = kExitError;
+                result["stops"] = false;
+            }
             if (!onResult(sent.front().job, result, jobs)) keepGoing = false;
         }
         // The jobs waiting behind it never started: another worker takes them.
@@ -469,7 +286,7 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                 }
                 w.home = job["warm"].asBool() ? job["remote"].asString() : group;
                 sent.job = std::move(job);
-                if (!writeAll(w.jobs, lineOf(sent.job))) {
+                if (!sendAll(w.jobs, lineOf(sent.job))) {
                     // Gone: what it was sent before is settled when its
                     // results end.
                     if (!sent.job["warm"].asBool()) queue.putBack(std::move(sent.job));
@@ -533,6 +350,11 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
 
 bool WorkerPool::finish(std::string& error) {
     stopAll();
+    if (_baseInDoubt) {
+        error = "it could not be copied whole for the workers";
+        return false;
+    }
+    std::map<std::string, std::string> const base = readCacheLines(_baseFile);
     std::vector<std::map<std::string, std::string>> learned;
     for (Worker const& w : _workers) {
         // The plug-in saves through a new file renamed into place: a copy
@@ -541,12 +363,14 @@ bool WorkerPool::finish(std::string& error) {
         if (stat(w.cacheFile.c_str(), &now) != 0) continue;
         if (w.copiedInode != 0 && now.st_ino == w.copiedInode) continue;
         learned.push_back(readCacheLines(w.cacheFile));
+        // One that started without the base only adds what it learned.
+        if (!w.withBase) learned.back().insert(base.begin(), base.end());
     }
     if (learned.empty()) return true;
     std::string const mainFile = nodeCacheFile(_session.destination);
     std::error_code failed;
     fs::create_directories(fs::path(mainFile).parent_path(), failed);
-    return writeCacheLines(mainFile, mergeCacheLines(readCacheLines(_baseFile), learned), error);
+    return writeCacheLines(mainFile, mergeCacheLines(base, learned), error);
 }
 
 bool runOnWorkers(Session& s, int count, std::deque<Json::Value> jobs,

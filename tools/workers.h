@@ -106,6 +106,7 @@ class WorkerPool {
         int results = -1;  // parent's end for reading results
         std::string cacheFile;
         ino_t copiedInode = 0;  // its cache file's as copied, 0 if none
+        bool withBase = true;   // it started from the base (or there was none)
         std::string received;   // a partial result line
         struct Sent {
             Json::Value job;
@@ -127,13 +128,18 @@ class WorkerPool {
 
     void stopAll();
     bool spawn();
+    // Waits for the worker `w` to end (it closed its results) and says how
+    // it ended, for a person ("worker process ended by signal 9").
+    std::string reap(Worker& w);
     bool readResults(Worker& worker, std::deque<Json::Value>& jobs, ResultHandler const& onResult,
                      ProgressLine* progress, bool& keepGoing);
 
     Session& _session;
     std::vector<Worker> _workers;
-    std::string _folder;  // the workers' node cache copies
+    std::string _folder;   // the workers' node cache copies
+    int _folderLock = -1;  // held while the folder is in use (see makeWorkFolder)
     std::string _baseFile;
+    bool _baseInDoubt = false;  // the node cache file could not be copied whole
     int _count = 1;
     bool _stopSent = false;
     std::set<std::string> _listed;  // the folders any worker listed
