@@ -1,5 +1,7 @@
-// Worker processes for the commands that move many files. Each worker is a
-// child process with its own transfer agent, and so its own drive agent and
+// Worker processes for the commands that move many files. Each worker is
+// this tool started anew in worker mode (see worker_process.h, which says why
+// it is exec'd, never merely forked) with its own transfer agent, and so its
+// own drive agent and
 // its own copy of the node cache file: starting a drive agent changes the
 // process environment, so two of them must never start at once in one
 // process, and an agent may restart its drive agent after any failure. The
