@@ -1,10 +1,10 @@
 // Worker processes for the commands that move many files. Each worker is
 // this tool started anew in worker mode (see worker_process.h, which says why
 // it is exec'd, never merely forked) with its own transfer agent, and so its
-// own drive agent and
-// its own copy of the node cache file: starting a drive agent changes the
-// process environment, so two of them must never start at once in one
-// process, and an agent may restart its drive agent after any failure. The
+// own drive agent and its own copy of the node cache file: starting a drive
+// agent changes the process environment, so two of them must never start at
+// once in one process, and an agent may restart its drive agent after any
+// failure. The
 // parent starts no drive agent while workers run; it hands out jobs, is the
 // only reader of their results, and merges their node caches at the end.
 // Jobs and results travel as JSON lines over a pair of sockets per worker,
