@@ -9,14 +9,18 @@ namespace gdhost {
 
 namespace {
 
-volatile sig_atomic_t gStopRequests = 0;
+volatile sig_atomic_t gInterrupts = 0;
+// A stop passed on by the parent of a worker. Kept apart from the person's
+// interrupts: a worker gets the terminal's Ctrl-C and its parent's request
+// for the same one, in either order, and that is no insisting.
+volatile sig_atomic_t gStopRequested = 0;
 
 void onInterrupt(int) {
-    if (gStopRequests > 0) _exit(kExitCanceled);  // the person insists
-    gStopRequests = 1;
+    if (gInterrupts > 0) _exit(kExitCanceled);  // the person insists
+    gInterrupts = 1;
 }
 
-void onStopRequest(int) { gStopRequests = 1; }
+void onStopRequest(int) { gStopRequested = 1; }
 
 }  // namespace
 
@@ -39,6 +43,6 @@ void installInterruptHandler() {
     signal(SIGXFSZ, SIG_IGN);
 }
 
-bool interrupted() { return gStopRequests != 0; }
+bool interrupted() { return gInterrupts != 0 || gStopRequested != 0; }
 
 }  // namespace gdhost

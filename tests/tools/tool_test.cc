@@ -596,7 +596,7 @@ TEST_F(ToolTest, InterruptLeavesNothingBehind) {
         pid_t pid = start(c.args);
         std::this_thread::sleep_for(500ms);
         auto sent = std::chrono::steady_clock::now();
-        kill(pid, SIGINT);
+        kill(-pid, SIGINT);  // as a terminal's Ctrl-C: to every process of the run
         Result r = finish(pid);
         EXPECT_LT(std::chrono::steady_clock::now() - sent, 2s);
         EXPECT_EQ(r.code, 130) << r.err;
@@ -616,19 +616,27 @@ TEST_F(ToolTest, InterruptLeavesNothingBehind) {
 }
 
 // The person insists: a second Ctrl-C ends the process without waiting for
-// the first one's clean-up.
-TEST(InterruptTest, SecondInterruptEndsTheProcessAtOnce) {
-    pid_t pid = fork();
-    if (pid == 0) {
-        gdhost::installInterruptHandler();
-        raise(SIGINT);
-        if (!gdhost::interrupted()) _exit(1);
-        raise(SIGINT);
-        _exit(0);
+// the first one's clean-up. A worker's stop request from its parent, before
+// or after the terminal's Ctrl-C, is no insisting.
+TEST(InterruptTest, OnlyASecondInterruptEndsTheProcessAtOnce) {
+    struct Case {
+        int first, second, exitCode;
+    } const cases[] = {{SIGINT, SIGINT, 130}, {SIGUSR1, SIGINT, 0}, {SIGINT, SIGUSR1, 0}};
+    for (auto const& c : cases) {
+        SCOPED_TRACE(std::to_string(c.first) + " then " + std::to_string(c.second));
+        pid_t pid = fork();
+        if (pid == 0) {
+            gdhost::installInterruptHandler();
+            gdhost::acceptStopSignal();
+            raise(c.first);
+            if (!gdhost::interrupted()) _exit(1);
+            raise(c.second);
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode) << status;
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status;
 }
 
 }  // namespace
