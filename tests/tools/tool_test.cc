@@ -39,12 +39,24 @@ struct Result {
     std::string out, err;
 };
 
+// A file of /proc/PID; empty once the process is gone.
+std::string procText(pid_t pid, char const* name) {
+    std::string text;
+    int fd = open(("/proc/" + std::to_string(pid) + "/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+    char buffer[4096];
+    ssize_t n;
+    while (fd >= 0 && (n = read(fd, buffer, sizeof buffer)) > 0)
+        text.append(buffer, static_cast<size_t>(n));
+    if (fd >= 0) close(fd);
+    return text;
+}
+
 // The fields of /proc/PID/stat after the command name: state, parent, group.
 struct ProcessStat {
     pid_t parent = 0, group = 0;
 };
 bool readStat(pid_t pid, ProcessStat& stat) {
-    std::string text = readFile("/proc/" + std::to_string(pid) + "/stat");
+    std::string text = procText(pid, "stat");
     size_t end = text.rfind(')');
     if (end == std::string::npos) return false;
     std::istringstream fields(text.substr(end + 2));
@@ -68,8 +80,7 @@ void printStacks(pid_t group) {
         ProcessStat stat;
         if (!readStat(pid, stat) || stat.group != group) continue;
         std::string const id = std::to_string(pid);
-        fprintf(stderr, "== process %s: %s\n", id.c_str(),
-                readFile("/proc/" + id + "/cmdline").c_str());
+        fprintf(stderr, "== process %s: %s\n", id.c_str(), procText(pid, "cmdline").c_str());
         std::string gdb =
             "timeout 60 gdb -batch -nx -p " + id + " -ex 'thread apply all bt' </dev/null >&2 2>&1";
         if (std::system(gdb.c_str()) != 0) fprintf(stderr, "(gdb failed)\n");
@@ -389,7 +400,7 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
         // Fewer failures than a file's retries: every file gets through.
         drive().addFault(DriveEmulator::Fault::fail("uploadFile", 503).forNext(8));
         pid_t pid = start({"copy", "--transfers", "8", path("src"), "r" + std::to_string(round)});
-        std::string const parentLine = readFile("/proc/" + std::to_string(pid) + "/cmdline");
+        std::string const parentLine = procText(pid, "cmdline");
         std::set<pid_t> lookedLikeParent;
         Result r = finish(pid, [&] {
             std::set<pid_t> now;
@@ -397,7 +408,7 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
                 ProcessStat stat;
                 if (!readStat(child, stat) || stat.parent != pid) continue;
                 children.insert(child);
-                if (readFile("/proc/" + std::to_string(child) + "/cmdline") != parentLine) continue;
+                if (procText(child, "cmdline") != parentLine) continue;
                 if (lookedLikeParent.count(child)) copies.insert(child);
                 now.insert(child);
             }
@@ -410,17 +421,24 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
     EXPECT_TRUE(copies.empty()) << copies.size() << " workers went on as copies of the parent";
 
     // A worker killed during its job is named in that file's failure: the
-    // second one to start (the first lists and makes the folders), once it
-    // has run for 30 ms.
+    // second one to start (the first lists and makes the folders), once its
+    // drive agent runs (it has read its set-up and has a job).
     pid_t pid = start({"copy", "--transfers", "8", path("src"), "killed"});
-    std::vector<pid_t> seen;
-    std::map<pid_t, int> looks;
+    std::vector<pid_t> workers;
+    bool killed = false;
     Result r = finish(pid, [&] {
-        for (pid_t child : allProcesses()) {
+        std::vector<pid_t> const now = allProcesses();
+        for (pid_t child : now) {
             ProcessStat stat;
-            if (!readStat(child, stat) || stat.parent != pid) continue;
-            if (!looks.count(child)) seen.push_back(child);
-            if (++looks[child] == 3 && seen.size() >= 2 && child == seen[1]) kill(child, SIGKILL);
+            if (readStat(child, stat) && stat.parent == pid &&
+                std::find(workers.begin(), workers.end(), child) == workers.end())
+                workers.push_back(child);
+        }
+        for (pid_t agent : now) {
+            ProcessStat stat;
+            if (!killed && workers.size() >= 2 && readStat(agent, stat) &&
+                stat.parent == workers[1])
+                killed = kill(workers[1], SIGKILL) == 0;
         }
     });
     EXPECT_EQ(r.code, 1) << r.err;
