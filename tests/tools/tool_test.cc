@@ -400,9 +400,10 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
         // Fewer failures than a file's retries: every file gets through.
         drive().addFault(DriveEmulator::Fault::fail("uploadFile", 503).forNext(8));
         pid_t pid = start({"copy", "--transfers", "8", path("src"), "r" + std::to_string(round)});
-        std::string const parentLine = procText(pid, "cmdline");
         std::set<pid_t> lookedLikeParent;
         Result r = finish(pid, [&] {
+            // Read each time: the first looks may come before the tool's exec.
+            std::string const parentLine = procText(pid, "cmdline");
             std::set<pid_t> now;
             for (pid_t child : allProcesses()) {
                 ProcessStat stat;
