@@ -387,12 +387,24 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
 // without exec could inherit a lock that thread held (the allocator's under
 // the sanitizers) and block for ever; the run limit then catches it. The tool's
 // children are also looked at while it runs: each must run a program of its
-// own, never go on as a copy of the parent (the same command line seen twice
-// in a row, 10 ms apart: an exec takes microseconds).
+// own, never go on as a copy of the parent (one that still has the parent's
+// command line when it has started a drive agent of its own; a child on its
+// way to an exec has none).
 TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
     for (int n = 0; n < 48; ++n)
         write(path("src/") + std::to_string(n % 6) + "/" + std::to_string(n), "n");
     ASSERT_EQ(run({"init"}).code, 0);
+    // Workers' folders left by runs that died go with the next run; a live
+    // run's (its lock held) stays.
+    std::string const tmp = path("tmp");
+    for (char const* name : {"/gdrive_host.dead00", "/gdrive_host.live00"}) {
+        write(tmp + name + "/lock", "");
+        struct timespec const old[2] = {{1, 0}, {1, 0}};
+        utimensat(AT_FDCWD, (tmp + name + "/lock").c_str(), old, 0);
+    }
+    int live = open((tmp + "/gdrive_host.live00/lock").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(live, LOCK_EX), 0);
+    setenv("TMPDIR", tmp.c_str(), 1);
     drive().addFault(DriveEmulator::Fault::delay("*", 5).always());
     std::set<pid_t> children, copies;
     for (int round = 0; round < 6; ++round) {
@@ -400,26 +412,31 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
         // Fewer failures than a file's retries: every file gets through.
         drive().addFault(DriveEmulator::Fault::fail("uploadFile", 503).forNext(8));
         pid_t pid = start({"copy", "--transfers", "8", path("src"), "r" + std::to_string(round)});
-        std::set<pid_t> lookedLikeParent;
         Result r = finish(pid, [&] {
             // Read each time: the first looks may come before the tool's exec.
             std::string const parentLine = procText(pid, "cmdline");
-            std::set<pid_t> now;
-            for (pid_t child : allProcesses()) {
+            std::map<pid_t, pid_t> parents;
+            for (pid_t process : allProcesses()) {
                 ProcessStat stat;
-                if (!readStat(child, stat) || stat.parent != pid) continue;
-                children.insert(child);
-                if (procText(child, "cmdline") != parentLine) continue;
-                if (lookedLikeParent.count(child)) copies.insert(child);
-                now.insert(child);
+                if (readStat(process, stat)) parents[process] = stat.parent;
             }
-            lookedLikeParent = now;
+            for (auto const& [child, parent] : parents) {
+                if (parent != pid) continue;
+                children.insert(child);
+                bool const hasChild = std::any_of(parents.begin(), parents.end(),
+                                                  [&](auto const& p) { return p.second == child; });
+                if (hasChild && procText(child, "cmdline") == parentLine) copies.insert(child);
+            }
         });
         ASSERT_EQ(r.code, 0) << r.err;
         EXPECT_NE(r.out.find("48 sent"), std::string::npos) << r.out;
     }
     EXPECT_GE(children.size(), 6u * 2);
     EXPECT_TRUE(copies.empty()) << copies.size() << " workers went on as copies of the parent";
+    EXPECT_EQ(std::distance(fs::directory_iterator(tmp), fs::directory_iterator()), 1);
+    EXPECT_TRUE(fs::exists(tmp + "/gdrive_host.live00/lock"));
+    close(live);
+    unsetenv("TMPDIR");
 
     // A worker killed during its job is named in that file's failure: the
     // second one to start (the first lists and makes the folders), once its
