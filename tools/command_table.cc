@@ -6,21 +6,24 @@ namespace gdhost {
 
 namespace {
 
+// One word each: a word more is left over, and refused by name.
+CLI::Option* onePath(char const* name, char const* what, CLI::App& c, CommandArgs& a) {
+    return c
+        .add_option_function<std::string>(
+            name, [&a](std::string const& path) { a.paths.push_back(path); }, what)
+        ->type_name("");
+}
+
 void remoteOptional(CLI::App& c, CommandArgs& a) {
-    c.add_option("PATH", a.paths, "folder of the target (default: its top)")->expected(0, 1);
+    onePath("PATH", "folder of the target (default: its top)", c, a);
 }
 
 void remoteRequired(CLI::App& c, CommandArgs& a) {
-    c.add_option("PATH", a.paths, "path in the target")->required()->expected(1);
+    onePath("PATH", "path in the target", c, a)->required();
 }
 
 void twoPaths(char const* from, char const* to, CLI::App& c, CommandArgs& a) {
-    for (char const* name : {from, to}) {
-        c.add_option_function<std::string>(
-             name, [&a](std::string const& path) { a.paths.push_back(path); })
-            ->required()
-            ->type_name("");
-    }
+    for (char const* name : {from, to}) onePath(name, "", c, a)->required();
 }
 
 void transfers(CLI::App& c, CommandArgs& a) {

@@ -131,6 +131,44 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         EXPECT_NE(r.out.find(c.onStdout), std::string::npos) << r.out;
         EXPECT_NE(r.err.find(c.onStderr), std::string::npos) << r.err;
     }
+    // Every command with all the words it takes, then one word more: a
+    // misspelt option (even one followed by a value: "--transfer 8") or a
+    // surplus argument is refused before anything is done.
+    std::map<std::string, std::vector<std::string>> const full = {
+        {"help", {"ls"}},       {"authorize", {"--timeout", "1"}},
+        {"init", {}},           {"ls", {"a"}},
+        {"tree", {"a"}},        {"stat", {"a"}},
+        {"size", {"a"}},        {"about", {}},
+        {"mkdir", {"a"}},       {"put", {"f", "a"}},
+        {"get", {"a", "f"}},    {"copy", {"d", "a"}},
+        {"sync", {"d", "a"}},   {"restore", {"a", "d"}},
+        {"check", {"d", "a"}},  {"rm", {"a"}},
+        {"purge", {"-f", "a"}}, {"containers", {}},
+        {"cache", {"show"}},    {"dupes", {"a"}},
+    };
+    std::string listed = run({"--help"}).out;
+    std::istringstream lines(listed.substr(listed.find("Subcommands:\n") + 13));
+    size_t commands = 0;
+    for (std::string line; std::getline(lines, line) && !line.empty(); ++commands) {
+        std::string name = line.substr(2, line.find(' ', 2) - 2);
+        EXPECT_TRUE(full.count(name)) << name << " is not tried below";
+    }
+    EXPECT_EQ(commands, full.size());
+    for (auto const& [name, args] : full) {
+        for (char const* stray : {"--bogus", "surplus"}) {
+            // An unknown option before the arguments, with a value any
+            // argument could take; a word after them.
+            std::vector<std::string> words{name};
+            if (stray[0] == '-') words.insert(words.end(), {stray, "show"});
+            words.insert(words.end(), args.begin(), args.end());
+            if (stray[0] != '-') words.push_back(stray);
+            SCOPED_TRACE(::testing::PrintToString(words));
+            Result r = run(words);
+            EXPECT_EQ(r.code, 2) << r.err;
+            EXPECT_NE(r.err.find(name + ": "), std::string::npos) << r.err;
+            EXPECT_NE(r.err.find(stray), std::string::npos) << r.err;
+        }
+    }
     EXPECT_FALSE(fs::exists(path("data")));
 }
 
