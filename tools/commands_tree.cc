@@ -41,6 +41,9 @@ void addUnreadable(LocalTree const& tree, RunReport& report) {
     for (auto const& [rpath, why] : tree.unreadable) {
         report.add(failedLocally(rpath + "/", "cannot read the folder: " + why, kExitError));
     }
+    for (auto const& [rpath, why] : tree.unknown) {
+        report.add(failedLocally(rpath, "cannot examine it: " + why, kExitError));
+    }
 }
 
 bool withinAny(std::string const& rpath,
@@ -102,12 +105,17 @@ CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap 
             plan.bytes += entry.size;
         }
     }
-    for (auto const& name : tree.skipped) local.insert(name);
     // Folders deleted or replaced take their content with them.
     std::set<std::string> going(plan.replaced.begin(), plan.replaced.end());
     for (auto const& [rpath, info] : remote) {
         if (local.count(rpath) || belowAny(rpath, going)) continue;
-        if (withinAny(rpath, tree.unreadable)) continue;
+        // What the local tree holds at a path it skipped or could not read
+        // is unknown: its remote copy (a whole folder's, for a folder
+        // replaced by a symbolic link) is the only one left.
+        if (withinAny(rpath, tree.skipped) || withinAny(rpath, tree.unreadable) ||
+            withinAny(rpath, tree.unknown)) {
+            continue;
+        }
         plan.extras.push_back(rpath);
         if (info.isDirType()) going.insert(rpath);
     }
@@ -246,9 +254,9 @@ int copyTree(Session& s, bool deleting) {
         return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     }
     RunReport report("sent");
-    for (auto const& name : tree.skipped) {
-        fprintf(stderr, "gdrive_host: %s: skipped %s (not a regular file or folder)\n", command,
-                name.c_str());
+    for (auto const& [name, why] : tree.skipped) {
+        fprintf(stderr, "gdrive_host: %s: skipped %s (%s; its remote copy is kept)\n", command,
+                name.c_str(), why.c_str());
         FileOutcome skipped;
         skipped.kind = FileOutcome::kSkipped;
         report.add(skipped);
@@ -413,7 +421,8 @@ int runCheck(Session& s) {
     }
     for (auto const& rest : remote) {
         // What an unreadable folder holds is unknown, not missing.
-        if (!withinAny(rest.first, tree.unreadable)) missingLocal.append(rest.first);
+        if (!withinAny(rest.first, tree.unreadable) && !withinAny(rest.first, tree.unknown))
+            missingLocal.append(rest.first);
     }
     bool ok = differ.empty() && missingRemote.empty() && missingLocal.empty();
     if (s.args.json) {
