@@ -1,6 +1,8 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "destination_lock.h"
+#include "failure.h"
 
 namespace gdhost {
 
@@ -37,12 +39,26 @@ void json(CLI::App& c, CommandArgs& a) {
     c.add_flag("--json", a.json, "one JSON document on stdout");
 }
 
+// Runs `Run` once the destination's lock is held: the commands that change
+// the destination (or its node cache) never run two at a time on it.
+template <int (*Run)(Session&)>
+int changing(Session& s) {
+    std::string what = "gdrive_host";
+    for (Command const& command : commandTable()) {
+        if (command.run == &changing<Run>) what += std::string(" ") + command.name;
+    }
+    if (!s.args.action.empty()) what += " " + s.args.action;
+    for (std::string const& path : s.args.paths) what += " " + path;
+    int held = holdDestination(s.destination, what);
+    return held == kExitOk ? Run(s) : held;
+}
+
 }  // namespace
 
 std::vector<Command> const& commandTable() {
     static std::vector<Command> const table = {
         {"init", "create the container and the target folder", [](CLI::App&, CommandArgs&) {},
-         runInit},
+         changing<runInit>},
         {"ls", "list a folder (-R: the whole tree, -l: long form with a header)",
          [](CLI::App& c, CommandArgs& a) {
              remoteOptional(c, a);
@@ -70,9 +86,9 @@ std::vector<Command> const& commandTable() {
              remoteRequired(c, a);
              c.add_flag("-p,--parents", a.parents, "create missing parents");
          },
-         runMkdir},
+         changing<runMkdir>},
         {"put", "send one local file (missing remote folders are created)",
-         [](CLI::App& c, CommandArgs& a) { twoPaths("LOCAL", "REMOTE", c, a); }, runPut},
+         [](CLI::App& c, CommandArgs& a) { twoPaths("LOCAL", "REMOTE", c, a); }, changing<runPut>},
         {"get", "fetch one file",
          [](CLI::App& c, CommandArgs& a) { twoPaths("REMOTE", "LOCAL", c, a); }, runGet},
         {"copy",
@@ -83,7 +99,7 @@ std::vector<Command> const& commandTable() {
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent, send nothing");
              transfers(c, a);
          },
-         runCopy},
+         changing<runCopy>},
         {"sync",
          "make the remote tree match a local one: copy, then delete remote files and folders the "
          "local tree no longer has (nothing is deleted when a local folder cannot be read)",
@@ -92,7 +108,7 @@ std::vector<Command> const& commandTable() {
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent and deleted, do nothing");
              transfers(c, a);
          },
-         runSync},
+         changing<runSync>},
         {"restore", "fetch a remote tree into a local folder",
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("REMOTEDIR", "LOCALDIR", c, a);
@@ -106,13 +122,13 @@ std::vector<Command> const& commandTable() {
              transfers(c, a);
          },
          runCheck},
-        {"rm", "remove one file", remoteRequired, runRm},
+        {"rm", "remove one file", remoteRequired, changing<runRm>},
         {"purge", "remove a folder and everything below it",
          [](CLI::App& c, CommandArgs& a) {
              remoteRequired(c, a);
              c.add_flag("-f,--force", a.force, "do not ask (needed when stdin is not a terminal)");
          },
-         runPurge},
+         changing<runPurge>},
         {"containers", "list the top-level folders of the Drive", [](CLI::App&, CommandArgs&) {},
          runContainers},
         {"cache", "node cache: check (against the service), flush, drop, show",
@@ -121,7 +137,7 @@ std::vector<Command> const& commandTable() {
                  ->required()
                  ->check(CLI::IsMember({"check", "flush", "drop", "show"}));
          },
-         runCache},
+         changing<runCache>},
         {"dupes", "list names that one folder holds twice", remoteOptional, runDupes},
     };
     return table;

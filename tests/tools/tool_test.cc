@@ -49,7 +49,8 @@ class ToolTest : public ::testing::Test {
     // Starts the tool with `args`; stdout and stderr go to files in the folder.
     // With _unprivileged set and run as root (as CI runs), the tool runs as
     // nobody, so that file modes bind it.
-    pid_t start(std::vector<std::string> args) {
+    // `tag` names the files of one of several runs at once.
+    pid_t start(std::vector<std::string> args, std::string const& tag = "") {
         args.insert(args.begin(), GDRIVE_HOST);
         bool drop = _unprivileged && geteuid() == 0;
         if (drop) {
@@ -63,8 +64,8 @@ class ToolTest : public ::testing::Test {
             if (drop && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) _exit(126);
             if (chdir(_dir.c_str()) != 0) _exit(127);
             dup2(open("/dev/null", O_RDONLY), 0);
-            dup2(open((_dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-            dup2(open((_dir + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+            dup2(open((_dir + "/out" + tag).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+            dup2(open((_dir + "/err" + tag).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
             std::vector<char*> argv;
             for (auto& a : args) argv.push_back(a.data());
             argv.push_back(nullptr);
@@ -73,11 +74,11 @@ class ToolTest : public ::testing::Test {
         }
         return pid;
     }
-    Result finish(pid_t pid) {
+    Result finish(pid_t pid, std::string const& tag = "") {
         int status = 0;
         waitpid(pid, &status, 0);
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-                readFile(_dir + "/out"), readFile(_dir + "/err")};
+                readFile(_dir + "/out" + tag), readFile(_dir + "/err" + tag)};
     }
     Result run(std::vector<std::string> args) { return finish(start(std::move(args))); }
 
@@ -353,6 +354,30 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
         << full.err;
     EXPECT_NE(full.out.find("0 sent, 44 unchanged, 0 skipped, 1 failed"), std::string::npos)
         << full.out;
+}
+
+// Two runs that change one destination at once take turns: the second says
+// which run it waits for, and finds the folders the first made instead of
+// making its own.
+TEST_F(ToolTest, RunsOnOneDestinationTakeTurns) {
+    makeTree(path("src"));
+    ASSERT_EQ(run({"init"}).code, 0);
+    drive().addFault(DriveEmulator::Fault::delay("createFolder", 100).always());
+    pid_t one = start({"copy", "--transfers", "1", path("src"), "conc"}, "1");
+    pid_t two = start({"copy", path("src"), "conc"}, "2");
+    Result first = finish(one, "1"), second = finish(two, "2");
+    EXPECT_EQ(first.code, 0) << first.err;
+    EXPECT_EQ(second.code, 0) << second.err;
+    std::string const waited = first.err + second.err;
+    EXPECT_NE(waited.find("waiting for the run that changes nas1.hbk: process "), std::string::npos)
+        << waited;
+    EXPECT_NE(waited.find("(gdrive_host copy " + path("src") + " conc) since "), std::string::npos)
+        << waited;
+    EXPECT_NE((first.out + second.out).find("0 sent, 4 unchanged"), std::string::npos);
+    drive().clearFaults();
+    EXPECT_EQ(run({"dupes"}).out.find("conc"), std::string::npos);
+    Json::Value size = parse(run({"size", "--json", "conc"}).out);
+    EXPECT_EQ(size["folders"], 9) << size.toStyledString();
 }
 
 // Names are compared byte for byte, as the NAS file system does: "X" is no
