@@ -482,10 +482,13 @@ TEST_F(ToolTest, SyncKeepsWhatItSkipsOrCannotExamine) {
     EXPECT_EQ(run({"stat", "backup/docs/a.txt"}).code, 0);
     EXPECT_EQ(run({"stat", "backup/file"}).code, 0);
     EXPECT_EQ(run({"stat", "backup/gone"}).code, 4);
-    // Every folder below long/ matches; the file at its bottom was never compared.
+    // Every folder below long/ matches; the file at its bottom was never
+    // compared. A Latin-1 name is shown in valid UTF-8.
+    write(path("src/long/latin1-\xe9t\xe9"), "");
     Result check = run({"check", "--json", path("src/long"), "backup/long"});
     EXPECT_EQ(check.code, 1) << check.err;
     EXPECT_FALSE(parse(check.out)["ok"].asBool());
+    EXPECT_EQ(parse(check.out)["missing_remote"][0], "latin1-\xef\xbf\xbdt\xef\xbf\xbd");
     std::system(("rm -rf " + path("src/long")).c_str());  // too deep for remove_all
 }
 
