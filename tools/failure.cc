@@ -1,6 +1,8 @@
 #include "failure.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "backup/error.h"
 #include "interrupt.h"
@@ -98,8 +100,13 @@ Failure describeFailure(int engineCode, Wanted wanted) {
         failure.words += " (see the log with -v)";
     }
     failure.exitCode = exitCodeFor(engineCode, wanted, reason.serviceCode);
+    // The drive agent writes downloads itself, and its full disk reaches the
+    // engine as a general failure: only its words tell it.
+    bool diskFull = engineCode == ERR_LOCAL_NO_SPACE ||
+                    (engineCode == ERR_GENERAL &&
+                     reason.text.find(strerror(ENOSPC)) != std::string::npos);
     failure.stopsRun = engineCode == ERR_CREDENTIALS || engineCode == ERR_REMOTE_QUOTA ||
-                       engineCode == ERR_LOCAL_NO_SPACE || failure.exitCode == kExitCanceled;
+                       diskFull || failure.exitCode == kExitCanceled;
     return failure;
 }
 

@@ -6,6 +6,7 @@
 #include <json/reader.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -544,6 +545,23 @@ TEST_F(ToolTest, TreeFailuresAreCountedAndClassed) {
         EXPECT_EQ(drive().countRequests(c.fault.fn), c.requests);
     }
     EXPECT_EQ(readFile(path("back/a/b/c/d/deep")), "deep\n");
+}
+
+// A full local disk stops a restore at its first file that does not fit,
+// with the reason: every further file would meet it.
+TEST_F(ToolTest, FullDiskStopsARestore) {
+    for (int n = 0; n < 8; ++n) write(path("src/") + std::to_string(n), std::string(100000, 'f'));
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src"), "backup"}).code, 0);
+    fs::create_directory(path("small"));
+    ASSERT_EQ(mount("tmpfs", path("small").c_str(), "tmpfs", 0, "size=300k"), 0) << errno;
+    Result r = run({"restore", "--transfers", "1", "backup", path("small/back")});
+    umount2(path("small").c_str(), MNT_DETACH);
+    EXPECT_EQ(r.code, 1) << r.err;
+    EXPECT_NE(r.err.find("No space left on device"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("stopped"), std::string::npos) << r.err;
+    EXPECT_NE(r.out.find(" received, 0 unchanged, 0 skipped, 1 failed"), std::string::npos)
+        << r.out;
 }
 
 // Restored files get the mode of a new file; partial downloads of dead runs
