@@ -138,7 +138,8 @@ std::vector<Command> const& commandTable() {
                  ->check(CLI::IsMember({"check", "flush", "drop", "show"}));
          },
          changing<runCache>},
-        {"dupes", "list names that one folder holds twice", remoteOptional, runDupes},
+        {"dupes", "list names that one folder holds twice (exit 1 when there are any)",
+         remoteOptional, runDupes},
     };
     return table;
 }

@@ -20,8 +20,8 @@ namespace gdhost {
 namespace {
 
 char const kExitCodes[] =
-    "Exit codes: 0 ok, 1 error (or differences found by check), 2 usage, 3 folder not found,\n"
-    "4 file not found, 5 temporary failure (retries spent), 7 fatal (credentials refused,\n"
+    "Exit codes: 0 ok, 1 error (or differences found by check or dupes), 2 usage, 3 folder not\n"
+    "found, 4 file not found, 5 temporary failure (retries spent), 7 fatal (credentials refused,\n"
     "quota exceeded), 130 cancelled.\n"
     "Without a drive agent configured (TAVO_ROOT unset), an embedded emulator under\n"
     "$XDG_DATA_HOME/gdrive_host (else ~/.local/share/gdrive_host) plays the Drive.";

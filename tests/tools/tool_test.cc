@@ -175,6 +175,11 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
 }
 
 TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
+    Result early = run({"ls"});
+    EXPECT_EQ(early.code, 3);
+    EXPECT_NE(early.err.find("/Backups/nas1.hbk is not there yet: run gdrive_host init"),
+              std::string::npos)
+        << early.err;
     ASSERT_EQ(run({"init"}).code, 0);
     write(path("file"), "content");
     mkfifo(path("fifo").c_str(), 0600);
@@ -387,9 +392,10 @@ TEST_F(ToolTest, DupesAreByteIdenticalNamesOnly) {
     ASSERT_EQ(run({"init"}).code, 0);
     ASSERT_EQ(run({"mkdir", "d"}).code, 0);
     std::string folder = drive().idByPath("/Backups/nas1.hbk/d");
+    EXPECT_EQ(run({"dupes"}).code, 0);
     for (char const* name : {"x", "x", "X"}) drive().put(folder, name, name);
     Result r = run({"dupes"});
-    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.code, 1);
     EXPECT_NE(r.out.find("d/x\n"), r.out.rfind("d/x\n")) << r.out;
     EXPECT_EQ(r.out.find("d/X"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("\n1 name held more than once"), std::string::npos) << r.out;
