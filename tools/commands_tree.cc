@@ -63,6 +63,26 @@ bool belowAny(std::string const& rpath, std::set<std::string> const& folders) {
     return false;
 }
 
+// Folders that could not be made, with their failure's exit code.
+typedef std::map<std::string, int> Unmade;
+
+// True, with `rpath` (a file, or a folder ending in "/") reported as failed,
+// when a folder of `unmade` would have held it: the service would only
+// answer "not found", which reads as if the local file were missing.
+bool failedAbove(std::string const& rpath, Unmade const& unmade, RunReport& report) {
+    for (size_t slash = rpath.find('/'); slash != std::string::npos && slash + 1 < rpath.size();
+         slash = rpath.find('/', slash + 1)) {
+        auto folder = unmade.find(rpath.substr(0, slash));
+        if (folder != unmade.end()) {
+            report.add(failedLocally(
+                rpath, "not tried: the folder " + folder->first + "/ could not be made",
+                folder->second));
+            return true;
+        }
+    }
+    return false;
+}
+
 // Prints the failures and, unless quiet, the summary; the exit code.
 int closeReport(Session& s, RunReport const& report, std::string const& extra) {
     report.printFailures();
@@ -158,6 +178,7 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
     size_t next = 0;
     int64_t created = 0;
     int topFailure = kExitOk;
+    Unmade unmade;
     workers->inOrder(changes, [&](FileOutcome const& outcome) {
         Json::Value const& job = changes[next++];
         bool const isTop = job["parents"].asBool();
@@ -169,7 +190,10 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
             topFailure = outcome.failure.exitCode;
             return false;
         } else {
-            report.add(outcome);
+            std::string const shown = job["shown"].asString();
+            if (job["op"] == "mkdir")
+                unmade[shown.substr(0, shown.size() - 1)] = outcome.failure.exitCode;
+            if (!failedAbove(shown, unmade, report)) report.add(outcome);
         }
         return !report.stopped();
     });
@@ -183,6 +207,7 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
     if (topFailure != kExitOk) return topFailure;
     std::deque<Json::Value> sends;
     for (auto const& rpath : plan.files) {
+        if (failedAbove(rpath, unmade, report)) continue;
         sends.push_back(treeJob("send", joinPath(remoteTop, rpath), rpath, false));
         sends.back()["local"] = localTop + "/" + rpath;
     }
@@ -300,19 +325,27 @@ int copyTree(Session& s, bool deleting) {
         }
     }
     int64_t created = 0;
+    Unmade unmade;
     for (auto const& rpath : plan.folders) {
         if (report.stopped()) break;
+        if (failedAbove(rpath + "/", unmade, report)) {
+            unmade[rpath] = kExitError;
+            continue;
+        }
         beginOperation();
         if (s.agent.createDir(joinPath(remoteTop, rpath))) {
             ++created;
         } else {
-            report.add(failedFile(rpath + "/", interrupted() ? ERR_CANCELED : getError(),
-                                  Wanted::kFolder));
+            FileOutcome failed =
+                failedFile(rpath + "/", interrupted() ? ERR_CANCELED : getError(), Wanted::kFolder);
+            unmade[rpath] = failed.failure.exitCode;
+            report.add(failed);
         }
     }
     ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
     for (auto const& rpath : plan.files) {
         if (report.stopped()) break;
+        if (failedAbove(rpath, unmade, report)) continue;
         report.add(
             sendTreeFile(s.agent, localTop + "/" + rpath, joinPath(remoteTop, rpath), rpath, line));
     }

@@ -553,6 +553,32 @@ TEST_F(ToolTest, TreeFailuresAreCountedAndClassed) {
     EXPECT_EQ(readFile(path("back/a/b/c/d/deep")), "deep\n");
 }
 
+// A folder that cannot be made is the one reason for the files below it,
+// with one agent and with workers alike; the rest of the tree goes out.
+TEST_F(ToolTest, FilesBelowAnUnmadeFolderNameIt) {
+    write(path("src/new/sub/f"), "f");
+    write(path("src/new/g"), "g");
+    write(path("src/other"), "o");
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"mkdir", "t1"}).code, 0);
+    ASSERT_EQ(run({"mkdir", "t3"}).code, 0);
+    drive().addFault(DriveEmulator::Fault::fail("createFolder", 400).always());
+    for (std::string transfers : {"1", "3"}) {
+        SCOPED_TRACE(transfers);
+        Result r = run({"copy", "--transfers", transfers, path("src"), "t" + transfers});
+        EXPECT_EQ(r.code, 1) << r.err;
+        EXPECT_NE(r.err.find("failed: new/: error"), std::string::npos) << r.err;
+        for (char const* below : {"new/sub/", "new/sub/f", "new/g"}) {
+            EXPECT_NE(r.err.find(std::string("failed: ") + below +
+                                 ": not tried: the folder new/ could not be made"),
+                      std::string::npos)
+                << r.err;
+        }
+        EXPECT_NE(r.out.find("1 sent, 0 unchanged, 0 skipped, 4 failed"), std::string::npos)
+            << r.out;
+    }
+}
+
 // A full local disk stops a restore at its first file that does not fit,
 // with the reason: every further file would meet it.
 TEST_F(ToolTest, FullDiskStopsARestore) {
