@@ -87,7 +87,14 @@ bool failedAbove(std::string const& rpath, Unmade const& unmade, RunReport& repo
 int closeReport(Session& s, RunReport const& report, std::string const& extra) {
     report.printFailures();
     if (report.stopped()) {
-        fprintf(stderr, "gdrive_host: stopped: the failure above would meet every further file\n");
+        std::string const left = counted(report.untried(), "file") + " not tried";
+        if (interrupted()) {
+            fprintf(stderr, "gdrive_host: cancelled: %s\n", left.c_str());
+        } else {
+            fprintf(stderr,
+                    "gdrive_host: stopped: the failure above would meet every further file (%s)\n",
+                    left.c_str());
+        }
     }
     if (!s.args.quiet) printf("%s%s\n", report.summary().c_str(), extra.c_str());
     return report.exitCode();
@@ -291,6 +298,7 @@ int copyTree(Session& s, bool deleting) {
         // What the listing did not leave time for.
     }
     CopyPlan plan = planCopy(localTop, tree, remote, report, &hashes);
+    report.plan(static_cast<int64_t>(plan.files.size()));
     // An unreadable folder must never look like an empty one.
     bool mayDelete = deleting && tree.unreadable.empty();
     if (deleting && !mayDelete && !plan.extras.empty()) {
@@ -388,6 +396,7 @@ int runRestore(Session& s) {
                              kExitError);
     }
     RunReport report("received");
+    report.plan(files);
     ProgressLine line("received", bytes, files, s.args.quiet);
     std::set<std::string> cleaned;
     std::deque<Json::Value> receives;
