@@ -31,7 +31,19 @@ void twoPaths(char const* from, char const* to, CLI::App& c, CommandArgs& a) {
 void transfers(CLI::App& c, CommandArgs& a) {
     c.add_option("--transfers", a.transfers,
                  "worker processes, each with its own agent, sharing the work")
-        ->check(CLI::Range(1, 64))
+        ->check(CLI::Validator(
+            [](std::string& value) -> std::string {
+                size_t used = 0;
+                int number = 0;
+                try {
+                    number = std::stoi(value, &used);
+                } catch (std::exception const&) {
+                    used = 0;
+                }
+                bool ok = used == value.size() && number >= 1 && number <= 64;
+                return ok ? "" : "a number of workers from 1 to 64, not " + value;
+            },
+            "INT in [1 - 64]"))
         ->capture_default_str();
 }
 

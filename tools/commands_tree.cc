@@ -392,8 +392,11 @@ int runRestore(Session& s) {
         if (!info.isDirType()) bytes += info.getSize(), ++files;
     }
     if (!makeLocalFolders(localTop)) {
-        return reportProblem("restore: cannot create " + localTop + ": " + strerror(errno),
-                             kExitError);
+        // As copy from a file: the wrong kind of local path is a usage error.
+        bool file = errno == EEXIST || errno == ENOTDIR;
+        return reportProblem("restore: cannot create " + localTop + ": " +
+                                 (file ? "a file is in the way" : strerror(errno)),
+                             file ? kExitUsage : kExitError);
     }
     RunReport report("received");
     report.plan(files);

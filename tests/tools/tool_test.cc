@@ -125,7 +125,12 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         {{"put", "only-one"}, 2, "", "REMOTE is required"},
         {{"-q", "-v", "ls"}, 2, "", "excludes"},
         {{"--target", "a/b", "init"}, 2, "", "one folder"},
+        {{"copy", "--transfers", "abc", "a", "b"}, 2, "", "from 1 to 64, not abc"},
+        {{"--profile", path("bare"), "init"}, 2, "", "profile line 2: no \"=\""},
+        {{"--profile", path("open"), "init"}, 2, "", "profile line 1: the quote"},
     };
+    write(path("bare"), "# a comment\ncontainer\n");
+    write(path("open"), "target = \"unterminated\n");
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0]);
         Result r = run(c.args);
@@ -201,6 +206,8 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         {none, {"put", path("folder"), "x"}, 2, "use copy"},
         {none, {"ls", "a/.."}, 2, "cannot go up"},
         {none, {"purge", "x"}, 2, "use --force"},
+        {none, {"purge", "-f", "/"}, 2, "the target folder itself is not purged"},
+        {none, {"restore", "/", path("file")}, 2, "a file is in the way"},
         {none, {"--profile", path("profile"), "ls"}, 0, "profile:2: unknown key colour ignored"},
         {none, {"copy", path("nothing"), "x"}, 3, "No such file"},
         {none, {"get", "x", path("missing/x")}, 3, "local folder"},
