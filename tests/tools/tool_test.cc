@@ -200,6 +200,7 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
     } const cases[] = {
         {none, {"ls", "missing"}, 3, "ls missing: error 2003, not found"},
         {none, {"get", "missing", path("x")}, 4, "get missing: error 2003"},
+        {none, {"get", "no/missing", path("x")}, 3, "get no/missing: folder no: error 2003"},
         {none, {"put", path("nothing"), "x"}, 4, "No such file"},
         {none, {"put", path("fifo"), "x"}, 2, "is a FIFO"},
         {none, {"put", path("link"), "x"}, 2, "is a symbolic link"},
