@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <set>
 
@@ -250,6 +251,48 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
     return closeReport(s, report, deleting ? ", " + std::to_string(deleted) + " deleted" : "");
 }
 
+// The remote objects below the folder `rpath` (none below a file).
+int64_t objectsBelow(RemoteMap const& remote, std::string const& rpath) {
+    int64_t below = 0;
+    for (auto it = remote.upper_bound(rpath + "/");
+         it != remote.end() && isWithin(it->first, rpath); ++it) {
+        ++below;
+    }
+    return below;
+}
+
+// What a copy or sync would do, said instead of done: each object, a folder
+// with what it holds, and a file that could not be read as such.
+int dryRun(Session& s, std::string const& localTop, RemoteMap const& remote, CopyPlan const& plan,
+           RunReport& report, bool deleting) {
+    int64_t replaced = 0, deleted = 0;
+    auto say = [&](char const* verb, std::string const& rpath, int64_t& count) {
+        int64_t below = objectsBelow(remote, rpath);
+        count += 1 + below;
+        if (below == 0) return (void)printf("would %s %s\n", verb, rpath.c_str());
+        printf("would %s %s/ and the %s below it\n", verb, rpath.c_str(),
+               counted(below, "object").c_str());
+    };
+    if (deleting) {
+        for (auto const& f : plan.replaced) say("replace", f, replaced);
+    }
+    for (auto const& f : plan.folders) printf("would create %s/\n", f.c_str());
+    for (auto const& f : plan.files) {
+        std::ifstream readable(localTop + "/" + f, std::ios::binary);
+        if (readable) {
+            printf("would send %s\n", f.c_str());
+        } else {
+            report.add(
+                failedLocally(f, std::string("cannot read it: ") + strerror(errno), kExitError));
+        }
+    }
+    for (auto const& f : plan.extras) say("delete", f, deleted);
+    printf("%s (%s) to send, %s to replace, %s to delete\n",
+           counted(plan.files.size(), "file").c_str(), humanBytes(plan.bytes).c_str(),
+           counted(replaced, "object").c_str(), counted(deleted, "object").c_str());
+    return closeReport(s, report, "");
+}
+
 int copyTree(Session& s, bool deleting) {
     char const* command = deleting ? "sync" : "copy";
     std::string localTop = s.path(0), remoteTop = remotePath(s.path(1));
@@ -307,17 +350,7 @@ int copyTree(Session& s, bool deleting) {
             "gdrive_host: sync: nothing deleted: the local tree could not be read completely\n");
     }
     if (!mayDelete) plan.extras.clear();
-    if (s.args.dryRun) {
-        if (deleting) {
-            for (auto const& f : plan.replaced) printf("would replace %s\n", f.c_str());
-        }
-        for (auto const& f : plan.folders) printf("would create %s/\n", f.c_str());
-        for (auto const& f : plan.files) printf("would send %s\n", f.c_str());
-        for (auto const& f : plan.extras) printf("would delete %s\n", f.c_str());
-        printf("%s (%s) to send, %s to delete\n", counted(plan.files.size(), "file").c_str(),
-               humanBytes(plan.bytes).c_str(), counted(plan.extras.size(), "object").c_str());
-        return closeReport(s, report, "");
-    }
+    if (s.args.dryRun) return dryRun(s, localTop, remote, plan, report, deleting);
     if (workers)
         return copyOnWorkers(s, workers, remoteTop, localTop, remote, plan, report, deleting);
     if (!remoteTop.empty() && !makeRemoteFolders(s.agent, remoteTop)) {
@@ -455,8 +488,17 @@ int runCheck(Session& s) {
             continue;
         }
         FileInfo const& other = found->second;
-        bool same = entry.isFolder ? other.isDirType()
-                                   : sameContent(localTop + "/" + entry.rpath, entry.size, other);
+        std::string md5;
+        if (!entry.isFolder && !other.isDirType() && other.getSize() == entry.size) {
+            // A file that cannot be read was not compared: no difference found.
+            md5 = fileMd5(localTop + "/" + entry.rpath);
+            if (md5.empty()) {
+                report.add(failedLocally(entry.rpath, "cannot read it", kExitError));
+                remote.erase(found);
+                continue;
+            }
+        }
+        bool same = entry.isFolder ? other.isDirType() : sameContent("", entry.size, other, &md5);
         if (same) {
             matched += entry.isFolder ? 0 : 1;
         } else {

@@ -437,10 +437,24 @@ TEST_F(ToolTest, CopyAndSyncKeepGoingPastWhatCannotBeRead) {
     EXPECT_NE(refused.err.find("nothing deleted"), std::string::npos) << refused.err;
     EXPECT_EQ(run({"stat", "backup/a/b/c/d/deep"}).code, 0);
 
+    // A backed-up file that cannot be read now neither differs nor would be sent.
+    chmod(path("src/Pool/0/bucket.1").c_str(), 0);
+    for (std::string command : {"check", "sync"}) {
+        Result r = command == "check" ? run({"check", path("src"), "backup"})
+                                      : run({"sync", "--dry-run", path("src"), "backup"});
+        EXPECT_EQ(r.code, 1);
+        EXPECT_NE(r.err.find("failed: Pool/0/bucket.1: cannot read it"), std::string::npos)
+            << r.err;
+        EXPECT_EQ(r.out.find("Pool/0/bucket.1"), std::string::npos) << r.out;
+    }
+    chmod(path("src/Pool/0/bucket.1").c_str(), 0644);
+
     chmod(path("src/locked").c_str(), 0755);
     chmod(path("src/secret").c_str(), 0644);
-    EXPECT_NE(run({"sync", "--dry-run", path("src"), "backup"}).out.find("would delete a\n"),
-              std::string::npos);
+    Result dry = run({"sync", "--dry-run", path("src"), "backup"});
+    EXPECT_NE(dry.out.find("would delete a/ and the 4 objects below it\n"), std::string::npos)
+        << dry.out;
+    EXPECT_NE(dry.out.find("to replace, 5 objects to delete"), std::string::npos) << dry.out;
     EXPECT_EQ(run({"stat", "backup/a"}).code, 0);
     Result sync = run({"sync", path("src"), "backup"});
     EXPECT_EQ(sync.code, 0) << sync.err;
