@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -55,10 +56,15 @@ void ProgressLine::draw(bool force) {
     _drawn = now;
     double elapsed = seconds();
     double rate = elapsed > 0 ? _bytes / elapsed : 0;
-    std::string eta = "-";
-    if (rate > 0 && _total_bytes > _bytes) {
-        eta = std::to_string(static_cast<int64_t>((_total_bytes - _bytes) / rate)) + " s";
+    // Small files cost their requests more than their bytes: the time left
+    // is the longer of what the bytes and what the files left take at the
+    // pace so far.
+    double left = -1;
+    if (rate > 0 && _total_bytes > _bytes) left = (_total_bytes - _bytes) / rate;
+    if (_files > 0 && _total_files > _files) {
+        left = std::max(left, static_cast<double>(_total_files - _files) * elapsed / _files);
     }
+    std::string eta = left < 0 ? "-" : std::to_string(static_cast<int64_t>(left)) + " s";
     fprintf(liveOutput(), "\r\033[K%s %s / %s, %" PRId64 "/%" PRId64 " files, %s/s, ETA %s",
             _verb.c_str(), humanBytes(_bytes).c_str(), humanBytes(_total_bytes).c_str(), _files,
             _total_files, humanBytes(static_cast<int64_t>(rate)).c_str(), eta.c_str());
