@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,8 +61,11 @@ int holdDestination(Destination const& destination, std::string const& what) {
     static int held = -1;
     if (held >= 0) return kExitOk;
     int fd = -1;
-    if (!makeLocalFolders(folder) ||
-        (fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) < 0) {
+    // Private, as the plug-in makes them: the node cache names every object.
+    std::string const cacheRoot = folder.substr(0, folder.rfind('/'));
+    makeLocalFolders(cacheRoot.substr(0, cacheRoot.rfind('/')));
+    for (std::string const& private_ : {cacheRoot, folder}) mkdir(private_.c_str(), 0700);
+    if ((fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) < 0) {
         return reportProblem("cannot make the lock file " + file + ": " + strerror(errno),
                              kExitError);
     }
