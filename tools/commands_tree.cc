@@ -187,7 +187,10 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
     int64_t created = 0;
     int topFailure = kExitOk;
     Unmade unmade;
+    std::unique_ptr<StatusLine> making(new StatusLine(s.args.quiet));
     workers->inOrder(changes, [&](FileOutcome const& outcome) {
+        making->show("making folders", static_cast<int64_t>(next + 1),
+                     static_cast<int64_t>(changes.size()));
         Json::Value const& job = changes[next++];
         bool const isTop = job["parents"].asBool();
         if (outcome.kind != FileOutcome::kFailed) {
@@ -205,6 +208,7 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
         }
         return !report.stopped();
     });
+    making.reset();
     // At a service's pace the files get a pool of their own, whose workers
     // start from a node cache that knows every folder made. Against a fast
     // one the worker that made them goes on (another would only cost a
@@ -322,12 +326,17 @@ int copyTree(Session& s, bool deleting) {
         if (workers && !deleting) holding.insert(e.rpath.substr(0, e.rpath.rfind('/') + 1));
     }
     auto worthListing = [&](std::string const& rpath) { return holding.count(rpath + "/") > 0; };
+    std::unique_ptr<StatusLine> listing(new StatusLine(s.args.quiet));
+    StatusLine& status = *listing;
+    int64_t listed = 0;
     if (workers
             ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes,
                              deleting ? std::function<bool(std::string const&)>() : worthListing)
-            : !remoteEntries(s.agent, remoteTop, true, remote)) {
+            : !remoteEntries(s.agent, remoteTop, true, remote,
+                             [&] { status.show("listing the remote folders", ++listed); })) {
         return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     }
+    listing.reset();
     RunReport report("sent");
     for (auto const& [name, why] : tree.skipped) {
         fprintf(stderr, "gdrive_host: %s: skipped %s (%s; its remote copy is kept)\n", command,
@@ -367,8 +376,11 @@ int copyTree(Session& s, bool deleting) {
     }
     int64_t created = 0;
     Unmade unmade;
+    std::unique_ptr<StatusLine> making(new StatusLine(s.args.quiet));
+    int64_t made = 0;
     for (auto const& rpath : plan.folders) {
         if (report.stopped()) break;
+        making->show("making folders", ++made, static_cast<int64_t>(plan.folders.size()));
         if (failedAbove(rpath + "/", unmade, report)) {
             unmade[rpath] = kExitError;
             continue;
@@ -383,6 +395,7 @@ int copyTree(Session& s, bool deleting) {
             report.add(failed);
         }
     }
+    making.reset();
     ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
     for (auto const& rpath : plan.files) {
         if (report.stopped()) break;

@@ -71,6 +71,26 @@ void ProgressLine::draw(bool force) {
     fflush(liveOutput());
 }
 
+StatusLine::StatusLine(bool quiet) : _live(!quiet && smartTerminal()) {}
+
+StatusLine::~StatusLine() {
+    if (_shown) fprintf(liveOutput(), "\r\033[K");
+}
+
+void StatusLine::show(char const* what, int64_t done, int64_t total) {
+    if (!_live) return;
+    auto now = std::chrono::steady_clock::now();
+    if (now - _drawn < std::chrono::milliseconds(200)) return;
+    _drawn = now;
+    _shown = true;
+    if (total < 0) {
+        fprintf(liveOutput(), "\r\033[K%s: %" PRId64, what, done);
+    } else {
+        fprintf(liveOutput(), "\r\033[K%s: %" PRId64 "/%" PRId64, what, done, total);
+    }
+    fflush(liveOutput());
+}
+
 void ProgressLine::finish(std::string const& extra) {
     if (_live) fprintf(liveOutput(), "\r\033[K");
     if (_quiet) return;
