@@ -38,8 +38,14 @@ void makeFolders(std::string const& path) {
 
 std::string folderOf(std::string const& path) { return path.substr(0, path.rfind('/')); }
 
+// A temporary name of this process's own beside `path`: runs of the tool
+// started together lay out the same root at once.
+std::string tempName(std::string const& path) {
+    return path + ".tmp." + std::to_string(::getpid());
+}
+
 void writeFile(std::string const& path, std::string const& text) {
-    std::string temp = path + ".tmp";
+    std::string temp = tempName(path);
     {
         std::ofstream out(temp, std::ios::trunc);
         out << text;
@@ -67,7 +73,7 @@ void makeAgentRoot(std::string const& rootArg, std::string const& dataArg) {
     makeFolders(folderOf(program));
     makeFolders(folderOf(script));
 
-    std::string temp = program + ".tmp";
+    std::string temp = tempName(program);
     ::unlink(temp.c_str());
     if (::symlink(DRIVE_EMULATOR_BINARY, temp.c_str()) != 0) failure("cannot link", temp);
     if (::rename(temp.c_str(), program.c_str()) != 0) failure("cannot link", program);

@@ -111,11 +111,17 @@ int runAuthorize(Destination& d, std::string const& profile, int timeoutSeconds)
     error = DriveAgent::loadConfig(std::string(getenv("TAVO_ROOT")) + DriveEmulator::kAgentProgram,
                                    getenv, config);
     if (!error.empty()) return reportProblem(error, kExitError);
-    if (config.clientId.empty()) {
-        return reportProblem(
-            "authorize: the drive agent's configuration names no client_id (see README.md, "
-            "\"Using a real Google Drive account\")",
-            kExitUsage);
+    // Without either the token endpoint refuses the code: the person would
+    // sign in for nothing.
+    for (auto const& [key, value] : {std::make_pair("client_id", &config.clientId),
+                                     std::make_pair("client_secret", &config.clientSecret)}) {
+        if (value->empty()) {
+            return reportProblem(std::string("authorize: the drive agent's configuration names "
+                                             "no ") +
+                                     key +
+                                     " (see README.md, \"Using a real Google Drive account\")",
+                                 kExitUsage);
+        }
     }
 
     DriveAgent::Http http(config.caFile, config.stallSeconds);
@@ -126,9 +132,10 @@ int runAuthorize(Destination& d, std::string const& profile, int timeoutSeconds)
         if (found == query.end() || found->second != state)
             return page("This answer does not belong to the request gdrive_host made.");
         if (query.count("error")) return page("Access was not granted.");
+        // The code is yet to be exchanged, which can still fail.
         return page(
-            "gdrive_host received the authorization. You may close this page and "
-            "return to the terminal.");
+            "gdrive_host received the answer. You may close this page: the terminal says "
+            "whether the authorization worked.");
     });
     std::string url =
         config.authUrl + "?response_type=code&client_id=" + http.escape(config.clientId) +

@@ -1,32 +1,49 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include "destination_lock.h"
+#include "failure.h"
 
 namespace gdhost {
 
 namespace {
 
+// One word each: a word more is left over, and refused by name.
+CLI::Option* onePath(char const* name, char const* what, CLI::App& c, CommandArgs& a) {
+    return c
+        .add_option_function<std::string>(
+            name, [&a](std::string const& path) { a.paths.push_back(path); }, what)
+        ->type_name("");
+}
+
 void remoteOptional(CLI::App& c, CommandArgs& a) {
-    c.add_option("PATH", a.paths, "folder of the target (default: its top)")->expected(0, 1);
+    onePath("PATH", "folder of the target (default: its top)", c, a);
 }
 
 void remoteRequired(CLI::App& c, CommandArgs& a) {
-    c.add_option("PATH", a.paths, "path in the target")->required()->expected(1);
+    onePath("PATH", "path in the target", c, a)->required();
 }
 
 void twoPaths(char const* from, char const* to, CLI::App& c, CommandArgs& a) {
-    for (char const* name : {from, to}) {
-        c.add_option_function<std::string>(
-             name, [&a](std::string const& path) { a.paths.push_back(path); })
-            ->required()
-            ->type_name("");
-    }
+    for (char const* name : {from, to}) onePath(name, "", c, a)->required();
 }
 
 void transfers(CLI::App& c, CommandArgs& a) {
     c.add_option("--transfers", a.transfers,
                  "worker processes, each with its own agent, sharing the work")
-        ->check(CLI::Range(1, 64))
+        ->check(CLI::Validator(
+            [](std::string& value) -> std::string {
+                size_t used = 0;
+                int number = 0;
+                try {
+                    number = std::stoi(value, &used);
+                } catch (std::exception const&) {
+                    used = 0;
+                }
+                bool ok = used == value.size() && number >= 1 && number <= 64;
+                return ok ? "" : "a number of workers from 1 to 64, not " + value;
+            },
+            "INT in [1 - 64]"))
         ->capture_default_str();
 }
 
@@ -34,12 +51,26 @@ void json(CLI::App& c, CommandArgs& a) {
     c.add_flag("--json", a.json, "one JSON document on stdout");
 }
 
+// Runs `Run` once the destination's lock is held: the commands that change
+// the destination (or its node cache) never run two at a time on it.
+template <int (*Run)(Session&)>
+int changing(Session& s) {
+    std::string what = "gdrive_host";
+    for (Command const& command : commandTable()) {
+        if (command.run == &changing<Run>) what += std::string(" ") + command.name;
+    }
+    if (!s.args.action.empty()) what += " " + s.args.action;
+    for (std::string const& path : s.args.paths) what += " " + path;
+    int held = holdDestination(s.destination, what);
+    return held == kExitOk ? Run(s) : held;
+}
+
 }  // namespace
 
 std::vector<Command> const& commandTable() {
     static std::vector<Command> const table = {
         {"init", "create the container and the target folder", [](CLI::App&, CommandArgs&) {},
-         runInit},
+         changing<runInit>},
         {"ls", "list a folder (-R: the whole tree, -l: long form with a header)",
          [](CLI::App& c, CommandArgs& a) {
              remoteOptional(c, a);
@@ -67,9 +98,9 @@ std::vector<Command> const& commandTable() {
              remoteRequired(c, a);
              c.add_flag("-p,--parents", a.parents, "create missing parents");
          },
-         runMkdir},
+         changing<runMkdir>},
         {"put", "send one local file (missing remote folders are created)",
-         [](CLI::App& c, CommandArgs& a) { twoPaths("LOCAL", "REMOTE", c, a); }, runPut},
+         [](CLI::App& c, CommandArgs& a) { twoPaths("LOCAL", "REMOTE", c, a); }, changing<runPut>},
         {"get", "fetch one file",
          [](CLI::App& c, CommandArgs& a) { twoPaths("REMOTE", "LOCAL", c, a); }, runGet},
         {"copy",
@@ -80,7 +111,7 @@ std::vector<Command> const& commandTable() {
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent, send nothing");
              transfers(c, a);
          },
-         runCopy},
+         changing<runCopy>},
         {"sync",
          "make the remote tree match a local one: copy, then delete remote files and folders the "
          "local tree no longer has (nothing is deleted when a local folder cannot be read)",
@@ -89,7 +120,7 @@ std::vector<Command> const& commandTable() {
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent and deleted, do nothing");
              transfers(c, a);
          },
-         runSync},
+         changing<runSync>},
         {"restore", "fetch a remote tree into a local folder",
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("REMOTEDIR", "LOCALDIR", c, a);
@@ -103,13 +134,13 @@ std::vector<Command> const& commandTable() {
              transfers(c, a);
          },
          runCheck},
-        {"rm", "remove one file", remoteRequired, runRm},
+        {"rm", "remove one file", remoteRequired, changing<runRm>},
         {"purge", "remove a folder and everything below it",
          [](CLI::App& c, CommandArgs& a) {
              remoteRequired(c, a);
              c.add_flag("-f,--force", a.force, "do not ask (needed when stdin is not a terminal)");
          },
-         runPurge},
+         changing<runPurge>},
         {"containers", "list the top-level folders of the Drive", [](CLI::App&, CommandArgs&) {},
          runContainers},
         {"cache", "node cache: check (against the service), flush, drop, show",
@@ -118,8 +149,9 @@ std::vector<Command> const& commandTable() {
                  ->required()
                  ->check(CLI::IsMember({"check", "flush", "drop", "show"}));
          },
-         runCache},
-        {"dupes", "list names that one folder holds twice", remoteOptional, runDupes},
+         changing<runCache>},
+        {"dupes", "list names that one folder holds twice (exit 1 when there are any)",
+         remoteOptional, runDupes},
     };
     return table;
 }

@@ -18,8 +18,15 @@ using namespace TAVO::Backup;
 
 namespace {
 
-int listingFailure(char const* what, std::string const& path) {
-    return reportFailure(what, path.empty() ? "(target top)" : path, getError(), Wanted::kFolder);
+int listingFailure(Session const& s, char const* what, std::string const& path) {
+    int error = getError();
+    if (!path.empty()) return reportFailure(what, path, error, Wanted::kFolder);
+    std::string const top = "/" + s.destination.container + "/" + s.destination.target;
+    int code = reportFailure(what, "(the target folder " + top + ")", error, Wanted::kFolder);
+    // Before the first init the target folder does not exist yet.
+    if (error == ERR_REMOTE_NOT_FOUND)
+        fprintf(stderr, "gdrive_host: %s is not there yet: run gdrive_host init\n", top.c_str());
+    return code;
 }
 
 // A name as a listing shows it: folders end in "/", and on a terminal control
@@ -60,7 +67,7 @@ int runLs(Session& s) {
         show(file, top);
         ok = true;
     }
-    if (!ok) return listingFailure("ls", top);
+    if (!ok) return listingFailure(s, "ls", top);
     if (s.args.json) {
         Json::Value document(Json::objectValue);
         document["path"] = shownPath(top);
@@ -81,7 +88,7 @@ int runTree(Session& s) {
                                  listings[folder] = children;
                                  return true;
                              });
-    if (!ok) return listingFailure("tree", top);
+    if (!ok) return listingFailure(s, "tree", top);
     printf("%s\n", shownPath(top).c_str());
     std::function<void(std::string const&, std::string const&)> draw =
         [&](std::string const& folder, std::string const& indent) {
@@ -142,7 +149,7 @@ int runSize(Session& s) {
                                  }
                                  return true;
                              });
-    if (!ok) return listingFailure("size", top);
+    if (!ok) return listingFailure(s, "size", top);
     if (s.args.json) {
         Json::Value document(Json::objectValue);
         document["path"] = shownPath(top);
@@ -224,9 +231,10 @@ int runDupes(Session& s) {
             }
             return true;
         });
-    if (!ok) return listingFailure("dupes", top);
+    if (!ok) return listingFailure(s, "dupes", top);
     printf("%s held more than once\n", counted(groups, "name").c_str());
-    return kExitOk;
+    // As check does for differences: a script can tell a clean tree.
+    return groups == 0 ? kExitOk : kExitError;
 }
 
 }  // namespace gdhost

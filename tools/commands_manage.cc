@@ -58,6 +58,12 @@ int runRm(Session& s) {
 
 int runPurge(Session& s) {
     std::string path = remotePath(s.path(0));
+    if (path.empty()) {
+        return reportProblem(
+            "purge /: the target folder itself is not purged; purge the folders "
+            "in it one by one",
+            kExitUsage);
+    }
     if (!s.args.force && !isatty(STDIN_FILENO)) {
         return reportProblem(
             "purge " + path + ": nobody to ask (stdin is not a terminal); use --force", kExitUsage);

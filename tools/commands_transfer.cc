@@ -78,7 +78,20 @@ int runGet(Session& s) {
                              kExitFolderNotFound);
     }
     FileInfo info(remote);
-    if (!s.agent.stat(remote, info)) return reportFailure("get", remote, getError(), Wanted::kFile);
+    if (!s.agent.stat(remote, info)) {
+        int error = getError();
+        // A missing folder on the way is a folder not found, as for ls.
+        size_t slash = remote.rfind('/');
+        if (error == ERR_REMOTE_NOT_FOUND && slash != std::string::npos) {
+            std::string parent = remote.substr(0, slash);
+            FileInfo folder(parent);
+            if (!s.agent.stat(parent, folder) && getError() == ERR_REMOTE_NOT_FOUND) {
+                return reportFailure("get " + remote + ": folder", parent, ERR_REMOTE_NOT_FOUND,
+                                     Wanted::kFolder);
+            }
+        }
+        return reportFailure("get", remote, error, Wanted::kFile);
+    }
     if (info.isDirType()) {
         return reportProblem("get " + remote + ": is a folder; use restore to fetch a tree",
                              kExitUsage);

@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <set>
 
@@ -41,6 +42,9 @@ void addUnreadable(LocalTree const& tree, RunReport& report) {
     for (auto const& [rpath, why] : tree.unreadable) {
         report.add(failedLocally(rpath + "/", "cannot read the folder: " + why, kExitError));
     }
+    for (auto const& [rpath, why] : tree.unknown) {
+        report.add(failedLocally(rpath, "cannot examine it: " + why, kExitError));
+    }
 }
 
 bool withinAny(std::string const& rpath,
@@ -60,11 +64,38 @@ bool belowAny(std::string const& rpath, std::set<std::string> const& folders) {
     return false;
 }
 
+// Folders that could not be made, with their failure's exit code.
+typedef std::map<std::string, int> Unmade;
+
+// True, with `rpath` (a file, or a folder ending in "/") reported as failed,
+// when a folder of `unmade` would have held it: the service would only
+// answer "not found", which reads as if the local file were missing.
+bool failedAbove(std::string const& rpath, Unmade const& unmade, RunReport& report) {
+    for (size_t slash = rpath.find('/'); slash != std::string::npos && slash + 1 < rpath.size();
+         slash = rpath.find('/', slash + 1)) {
+        auto folder = unmade.find(rpath.substr(0, slash));
+        if (folder != unmade.end()) {
+            report.add(failedLocally(
+                rpath, "not tried: the folder " + folder->first + "/ could not be made",
+                folder->second));
+            return true;
+        }
+    }
+    return false;
+}
+
 // Prints the failures and, unless quiet, the summary; the exit code.
 int closeReport(Session& s, RunReport const& report, std::string const& extra) {
     report.printFailures();
     if (report.stopped()) {
-        fprintf(stderr, "gdrive_host: stopped: the failure above would meet every further file\n");
+        std::string const left = counted(report.untried(), "file") + " not tried";
+        if (interrupted()) {
+            fprintf(stderr, "gdrive_host: cancelled: %s\n", left.c_str());
+        } else {
+            fprintf(stderr,
+                    "gdrive_host: stopped: the failure above would meet every further file (%s)\n",
+                    left.c_str());
+        }
     }
     if (!s.args.quiet) printf("%s%s\n", report.summary().c_str(), extra.c_str());
     return report.exitCode();
@@ -102,12 +133,17 @@ CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap 
             plan.bytes += entry.size;
         }
     }
-    for (auto const& name : tree.skipped) local.insert(name);
     // Folders deleted or replaced take their content with them.
     std::set<std::string> going(plan.replaced.begin(), plan.replaced.end());
     for (auto const& [rpath, info] : remote) {
         if (local.count(rpath) || belowAny(rpath, going)) continue;
-        if (withinAny(rpath, tree.unreadable)) continue;
+        // What the local tree holds at a path it skipped or could not read
+        // is unknown: its remote copy (a whole folder's, for a folder
+        // replaced by a symbolic link) is the only one left.
+        if (withinAny(rpath, tree.skipped) || withinAny(rpath, tree.unreadable) ||
+            withinAny(rpath, tree.unknown)) {
+            continue;
+        }
         plan.extras.push_back(rpath);
         if (info.isDirType()) going.insert(rpath);
     }
@@ -150,7 +186,11 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
     size_t next = 0;
     int64_t created = 0;
     int topFailure = kExitOk;
+    Unmade unmade;
+    std::unique_ptr<StatusLine> making(new StatusLine(s.args.quiet));
     workers->inOrder(changes, [&](FileOutcome const& outcome) {
+        making->show("making folders", static_cast<int64_t>(next + 1),
+                     static_cast<int64_t>(changes.size()));
         Json::Value const& job = changes[next++];
         bool const isTop = job["parents"].asBool();
         if (outcome.kind != FileOutcome::kFailed) {
@@ -161,10 +201,14 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
             topFailure = outcome.failure.exitCode;
             return false;
         } else {
-            report.add(outcome);
+            std::string const shown = job["shown"].asString();
+            if (job["op"] == "mkdir")
+                unmade[shown.substr(0, shown.size() - 1)] = outcome.failure.exitCode;
+            if (!failedAbove(shown, unmade, report)) report.add(outcome);
         }
         return !report.stopped();
     });
+    making.reset();
     // At a service's pace the files get a pool of their own, whose workers
     // start from a node cache that knows every folder made. Against a fast
     // one the worker that made them goes on (another would only cost a
@@ -175,6 +219,7 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
     if (topFailure != kExitOk) return topFailure;
     std::deque<Json::Value> sends;
     for (auto const& rpath : plan.files) {
+        if (failedAbove(rpath, unmade, report)) continue;
         sends.push_back(treeJob("send", joinPath(remoteTop, rpath), rpath, false));
         sends.back()["local"] = localTop + "/" + rpath;
     }
@@ -210,6 +255,48 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
     return closeReport(s, report, deleting ? ", " + std::to_string(deleted) + " deleted" : "");
 }
 
+// The remote objects below the folder `rpath` (none below a file).
+int64_t objectsBelow(RemoteMap const& remote, std::string const& rpath) {
+    int64_t below = 0;
+    for (auto it = remote.upper_bound(rpath + "/");
+         it != remote.end() && isWithin(it->first, rpath); ++it) {
+        ++below;
+    }
+    return below;
+}
+
+// What a copy or sync would do, said instead of done: each object, a folder
+// with what it holds, and a file that could not be read as such.
+int dryRun(Session& s, std::string const& localTop, RemoteMap const& remote, CopyPlan const& plan,
+           RunReport& report, bool deleting) {
+    int64_t replaced = 0, deleted = 0;
+    auto say = [&](char const* verb, std::string const& rpath, int64_t& count) {
+        int64_t below = objectsBelow(remote, rpath);
+        count += 1 + below;
+        if (below == 0) return (void)printf("would %s %s\n", verb, rpath.c_str());
+        printf("would %s %s/ and the %s below it\n", verb, rpath.c_str(),
+               counted(below, "object").c_str());
+    };
+    if (deleting) {
+        for (auto const& f : plan.replaced) say("replace", f, replaced);
+    }
+    for (auto const& f : plan.folders) printf("would create %s/\n", f.c_str());
+    for (auto const& f : plan.files) {
+        std::ifstream readable(localTop + "/" + f, std::ios::binary);
+        if (readable) {
+            printf("would send %s\n", f.c_str());
+        } else {
+            report.add(
+                failedLocally(f, std::string("cannot read it: ") + strerror(errno), kExitError));
+        }
+    }
+    for (auto const& f : plan.extras) say("delete", f, deleted);
+    printf("%s (%s) to send, %s to replace, %s to delete\n",
+           counted(plan.files.size(), "file").c_str(), humanBytes(plan.bytes).c_str(),
+           counted(replaced, "object").c_str(), counted(deleted, "object").c_str());
+    return closeReport(s, report, "");
+}
+
 int copyTree(Session& s, bool deleting) {
     char const* command = deleting ? "sync" : "copy";
     std::string localTop = s.path(0), remoteTop = remotePath(s.path(1));
@@ -239,16 +326,21 @@ int copyTree(Session& s, bool deleting) {
         if (workers && !deleting) holding.insert(e.rpath.substr(0, e.rpath.rfind('/') + 1));
     }
     auto worthListing = [&](std::string const& rpath) { return holding.count(rpath + "/") > 0; };
+    std::unique_ptr<StatusLine> listing(new StatusLine(s.args.quiet));
+    StatusLine& status = *listing;
+    int64_t listed = 0;
     if (workers
             ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes,
                              deleting ? std::function<bool(std::string const&)>() : worthListing)
-            : !remoteEntries(s.agent, remoteTop, true, remote)) {
+            : !remoteEntries(s.agent, remoteTop, true, remote,
+                             [&] { status.show("listing the remote folders", ++listed); })) {
         return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     }
+    listing.reset();
     RunReport report("sent");
-    for (auto const& name : tree.skipped) {
-        fprintf(stderr, "gdrive_host: %s: skipped %s (not a regular file or folder)\n", command,
-                name.c_str());
+    for (auto const& [name, why] : tree.skipped) {
+        fprintf(stderr, "gdrive_host: %s: skipped %s (%s; its remote copy is kept)\n", command,
+                name.c_str(), why.c_str());
         FileOutcome skipped;
         skipped.kind = FileOutcome::kSkipped;
         report.add(skipped);
@@ -258,6 +350,7 @@ int copyTree(Session& s, bool deleting) {
         // What the listing did not leave time for.
     }
     CopyPlan plan = planCopy(localTop, tree, remote, report, &hashes);
+    report.plan(static_cast<int64_t>(plan.files.size()));
     // An unreadable folder must never look like an empty one.
     bool mayDelete = deleting && tree.unreadable.empty();
     if (deleting && !mayDelete && !plan.extras.empty()) {
@@ -266,17 +359,7 @@ int copyTree(Session& s, bool deleting) {
             "gdrive_host: sync: nothing deleted: the local tree could not be read completely\n");
     }
     if (!mayDelete) plan.extras.clear();
-    if (s.args.dryRun) {
-        if (deleting) {
-            for (auto const& f : plan.replaced) printf("would replace %s\n", f.c_str());
-        }
-        for (auto const& f : plan.folders) printf("would create %s/\n", f.c_str());
-        for (auto const& f : plan.files) printf("would send %s\n", f.c_str());
-        for (auto const& f : plan.extras) printf("would delete %s\n", f.c_str());
-        printf("%s (%s) to send, %s to delete\n", counted(plan.files.size(), "file").c_str(),
-               humanBytes(plan.bytes).c_str(), counted(plan.extras.size(), "object").c_str());
-        return closeReport(s, report, "");
-    }
+    if (s.args.dryRun) return dryRun(s, localTop, remote, plan, report, deleting);
     if (workers)
         return copyOnWorkers(s, workers, remoteTop, localTop, remote, plan, report, deleting);
     if (!remoteTop.empty() && !makeRemoteFolders(s.agent, remoteTop)) {
@@ -292,19 +375,31 @@ int copyTree(Session& s, bool deleting) {
         }
     }
     int64_t created = 0;
+    Unmade unmade;
+    std::unique_ptr<StatusLine> making(new StatusLine(s.args.quiet));
+    int64_t made = 0;
     for (auto const& rpath : plan.folders) {
         if (report.stopped()) break;
+        making->show("making folders", ++made, static_cast<int64_t>(plan.folders.size()));
+        if (failedAbove(rpath + "/", unmade, report)) {
+            unmade[rpath] = kExitError;
+            continue;
+        }
         beginOperation();
         if (s.agent.createDir(joinPath(remoteTop, rpath))) {
             ++created;
         } else {
-            report.add(failedFile(rpath + "/", interrupted() ? ERR_CANCELED : getError(),
-                                  Wanted::kFolder));
+            FileOutcome failed =
+                failedFile(rpath + "/", interrupted() ? ERR_CANCELED : getError(), Wanted::kFolder);
+            unmade[rpath] = failed.failure.exitCode;
+            report.add(failed);
         }
     }
+    making.reset();
     ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
     for (auto const& rpath : plan.files) {
         if (report.stopped()) break;
+        if (failedAbove(rpath, unmade, report)) continue;
         report.add(
             sendTreeFile(s.agent, localTop + "/" + rpath, joinPath(remoteTop, rpath), rpath, line));
     }
@@ -343,10 +438,14 @@ int runRestore(Session& s) {
         if (!info.isDirType()) bytes += info.getSize(), ++files;
     }
     if (!makeLocalFolders(localTop)) {
-        return reportProblem("restore: cannot create " + localTop + ": " + strerror(errno),
-                             kExitError);
+        // As copy from a file: the wrong kind of local path is a usage error.
+        bool file = errno == EEXIST || errno == ENOTDIR;
+        return reportProblem("restore: cannot create " + localTop + ": " +
+                                 (file ? "a file is in the way" : strerror(errno)),
+                             file ? kExitUsage : kExitError);
     }
     RunReport report("received");
+    report.plan(files);
     ProgressLine line("received", bytes, files, s.args.quiet);
     std::set<std::string> cleaned;
     std::deque<Json::Value> receives;
@@ -402,8 +501,17 @@ int runCheck(Session& s) {
             continue;
         }
         FileInfo const& other = found->second;
-        bool same = entry.isFolder ? other.isDirType()
-                                   : sameContent(localTop + "/" + entry.rpath, entry.size, other);
+        std::string md5;
+        if (!entry.isFolder && !other.isDirType() && other.getSize() == entry.size) {
+            // A file that cannot be read was not compared: no difference found.
+            md5 = fileMd5(localTop + "/" + entry.rpath);
+            if (md5.empty()) {
+                report.add(failedLocally(entry.rpath, "cannot read it", kExitError));
+                remote.erase(found);
+                continue;
+            }
+        }
+        bool same = entry.isFolder ? other.isDirType() : sameContent("", entry.size, other, &md5);
         if (same) {
             matched += entry.isFolder ? 0 : 1;
         } else {
@@ -413,7 +521,8 @@ int runCheck(Session& s) {
     }
     for (auto const& rest : remote) {
         // What an unreadable folder holds is unknown, not missing.
-        if (!withinAny(rest.first, tree.unreadable)) missingLocal.append(rest.first);
+        if (!withinAny(rest.first, tree.unreadable) && !withinAny(rest.first, tree.unknown))
+            missingLocal.append(rest.first);
     }
     bool ok = differ.empty() && missingRemote.empty() && missingLocal.empty();
     if (s.args.json) {

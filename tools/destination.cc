@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <sstream>
 
 #include "drive_control.h"
 #include "profile_edit.h"
@@ -31,9 +32,46 @@ std::string defaultProfile() {
 class ProfileFormat : public CLI::ConfigBase {
   public:
     std::vector<CLI::ConfigItem> from_config(std::istream& input) const override {
-        std::vector<CLI::ConfigItem> items = CLI::ConfigBase::from_config(input);
+        std::stringstream text;
+        text << input.rdbuf();
+        refuseMalformed(text.str());
+        std::vector<CLI::ConfigItem> items = CLI::ConfigBase::from_config(text);
         for (auto& item : items) std::replace(item.name.begin(), item.name.end(), '_', '-');
         return items;
+    }
+
+  private:
+    // A line that is no "key = value" would be taken as a flag, and a quote
+    // left open would become part of a folder's name: both are refused, by
+    // line number.
+    static void refuseMalformed(std::string const& text) {
+        std::istringstream lines(text);
+        int number = 0;
+        for (std::string line; std::getline(lines, line);) {
+            ++number;
+            size_t first = line.find_first_not_of(" \t\r");
+            if (first == std::string::npos || line[first] == '#' || line[first] == ';' ||
+                line[first] == '[') {
+                continue;
+            }
+            std::string why;
+            size_t equals = line.find('=');
+            if (equals == std::string::npos) {
+                why = "no \"=\" between a key and its value";
+            } else {
+                std::string value = line.substr(equals + 1);
+                value.erase(0, value.find_first_not_of(" \t"));
+                value.erase(value.find_last_not_of(" \t\r") + 1);
+                bool quoted = !value.empty() && (value[0] == '"' || value[0] == '\'');
+                if (quoted && (value.size() < 2 || value.back() != value[0]))
+                    why = "the quote that opens the value is not closed";
+            }
+            if (!why.empty()) {
+                throw CLI::ConversionError(
+                    "profile line " + std::to_string(number) + ": " + why + ": " + line,
+                    CLI::ExitCodes::ConversionError);
+            }
+        }
     }
 };
 

@@ -1,6 +1,8 @@
 #include "failure.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "backup/error.h"
 #include "interrupt.h"
@@ -97,9 +99,17 @@ Failure describeFailure(int engineCode, Wanted wanted) {
     } else if (engineCode == ERR_GENERAL) {
         failure.words += " (see the log with -v)";
     }
+    if (engineCode == ERR_CREDENTIALS)
+        failure.words +=
+            "; a revoked or expired refresh token: gdrive_host authorize gets a new one";
     failure.exitCode = exitCodeFor(engineCode, wanted, reason.serviceCode);
+    // The drive agent writes downloads itself, and its full disk reaches the
+    // engine as a general failure: only its words tell it.
+    bool diskFull =
+        engineCode == ERR_LOCAL_NO_SPACE ||
+        (engineCode == ERR_GENERAL && reason.text.find(strerror(ENOSPC)) != std::string::npos);
     failure.stopsRun = engineCode == ERR_CREDENTIALS || engineCode == ERR_REMOTE_QUOTA ||
-                       engineCode == ERR_LOCAL_NO_SPACE || failure.exitCode == kExitCanceled;
+                       diskFull || failure.exitCode == kExitCanceled;
     return failure;
 }
 

@@ -31,11 +31,16 @@ std::string whyNotSendable(std::string const& path, bool& missing) {
         missing = errno == ENOENT;
         return strerror(errno);
     }
-    switch (st.st_mode & S_IFMT) {
+    if (S_ISDIR(st.st_mode)) return "is a folder; use copy to send a tree";
+    return whyNotRegular(st.st_mode);
+}
+
+std::string whyNotRegular(mode_t mode) {
+    switch (mode & S_IFMT) {
         case S_IFREG:
             return "";
         case S_IFDIR:
-            return "is a folder; use copy to send a tree";
+            return "is a folder";
         case S_IFLNK:
             return "is a symbolic link";
         case S_IFIFO:
@@ -81,15 +86,19 @@ void walk(fs::path const& top, std::string const& rpath, LocalTree& tree) {
     for (auto const& child : children) {
         std::string name = child.path().filename().string();
         std::string childPath = rpath.empty() ? name : rpath + "/" + name;
-        fs::file_status status = child.symlink_status(error);
-        if (fs::is_directory(status)) {
+        struct stat st;
+        // An entry whose type cannot be learnt (a path too long for the
+        // system, a name gone meanwhile) may be a regular file: a failure,
+        // never a skip.
+        if (lstat(child.path().c_str(), &st) != 0) {
+            tree.unknown.emplace_back(childPath, strerror(errno));
+        } else if (S_ISDIR(st.st_mode)) {
             tree.entries.push_back({childPath, true, 0});
             walk(top, childPath, tree);
-        } else if (fs::is_regular_file(status)) {
-            uintmax_t size = child.file_size(error);
-            tree.entries.push_back({childPath, false, error ? 0 : static_cast<int64_t>(size)});
+        } else if (S_ISREG(st.st_mode)) {
+            tree.entries.push_back({childPath, false, static_cast<int64_t>(st.st_size)});
         } else {
-            tree.skipped.push_back(childPath);
+            tree.skipped.emplace_back(childPath, whyNotRegular(st.st_mode));
         }
     }
 }

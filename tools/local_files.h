@@ -2,6 +2,8 @@
 // and folder trees.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -20,6 +22,10 @@ std::string absoluteLocalPath(std::string const& path);
 // `missing` tells whether it does not exist at all.
 std::string whyNotSendable(std::string const& path, bool& missing);
 
+// Why an object of type `mode` (st_mode) is no regular file ("is a symbolic
+// link", "is a device", ...); empty for a regular file.
+std::string whyNotRegular(mode_t mode);
+
 // Hex MD5 of a regular file's content; empty when it cannot be read.
 std::string fileMd5(std::string const& path);
 
@@ -32,11 +38,16 @@ struct LocalEntry {
 
 // What a walk of a local tree found.
 struct LocalTree {
-    std::vector<LocalEntry> entries;   // folders and regular files, parents first, names sorted
-    std::vector<std::string> skipped;  // anything else: symbolic links, FIFOs, devices, sockets
+    std::vector<LocalEntry> entries;  // folders and regular files, parents first, names sorted
+    // Anything else (symbolic links, FIFOs, devices, sockets), with the
+    // reason: the remote object of such a path is left as it is.
+    std::vector<std::pair<std::string, std::string>> skipped;
     // Folders that could not be read, with the reason: their content is
     // unknown, which is not the same as empty.
     std::vector<std::pair<std::string, std::string>> unreadable;
+    // Entries whose type could not be learnt (a path too long for the
+    // system), with the reason: each may be a regular file left out.
+    std::vector<std::pair<std::string, std::string>> unknown;
 };
 
 // Walks the tree below `top`, past folders that cannot be read. False with

@@ -21,8 +21,8 @@ namespace gdhost {
 namespace {
 
 char const kExitCodes[] =
-    "Exit codes: 0 ok, 1 error (or differences found by check), 2 usage, 3 folder not found,\n"
-    "4 file not found, 5 temporary failure (retries spent), 7 fatal (credentials refused,\n"
+    "Exit codes: 0 ok, 1 error (or differences found by check or dupes), 2 usage, 3 folder not\n"
+    "found, 4 file not found, 5 temporary failure (retries spent), 7 fatal (credentials refused,\n"
     "quota exceeded), 130 cancelled.\n"
     "Without a drive agent configured (TAVO_ROOT unset), an embedded emulator under\n"
     "$XDG_DATA_HOME/gdrive_host (else ~/.local/share/gdrive_host) plays the Drive.";
@@ -73,6 +73,33 @@ int runCommand(Invocation& inv) {
     return rc;
 }
 
+// The first word of the command line that no option or argument took, as a
+// message naming it; empty when every word was taken. Each command checks its
+// own words: a misspelt option or one path too many must never run a
+// command that then does something else than the person asked.
+std::string strayWord(CLI::App& app) {
+    std::vector<CLI::App*> chosen = app.get_subcommands();
+    std::string command = chosen.empty() ? "" : chosen.front()->get_name();
+    // The tool's own words come first: an option there stood before the command.
+    std::vector<std::pair<std::string, bool>> words;
+    for (std::string const& word : app.remaining()) words.emplace_back(word, false);
+    for (CLI::App* sub : chosen) {
+        for (std::string const& word : sub->remaining()) words.emplace_back(word, true);
+    }
+    for (auto const& [word, commands] : words) {
+        if (word == "--") continue;
+        bool option = word.size() > 1 && word[0] == '-';
+        if (option && !commands) return "no option named " + word;
+        if (option) {
+            return command + ": no option named " + word + " (see gdrive_host help " + command +
+                   ")";
+        }
+        if (command.empty()) return "no command named " + word;
+        return command + ": one argument too many: " + word;
+    }
+    return "";
+}
+
 int parseAndRun(int argc, char** argv) {
     Invocation inv;
     inv.destination.plugin = defaultPluginPath();
@@ -111,12 +138,8 @@ int parseAndRun(int argc, char** argv) {
         int rc = app.exit(e);
         return rc == 0 ? kExitOk : kExitUsage;
     }
-    std::vector<std::string> unknown = app.remaining();
-    if (!unknown.empty()) {
-        bool option = unknown.front().size() > 1 && unknown.front()[0] == '-';
-        return reportProblem((option ? "no option named " : "no command named ") + unknown.front(),
-                             kExitUsage);
-    }
+    std::string stray = strayWord(app);
+    if (!stray.empty()) return reportProblem(stray, kExitUsage);
     std::string profile = app.get_option("--profile")->as<std::string>();
     warnUnknownProfileKeys(profile);
     if (inv.destination.target.find('/') != std::string::npos || inv.destination.target.empty()) {

@@ -109,12 +109,35 @@ void printLongLine(TAVO::Backup::FileInfo const& info, std::string const& name) 
            folder ? "-" : info.getChecksum().c_str(), name.c_str(), folder ? "/" : "");
 }
 
+namespace {
+
+// `value` with every string (keys included) made valid UTF-8.
+Json::Value withValidUtf8(Json::Value const& value) {
+    if (value.isString()) return validUtf8(value.asString());
+    if (value.isArray()) {
+        Json::Value out(Json::arrayValue);
+        for (Json::Value const& item : value) out.append(withValidUtf8(item));
+        return out;
+    }
+    if (value.isObject()) {
+        Json::Value out(Json::objectValue);
+        for (std::string const& key : value.getMemberNames())
+            out[validUtf8(key)] = withValidUtf8(value[key]);
+        return out;
+    }
+    return value;
+}
+
+}  // namespace
+
 void printJson(Json::Value const& document) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "  ";
     builder["emitUTF8"] = true;
     std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
-    writer->write(document, &std::cout);
+    // Local names need not be UTF-8 (a NAS holds Latin-1 names of old
+    // shares); a document must be, whatever command made it.
+    writer->write(withValidUtf8(document), &std::cout);
     std::cout << std::endl;
 }
 

@@ -37,7 +37,8 @@ Json::Value entryJson(TAVO::Backup::FileInfo const& info, std::string const& nam
 void printLongHeader();
 void printLongLine(TAVO::Backup::FileInfo const& info, std::string const& name);
 
-// Writes `document` to stdout, indented, followed by a line feed.
+// Writes `document` to stdout, indented, followed by a line feed; bytes of
+// its strings that are not UTF-8 are written as U+FFFD.
 void printJson(Json::Value const& document);
 
 }  // namespace gdhost

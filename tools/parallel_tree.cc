@@ -95,8 +95,11 @@ bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
     }
     int failure = ERR_NONE;
     bool topMissing = false;
+    StatusLine status(_session.args.quiet);
+    int64_t folders = 0;
     auto onResult = [&](Json::Value const& done, Json::Value const& result,
                         std::deque<Json::Value>& more) {
+        status.show("listing the remote folders", ++folders);
         if (!result["ok"].asBool()) {
             failure = result["code"].asInt();
             topMissing = done["remote"].asString() == top && failure == ERR_REMOTE_NOT_FOUND;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -55,13 +56,38 @@ void ProgressLine::draw(bool force) {
     _drawn = now;
     double elapsed = seconds();
     double rate = elapsed > 0 ? _bytes / elapsed : 0;
-    std::string eta = "-";
-    if (rate > 0 && _total_bytes > _bytes) {
-        eta = std::to_string(static_cast<int64_t>((_total_bytes - _bytes) / rate)) + " s";
+    // Small files cost their requests more than their bytes: the time left
+    // is the longer of what the bytes and what the files left take at the
+    // pace so far.
+    double left = -1;
+    if (rate > 0 && _total_bytes > _bytes) left = (_total_bytes - _bytes) / rate;
+    if (_files > 0 && _total_files > _files) {
+        left = std::max(left, static_cast<double>(_total_files - _files) * elapsed / _files);
     }
+    std::string eta = left < 0 ? "-" : std::to_string(static_cast<int64_t>(left)) + " s";
     fprintf(liveOutput(), "\r\033[K%s %s / %s, %" PRId64 "/%" PRId64 " files, %s/s, ETA %s",
             _verb.c_str(), humanBytes(_bytes).c_str(), humanBytes(_total_bytes).c_str(), _files,
             _total_files, humanBytes(static_cast<int64_t>(rate)).c_str(), eta.c_str());
+    fflush(liveOutput());
+}
+
+StatusLine::StatusLine(bool quiet) : _live(!quiet && smartTerminal()) {}
+
+StatusLine::~StatusLine() {
+    if (_shown) fprintf(liveOutput(), "\r\033[K");
+}
+
+void StatusLine::show(char const* what, int64_t done, int64_t total) {
+    if (!_live) return;
+    auto now = std::chrono::steady_clock::now();
+    if (now - _drawn < std::chrono::milliseconds(200)) return;
+    _drawn = now;
+    _shown = true;
+    if (total < 0) {
+        fprintf(liveOutput(), "\r\033[K%s: %" PRId64, what, done);
+    } else {
+        fprintf(liveOutput(), "\r\033[K%s: %" PRId64 "/%" PRId64, what, done, total);
+    }
     fflush(liveOutput());
 }
 

@@ -42,4 +42,24 @@ class ProgressLine {
     std::chrono::steady_clock::time_point _drawn{};
 };
 
+// The phases before the transfers (listing a tree, making its folders) on
+// the same live line: "listing: 120 folders", "making folders: 3/14". Only
+// on a terminal and unless quiet; cleared when it goes.
+class StatusLine {
+  public:
+    explicit StatusLine(bool quiet);
+    ~StatusLine();
+    StatusLine(StatusLine const&) = delete;
+    StatusLine& operator=(StatusLine const&) = delete;
+
+    // Shows `what` with `done` (and `total` unless negative); redraws at most
+    // five times a second.
+    void show(char const* what, int64_t done, int64_t total = -1);
+
+  private:
+    bool _live;
+    bool _shown = false;
+    std::chrono::steady_clock::time_point _drawn{};
+};
+
 }  // namespace gdhost

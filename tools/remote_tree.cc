@@ -66,11 +66,13 @@ bool walkRemoteTree(TransferAgent& agent, std::string const& top, FolderVisitor 
 }
 
 bool remoteEntries(TransferAgent& agent, std::string const& top, bool missingIsEmpty,
-                   std::map<std::string, FileInfo>& entries) {
+                   std::map<std::string, FileInfo>& entries,
+                   std::function<void()> const& onFolder) {
     bool ok = walkRemoteTree(agent, top,
                              [&](std::string const& folder, std::vector<FileInfo> const& children) {
                                  for (auto const& child : children)
                                      entries[joinPath(folder, child.getRpath())] = child;
+                                 if (onFolder) onFolder();
                                  return true;
                              });
     return ok || (missingIsEmpty && getError() == ERR_REMOTE_NOT_FOUND);

@@ -39,9 +39,11 @@ bool walkRemoteTree(TAVO::Backup::TransferAgent& agent, std::string const& top,
                     FolderVisitor const& visit, bool recursive = true);
 
 // Every entry below `top` by its path relative to `top`. A missing `top`
-// gives an empty map and true when `missingIsEmpty`.
+// gives an empty map and true when `missingIsEmpty`. `onFolder` (may be
+// null) hears of each folder listed.
 bool remoteEntries(TAVO::Backup::TransferAgent& agent, std::string const& top, bool missingIsEmpty,
-                   std::map<std::string, TAVO::Backup::FileInfo>& entries);
+                   std::map<std::string, TAVO::Backup::FileInfo>& entries,
+                   std::function<void()> const& onFolder = nullptr);
 
 // Creates the folder `path` and every missing parent. False with the engine's
 // error code set on the first failure.

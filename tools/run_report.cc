@@ -51,8 +51,20 @@ void RunReport::add(FileOutcome const& outcome) {
     std::lock_guard<std::mutex> lock(_mutex);
     ++_counts[outcome.kind];
     if (outcome.kind != FileOutcome::kFailed) return;
+    if (outcome.path.empty() || outcome.path.back() != '/') ++_failedFiles;
     _failures.push_back(outcome);
     if (outcome.failure.stopsRun) _stopped = true;
+}
+
+void RunReport::plan(int64_t files) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _planned += files;
+}
+
+int64_t RunReport::untried() const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    int64_t left = _planned - _counts[FileOutcome::kDone] - _failedFiles;
+    return left > 0 ? left : 0;
 }
 
 bool RunReport::stopped() const {

@@ -37,6 +37,11 @@ class RunReport {
     // run stops there.
     bool stopped() const;
 
+    // Counts `files` more files that the run means to send or receive.
+    void plan(int64_t files);
+    // The files planned that were neither done nor failed: those a stop left.
+    int64_t untried() const;
+
     // Writes each failure as "failed: PATH: WORDS" to stderr.
     void printFailures() const;
     // "3 sent, 2 unchanged, 1 skipped, 1 failed".
@@ -49,6 +54,7 @@ class RunReport {
     mutable std::mutex _mutex;
     std::string _done_word;
     int64_t _counts[4] = {0, 0, 0, 0};
+    int64_t _planned = 0, _failedFiles = 0;
     std::vector<FileOutcome> _failures;
     bool _stopped = false;
 };

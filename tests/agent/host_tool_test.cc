@@ -150,8 +150,13 @@ TEST(HostTool, AuthorizeStoresNothingWhenTheGrantFails) {
     };
     AgentOnFake f;
     std::string profile = f.scratch + "/profile";
-    addClient(f);
     writeFile(profile, "container = \"Mine\"\n");
+    // A client without its secret: the exchange could only fail.
+    std::ofstream(f.scratch + "/drive_agent.conf", std::ios::app) << "client_id = 42.apps\n";
+    auto unsent = host(f, "authorize --timeout 1", "GDRIVE_PROFILE=" + profile);
+    EXPECT_EQ(2, unsent.first);
+    EXPECT_NE(std::string::npos, unsent.second.find("names no client_secret")) << unsent.second;
+    addClient(f);
     for (Case const& c : cases) {
         Authorize run(f, profile, c.query.empty() ? "--timeout 1" : "");
         std::string query = c.query;

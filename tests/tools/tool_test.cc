@@ -7,6 +7,7 @@
 #include <linux/capability.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -98,10 +99,11 @@ class ToolTest : public ::testing::Test {
     void TearDown() override { fs::remove_all(_dir); }
 
     // Starts the tool with `args` in a process group of its own; stdout and
-    // stderr go to files in the folder. With _unprivileged set and run as
-    // root (as CI runs), the tool runs without the capabilities that override
-    // file modes, so that modes bind it wherever the checkout lives.
-    pid_t start(std::vector<std::string> args) {
+    // stderr go to files in the folder (`tag` names those of one of several
+    // runs at once). With _unprivileged set and run as root (as CI runs), the
+    // tool runs without the capabilities that override file modes, so that
+    // modes bind it wherever the checkout lives.
+    pid_t start(std::vector<std::string> args, std::string const& tag = "") {
         args.insert(args.begin(), GDRIVE_HOST);
         bool drop = _unprivileged && geteuid() == 0;
         pid_t pid = fork();
@@ -111,8 +113,8 @@ class ToolTest : public ::testing::Test {
                 if (drop && prctl(PR_CAPBSET_DROP, cap, 0, 0, 0) != 0) _exit(126);
             if (chdir(_dir.c_str()) != 0) _exit(127);
             dup2(open("/dev/null", O_RDONLY), 0);
-            dup2(open((_dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-            dup2(open((_dir + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+            dup2(open((_dir + "/out" + tag).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+            dup2(open((_dir + "/err" + tag).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
             std::vector<char*> argv;
             for (auto& a : args) argv.push_back(a.data());
             argv.push_back(nullptr);
@@ -126,7 +128,8 @@ class ToolTest : public ::testing::Test {
     // processes are printed, so that a hang is diagnosed from the log alone,
     // and its whole group is killed. `whileRunning` (if given) is called every
     // 10 ms until the tool ends.
-    Result finish(pid_t pid, std::function<void()> const& whileRunning = nullptr) {
+    Result finish(pid_t pid, std::string const& tag = "",
+                  std::function<void()> const& whileRunning = nullptr) {
         int status = 0;
         auto const deadline = std::chrono::steady_clock::now() + kRunLimit;
         while (waitpid(pid, &status, WNOHANG) == 0) {
@@ -142,7 +145,7 @@ class ToolTest : public ::testing::Test {
             std::this_thread::sleep_for(10ms);
         }
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-                readFile(_dir + "/out"), readFile(_dir + "/err")};
+                readFile(_dir + "/out" + tag), readFile(_dir + "/err" + tag)};
     }
     Result run(std::vector<std::string> args) { return finish(start(std::move(args))); }
 
@@ -188,7 +191,12 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         {{"put", "only-one"}, 2, "", "REMOTE is required"},
         {{"-q", "-v", "ls"}, 2, "", "excludes"},
         {{"--target", "a/b", "init"}, 2, "", "one folder"},
+        {{"copy", "--transfers", "abc", "a", "b"}, 2, "", "from 1 to 64, not abc"},
+        {{"--profile", path("bare"), "init"}, 2, "", "profile line 2: no \"=\""},
+        {{"--profile", path("open"), "init"}, 2, "", "profile line 1: the quote"},
     };
+    write(path("bare"), "# a comment\ncontainer\n");
+    write(path("open"), "target = \"unterminated\n");
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0]);
         Result r = run(c.args);
@@ -196,10 +204,53 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         EXPECT_NE(r.out.find(c.onStdout), std::string::npos) << r.out;
         EXPECT_NE(r.err.find(c.onStderr), std::string::npos) << r.err;
     }
+    // Every command with all the words it takes, then one word more: a
+    // misspelt option (even one followed by a value: "--transfer 8") or a
+    // surplus argument is refused before anything is done.
+    std::map<std::string, std::vector<std::string>> const full = {
+        {"help", {"ls"}},       {"authorize", {"--timeout", "1"}},
+        {"init", {}},           {"ls", {"a"}},
+        {"tree", {"a"}},        {"stat", {"a"}},
+        {"size", {"a"}},        {"about", {}},
+        {"mkdir", {"a"}},       {"put", {"f", "a"}},
+        {"get", {"a", "f"}},    {"copy", {"d", "a"}},
+        {"sync", {"d", "a"}},   {"restore", {"a", "d"}},
+        {"check", {"d", "a"}},  {"rm", {"a"}},
+        {"purge", {"-f", "a"}}, {"containers", {}},
+        {"cache", {"show"}},    {"dupes", {"a"}},
+    };
+    std::string listed = run({"--help"}).out;
+    std::istringstream lines(listed.substr(listed.find("Subcommands:\n") + 13));
+    size_t commands = 0;
+    for (std::string line; std::getline(lines, line) && !line.empty(); ++commands) {
+        std::string name = line.substr(2, line.find(' ', 2) - 2);
+        EXPECT_TRUE(full.count(name)) << name << " is not tried below";
+    }
+    EXPECT_EQ(commands, full.size());
+    for (auto const& [name, args] : full) {
+        for (char const* stray : {"--bogus", "surplus"}) {
+            // An unknown option before the arguments, with a value any
+            // argument could take; a word after them.
+            std::vector<std::string> words{name};
+            if (stray[0] == '-') words.insert(words.end(), {stray, "show"});
+            words.insert(words.end(), args.begin(), args.end());
+            if (stray[0] != '-') words.push_back(stray);
+            SCOPED_TRACE(::testing::PrintToString(words));
+            Result r = run(words);
+            EXPECT_EQ(r.code, 2) << r.err;
+            EXPECT_NE(r.err.find(name + ": "), std::string::npos) << r.err;
+            EXPECT_NE(r.err.find(stray), std::string::npos) << r.err;
+        }
+    }
     EXPECT_FALSE(fs::exists(path("data")));
 }
 
 TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
+    Result early = run({"ls"});
+    EXPECT_EQ(early.code, 3);
+    EXPECT_NE(early.err.find("/Backups/nas1.hbk is not there yet: run gdrive_host init"),
+              std::string::npos)
+        << early.err;
     ASSERT_EQ(run({"init"}).code, 0);
     write(path("file"), "content");
     mkfifo(path("fifo").c_str(), 0600);
@@ -215,17 +266,23 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
     } const cases[] = {
         {none, {"ls", "missing"}, 3, "ls missing: error 2003, not found"},
         {none, {"get", "missing", path("x")}, 4, "get missing: error 2003"},
+        {none, {"get", "no/missing", path("x")}, 3, "get no/missing: folder no: error 2003"},
         {none, {"put", path("nothing"), "x"}, 4, "No such file"},
         {none, {"put", path("fifo"), "x"}, 2, "is a FIFO"},
         {none, {"put", path("link"), "x"}, 2, "is a symbolic link"},
         {none, {"put", path("folder"), "x"}, 2, "use copy"},
         {none, {"ls", "a/.."}, 2, "cannot go up"},
         {none, {"purge", "x"}, 2, "use --force"},
+        {none, {"purge", "-f", "/"}, 2, "the target folder itself is not purged"},
+        {none, {"restore", "/", path("file")}, 2, "a file is in the way"},
         {none, {"--profile", path("profile"), "ls"}, 0, "profile:2: unknown key colour ignored"},
         {none, {"copy", path("nothing"), "x"}, 3, "No such file"},
         {none, {"get", "x", path("missing/x")}, 3, "local folder"},
         {DriveEmulator::Fault::fail("*", 408).always(), {"ls"}, 5, "error 2104"},
-        {DriveEmulator::Fault::fail("*", 401).always(), {"about"}, 7, "credentials refused"},
+        {DriveEmulator::Fault::fail("*", 401).always(),
+         {"about"},
+         7,
+         "credentials refused: Invalid Credentials (401); a revoked or expired refresh token"},
         {DriveEmulator::Fault::fail("uploadFile", 403,
                                     "The user's Drive storage quota has been exceeded.")
              .always(),
@@ -412,7 +469,7 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
         // Fewer failures than a file's retries: every file gets through.
         drive().addFault(DriveEmulator::Fault::fail("uploadFile", 503).forNext(8));
         pid_t pid = start({"copy", "--transfers", "8", path("src"), "r" + std::to_string(round)});
-        Result r = finish(pid, [&] {
+        Result r = finish(pid, "", [&] {
             // Read each time: the first looks may come before the tool's exec.
             std::string const parentLine = procText(pid, "cmdline");
             std::map<pid_t, pid_t> parents;
@@ -444,7 +501,7 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
     pid_t pid = start({"copy", "--transfers", "8", path("src"), "killed"});
     std::vector<pid_t> workers;
     bool killed = false;
-    Result r = finish(pid, [&] {
+    Result r = finish(pid, "", [&] {
         std::vector<pid_t> const now = allProcesses();
         for (pid_t child : now) {
             ProcessStat stat;
@@ -463,15 +520,40 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
     EXPECT_NE(r.err.find("worker process ended by signal 9"), std::string::npos) << r.err;
 }
 
+// Two runs that change one destination at once take turns: the second says
+// which run it waits for, and finds the folders the first made instead of
+// making its own.
+TEST_F(ToolTest, RunsOnOneDestinationTakeTurns) {
+    makeTree(path("src"));
+    ASSERT_EQ(run({"init"}).code, 0);
+    drive().addFault(DriveEmulator::Fault::delay("createFolder", 100).always());
+    pid_t one = start({"copy", "--transfers", "1", path("src"), "conc"}, "1");
+    pid_t two = start({"copy", path("src"), "conc"}, "2");
+    Result first = finish(one, "1"), second = finish(two, "2");
+    EXPECT_EQ(first.code, 0) << first.err;
+    EXPECT_EQ(second.code, 0) << second.err;
+    std::string const waited = first.err + second.err;
+    EXPECT_NE(waited.find("waiting for the run that changes nas1.hbk: process "), std::string::npos)
+        << waited;
+    EXPECT_NE(waited.find("(gdrive_host copy " + path("src") + " conc) since "), std::string::npos)
+        << waited;
+    EXPECT_NE((first.out + second.out).find("0 sent, 4 unchanged"), std::string::npos);
+    drive().clearFaults();
+    EXPECT_EQ(run({"dupes"}).out.find("conc"), std::string::npos);
+    Json::Value size = parse(run({"size", "--json", "conc"}).out);
+    EXPECT_EQ(size["folders"], 9) << size.toStyledString();
+}
+
 // Names are compared byte for byte, as the NAS file system does: "X" is no
 // second "x".
 TEST_F(ToolTest, DupesAreByteIdenticalNamesOnly) {
     ASSERT_EQ(run({"init"}).code, 0);
     ASSERT_EQ(run({"mkdir", "d"}).code, 0);
     std::string folder = drive().idByPath("/Backups/nas1.hbk/d");
+    EXPECT_EQ(run({"dupes"}).code, 0);
     for (char const* name : {"x", "x", "X"}) drive().put(folder, name, name);
     Result r = run({"dupes"});
-    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.code, 1);
     EXPECT_NE(r.out.find("d/x\n"), r.out.rfind("d/x\n")) << r.out;
     EXPECT_EQ(r.out.find("d/X"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("\n1 name held more than once"), std::string::npos) << r.out;
@@ -505,10 +587,24 @@ TEST_F(ToolTest, CopyAndSyncKeepGoingPastWhatCannotBeRead) {
     EXPECT_NE(refused.err.find("nothing deleted"), std::string::npos) << refused.err;
     EXPECT_EQ(run({"stat", "backup/a/b/c/d/deep"}).code, 0);
 
+    // A backed-up file that cannot be read now neither differs nor would be sent.
+    chmod(path("src/Pool/0/bucket.1").c_str(), 0);
+    for (std::string command : {"check", "sync"}) {
+        Result r = command == "check" ? run({"check", path("src"), "backup"})
+                                      : run({"sync", "--dry-run", path("src"), "backup"});
+        EXPECT_EQ(r.code, 1);
+        EXPECT_NE(r.err.find("failed: Pool/0/bucket.1: cannot read it"), std::string::npos)
+            << r.err;
+        EXPECT_EQ(r.out.find("Pool/0/bucket.1"), std::string::npos) << r.out;
+    }
+    chmod(path("src/Pool/0/bucket.1").c_str(), 0644);
+
     chmod(path("src/locked").c_str(), 0755);
     chmod(path("src/secret").c_str(), 0644);
-    EXPECT_NE(run({"sync", "--dry-run", path("src"), "backup"}).out.find("would delete a\n"),
-              std::string::npos);
+    Result dry = run({"sync", "--dry-run", path("src"), "backup"});
+    EXPECT_NE(dry.out.find("would delete a/ and the 4 objects below it\n"), std::string::npos)
+        << dry.out;
+    EXPECT_NE(dry.out.find("to replace, 5 objects to delete"), std::string::npos) << dry.out;
     EXPECT_EQ(run({"stat", "backup/a"}).code, 0);
     Result sync = run({"sync", path("src"), "backup"});
     EXPECT_EQ(sync.code, 0) << sync.err;
@@ -517,6 +613,64 @@ TEST_F(ToolTest, CopyAndSyncKeepGoingPastWhatCannotBeRead) {
         << sync.out;
     EXPECT_EQ(run({"stat", "backup/a"}).code, 4);
     EXPECT_EQ(run({"check", path("src"), "backup"}).code, 0);
+}
+
+// Makes `depth` nested folders of 200-byte names below `top` and a file
+// "deep" in the last: a path longer than PATH_MAX, which only a walk
+// relative to an open folder reaches.
+void makeLongPath(std::string const& top, int depth) {
+    int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY);
+    std::string const name(200, 'n');
+    for (int i = 0; i < depth; ++i) {
+        ASSERT_EQ(mkdirat(fd, name.c_str(), 0755), 0);
+        int next = openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY);
+        close(fd);
+        fd = next;
+    }
+    int file = openat(fd, "deep", O_WRONLY | O_CREAT, 0644);
+    ASSERT_EQ(write(file, "deep\n", 5), 5);
+    close(file);
+    close(fd);
+}
+
+// What sync cannot see locally keeps its remote copy: a folder or a file
+// replaced by a symbolic link, a path too long to examine; what was really
+// deleted goes. A tree not compared whole never matches.
+TEST_F(ToolTest, SyncKeepsWhatItSkipsOrCannotExamine) {
+    write(path("src/docs/a.txt"), "a\n");
+    write(path("src/file"), "f\n");
+    write(path("src/gone"), "g\n");
+    write(path("src/kept"), "k\n");
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src"), "backup"}).code, 0);
+    fs::rename(path("src/docs"), path("docs"));
+    fs::create_directory_symlink(path("docs"), path("src/docs"));
+    fs::remove(path("src/file"));
+    fs::create_symlink(path("src/kept"), path("src/file"));
+    fs::remove(path("src/gone"));
+    fs::create_directory(path("src/long"));
+    makeLongPath(path("src/long"), 21);
+    Result sync = run({"sync", path("src"), "backup"});
+    EXPECT_EQ(sync.code, 1) << sync.err;
+    EXPECT_NE(sync.err.find("skipped docs (is a symbolic link; its remote copy is kept)"),
+              std::string::npos)
+        << sync.err;
+    EXPECT_NE(sync.err.find("cannot examine it: File name too long"), std::string::npos)
+        << sync.err;
+    EXPECT_NE(sync.out.find("2 skipped, 1 failed, 1 deleted"), std::string::npos) << sync.out;
+    EXPECT_EQ(run({"stat", "backup/docs/a.txt"}).code, 0);
+    EXPECT_EQ(run({"stat", "backup/file"}).code, 0);
+    EXPECT_EQ(run({"stat", "backup/gone"}).code, 4);
+    // Every folder below long/ matches; the file at its bottom was never
+    // compared. A Latin-1 name is shown in valid UTF-8.
+    write(path("src/long/latin1-\xe9t\xe9"), "");
+    Result check = run({"check", "--json", path("src/long"), "backup/long"});
+    EXPECT_EQ(check.code, 1) << check.err;
+    EXPECT_NE(check.err.find("cannot examine it: File name too long"), std::string::npos)
+        << check.err;
+    EXPECT_FALSE(parse(check.out)["ok"].asBool());
+    EXPECT_EQ(parse(check.out)["missing_remote"][0], "latin1-\xef\xbf\xbdt\xef\xbf\xbd");
+    std::system(("rm -rf " + path("src/long")).c_str());  // too deep for remove_all
 }
 
 // The exit code tells the worst class of failure; a failure that every file
@@ -571,6 +725,52 @@ TEST_F(ToolTest, TreeFailuresAreCountedAndClassed) {
         EXPECT_EQ(drive().countRequests(c.fault.fn), c.requests);
     }
     EXPECT_EQ(readFile(path("back/a/b/c/d/deep")), "deep\n");
+}
+
+// A folder that cannot be made is the one reason for the files below it,
+// with one agent and with workers alike; the rest of the tree goes out.
+TEST_F(ToolTest, FilesBelowAnUnmadeFolderNameIt) {
+    write(path("src/new/sub/f"), "f");
+    write(path("src/new/g"), "g");
+    write(path("src/other"), "o");
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"mkdir", "t1"}).code, 0);
+    ASSERT_EQ(run({"mkdir", "t3"}).code, 0);
+    drive().addFault(DriveEmulator::Fault::fail("createFolder", 400).always());
+    for (std::string transfers : {"1", "3"}) {
+        SCOPED_TRACE(transfers);
+        Result r = run({"copy", "--transfers", transfers, path("src"), "t" + transfers});
+        EXPECT_EQ(r.code, 1) << r.err;
+        EXPECT_NE(r.err.find("failed: new/: error"), std::string::npos) << r.err;
+        for (char const* below : {"new/sub/", "new/sub/f", "new/g"}) {
+            EXPECT_NE(r.err.find(std::string("failed: ") + below +
+                                 ": not tried: the folder new/ could not be made"),
+                      std::string::npos)
+                << r.err;
+        }
+        EXPECT_NE(r.out.find("1 sent, 0 unchanged, 0 skipped, 4 failed"), std::string::npos)
+            << r.out;
+    }
+}
+
+// A full local disk stops a restore at its first file that does not fit,
+// with the reason: every further file would meet it.
+TEST_F(ToolTest, FullDiskStopsARestore) {
+    for (int n = 0; n < 8; ++n) write(path("src/") + std::to_string(n), std::string(100000, 'f'));
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src"), "backup"}).code, 0);
+    fs::create_directory(path("small"));
+    ASSERT_EQ(mount("tmpfs", path("small").c_str(), "tmpfs", 0, "size=300k"), 0) << errno;
+    Result r = run({"restore", "--transfers", "1", "backup", path("small/back")});
+    umount2(path("small").c_str(), MNT_DETACH);
+    EXPECT_EQ(r.code, 1) << r.err;
+    EXPECT_NE(r.err.find("No space left on device"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("stopped: the failure above would meet every further file (4 files "
+                         "not tried)"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.out.find(" received, 0 unchanged, 0 skipped, 1 failed"), std::string::npos)
+        << r.out;
 }
 
 // Restored files get the mode of a new file; partial downloads of dead runs
@@ -641,7 +841,11 @@ TEST_F(ToolTest, InterruptLeavesNothingBehind) {
         EXPECT_EQ(std::distance(fs::directory_iterator(path("local")), fs::directory_iterator()),
                   1);
         EXPECT_TRUE(fs::is_empty(path("data/account/blobs/tmp")));
-        if (c.args[0] == "put") {
+        if (c.args[0] == "restore") {
+            // How many were not tried depends on how many workers had one.
+            EXPECT_NE(r.err.find("gdrive_host: cancelled: "), std::string::npos) << r.err;
+            EXPECT_NE(r.err.find(" not tried\n"), std::string::npos) << r.err;
+        } else if (c.args[0] == "put") {
             EXPECT_EQ(run({"stat", "new"}).code, 4);
         } else if (c.args[0] == "copy") {
             // On a slow machine the stop may come before the folder is made.
