@@ -26,6 +26,9 @@ std::string lineOf(Json::Value const& value) {
     static Json::StreamWriterBuilder const builder = [] {
         Json::StreamWriterBuilder b;
         b["indentation"] = "";
+        // Bytes as they are: a local name need not be UTF-8 (an old share's
+        // Latin-1), and escaping would decode it as if it were.
+        b["emitUTF8"] = true;
         return b;
     }();
     return Json::writeString(builder, value) + "\n";

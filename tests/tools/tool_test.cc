@@ -448,8 +448,9 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
 // command line when it has started a drive agent of its own; a child on its
 // way to an exec has none).
 TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
-    for (int n = 0; n < 48; ++n)
+    for (int n = 0; n < 47; ++n)
         write(path("src/") + std::to_string(n % 6) + "/" + std::to_string(n), "n");
+    write(path("src/0/latin1-\xe9t\xe9"), "not UTF-8");  // reaches a worker byte for byte
     ASSERT_EQ(run({"init"}).code, 0);
     // Workers' folders left by runs that died go with the next run; a live
     // run's (its lock held) stays.
