@@ -27,6 +27,7 @@ KindName const kKindNames[] = {
     {FaultKind::ListingLag, "listing_lag"},
     {FaultKind::CutAnswer, "cut_answer"},
     {FaultKind::RepeatListing, "repeat_listing"},
+    {FaultKind::FailAfterApply, "fail_after_apply"},
 };
 
 Fault make(FaultKind kind, std::string fn) {
@@ -136,6 +137,13 @@ Fault Fault::listingLag(std::int64_t listings, std::string fn) {
 }
 
 Fault Fault::cutAnswer(std::string fn) { return make(FaultKind::CutAnswer, std::move(fn)); }
+
+Fault Fault::failAfterApply(std::string fn, int code, std::string message) {
+    Fault fault = make(FaultKind::FailAfterApply, std::move(fn));
+    fault.code = code;
+    fault.text = std::move(message);
+    return fault;
+}
 
 Fault Fault::repeatListing() { return make(FaultKind::RepeatListing, "listObjects"); }
 

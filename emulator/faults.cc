@@ -114,6 +114,7 @@ FiredFaults fireRequestFaults(Db& db, std::string const& fn) {
             case FaultKind::Exit:
             case FaultKind::ExitAfterApply:
             case FaultKind::CutAnswer:
+            case FaultKind::FailAfterApply:
             case FaultKind::Garbage:
                 if (!result.stop) result.stop = rule;
                 break;

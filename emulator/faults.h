@@ -15,9 +15,9 @@ namespace DriveEmulator {
 
 // What the rules that fired for one request ask for.
 struct FiredFaults {
-    std::optional<Fault>
-        stop;  // Fail, Exit, ExitAfterApply, CutAnswer or Garbage: the first that fired
-    std::int64_t delayMs = 0;  // the sum of the Delay rules that fired
+    std::optional<Fault> stop;  // Fail, Exit, ExitAfterApply, CutAnswer, FailAfterApply or
+                                // Garbage: the first that fired
+    std::int64_t delayMs = 0;   // the sum of the Delay rules that fired
     bool shortDownload = false;
     bool longDownload = false;
     std::optional<std::vector<double>> progress;

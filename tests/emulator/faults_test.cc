@@ -118,6 +118,24 @@ TEST_F(Faults, CreationAppliedAnswerLostAndNameListingLagging) {
     }
 }
 
+// Drive may apply a request and still answer it with a failure; the
+// process serves on. A request the model refuses gets its own refusal.
+TEST_F(Faults, AppliedThenAnsweredWithAFailure) {
+    std::string gone = drive->put("root", "gone", "x");
+    Json::Value remove = req({{"fn", "deleteObject"}, {"id", gone}});
+    auto emulator = start();
+    for (auto const& request : {mkdir("made"), uploadOf("up", "content"), remove}) {
+        SCOPED_TRACE(request["fn"].asString());
+        drive->addFault(Fault::failAfterApply("*", 503));
+        EXPECT_EQ(503, emulator->transfer(request).back()["error_code"].asInt());
+    }
+    EXPECT_EQ(1u, drive->lookup("root", "made").size());
+    EXPECT_EQ(1u, drive->lookup("root", "up").size());
+    EXPECT_TRUE(drive->lookup("root", "gone").empty());
+    drive->addFault(Fault::failAfterApply("*", 503));
+    EXPECT_EQ(404, emulator->call(remove)["error_code"].asInt());
+}
+
 TEST_F(Faults, DownloadsCutShortOrLongAndUploadsDyingHalfWayStoreNothing) {
     std::string file = drive->put("root", "f", "0123456789");
     auto emulator = start();

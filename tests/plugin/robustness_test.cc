@@ -242,6 +242,35 @@ TEST_F(RobustnessTest, CopiesLeftByLostAnswersAreSettledByTheNextLookup) {
     EXPECT_TRUE(TestSupport::syslogHas("removing duplicate [f]", LOG_WARNING));
 }
 
+// Drive applied a create and still failed it with a code worth retrying,
+// and its name listings lag behind: sending it again must make no second
+// object. Each case fails once, so the look before the next attempt finds it.
+TEST_F(RobustnessTest, ACreateAppliedThenFailedMakesOneObject) {
+    std::string local = writeLocal("up", "content");
+    std::string empty = writeLocal("empty", "");
+    struct Case {
+        char const* fn;
+        int code;
+        char const* name;
+        std::function<bool()> run;
+    } const cases[] = {
+        {"createFolder", 503, "d1", [&] { return agent->createDir("d1"); }},
+        {"createFolder", -2, "d2", [&] { return agent->createDir("d2"); }},
+        {"uploadFile", 500, "f1", [&] { return agent->sendFile(local, "f1"); }},
+        {"uploadFile", 408, "f2", [&] { return agent->sendFile(local, "f2"); }},
+        {"uploadEmptyFile", 503, "e", [&] { return agent->sendFile(empty, "e"); }},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(std::string(c.fn) + " " + std::to_string(c.code));
+        if (c.code < 0 && onDriveAgent()) continue;  // the agent's own code
+        addFault(Fault::failAfterApply(c.fn, c.code));
+        addFault(Fault::listingLag(1, c.fn));
+        EXPECT_TRUE(c.run()) << getError();
+        EXPECT_EQ(1, objectsNamed(targetId, c.name));
+    }
+    EXPECT_EQ(0, requests("updateFile")) << "what was stored is taken, not sent again";
+}
+
 // Only copies placed in the folder alone and listed once are deleted:
 // anything else could take the one copy a user has.
 TEST_F(RobustnessTest, SettlingNeverDeletesTheOnlyOrAnotherFoldersCopy) {
