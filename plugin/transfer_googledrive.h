@@ -212,7 +212,8 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // it while they are found gone), by one "getObjectMeta" each. True when
     // one no longer held (and was dropped), so that one more try may find
     // the path on the service; false with the error state as it was when it
-    // holds, or with the error of a confirmation that failed.
+    // holds, or when a confirmation failed for a passing reason; false with
+    // the error of a confirmation that failed otherwise.
     bool droppedStalePlacement(std::string const& remotePath);
     // The object at `remotePath`, with every step of the walk up to the root
     // confirmed (the last one always when `askLast`): what the node cache
@@ -232,6 +233,10 @@ class TransferAgentGoogleDrive : public TransferAgent {
                      GoogleDrive::FileMeta& meta);
     // createDir once its argument checks and the look at the path are done.
     bool createMissingDir(std::string const& remotePath);
+    // True, with error 2003 and the trust in its folders forgotten, when the
+    // object a create or an update answered with is in the trash: a folder
+    // above it was trashed meanwhile, and the path is to be resolved again.
+    bool landedInTrash(GoogleDrive::FileMeta const& meta);
     // Reads the Drive object record a successful response carries; false
     // with error 1 (and the response logged) when it cannot be read.
     bool readResponseRecord(GoogleDrive::FileMeta& meta);

@@ -36,6 +36,17 @@ void dropRepeatedIds(std::list<GoogleDrive::FileMeta>& list) {
     std::unordered_set<std::string> seen;
     list.remove_if([&seen](GoogleDrive::FileMeta const& m) { return !seen.insert(m.id).second; });
 }
+// A lagging listing can still show an object under a folder it has left.
+// Taken for a child, it would be resolved there, or settled as a copy that
+// lives elsewhere too while the real child is deleted. Only an object whose
+// parents are reported and leave `pid` out is dropped; "root" names the root
+// by alias, which no parent list holds.
+void dropForeignChildren(std::string const& pid, std::list<GoogleDrive::FileMeta>& list) {
+    if (pid == "root") return;
+    list.remove_if([&pid](GoogleDrive::FileMeta const& m) {
+        return !m.parents.empty() && m.parents.count(pid) == 0;
+    });
+}
 }  // namespace
 
 // The opening every request shares: a drive agent, the node cache, and (for
@@ -63,6 +74,17 @@ bool TransferAgentGoogleDrive::readResponseRecord(GoogleDrive::FileMeta& meta) {
     GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
     setError(ERR_GENERAL);
     return false;
+}
+
+bool TransferAgentGoogleDrive::landedInTrash(GoogleDrive::FileMeta const& meta) {
+    if (meta.status != "TRASH") return false;
+    // Drive trashes what a trashed folder holds, new objects included: the
+    // folder was trashed since the plug-in last saw it in place.
+    GD_LOG(LOG_WARNING, "[%s] id=[%s] is in the trash: its folder was trashed meanwhile",
+           meta.name.c_str(), meta.id.c_str());
+    for (auto const& parent : meta.parents) _confirmed_folders.forget(parent);
+    setError(ERR_REMOTE_NOT_FOUND);
+    return true;
 }
 
 bool TransferAgentGoogleDrive::getObjectMeta(std::string const& id, GoogleDrive::FileMeta& meta) {
@@ -137,6 +159,7 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
     } while (!pageToken.empty());
 
     dropRepeatedIds(list);
+    dropForeignChildren(pid, list);
     if (_update_node_cache) learnListing(pid, list);
     return true;
 }
@@ -275,6 +298,7 @@ bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string
         return googledriveConverTransferResponse(false, _response, true, "createFolder", __LINE__);
     }
     if (!taken && !readResponseRecord(meta)) return false;
+    if (landedInTrash(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
     if (pid == "root" || _confirmed_folders.trusted(pid)) _confirmed_folders.confirm(meta.id);
     return true;

@@ -170,6 +170,7 @@ bool TransferAgentGoogleDrive::storeContent(Json::Value const& request, long fil
         return false;
     }
     if (!taken && !readResponseRecord(meta)) return false;
+    if (landedInTrash(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
     return true;
 }
