@@ -89,7 +89,20 @@ std::vector<FaultKind> faultKinds() {
          {"uploadFile", "uploadEmptyFile", "createFolder"}},
         {"other client: list twice", {anyRequest(Fault::repeatListing())}, {"listObjects"}},
     };
-    for (int c = 0; c <= int(Change::SecondParent); ++c) {
+    // Drive applied the request and still failed it, with each code worth
+    // retrying; creations also miss the next name listings.
+    std::vector<std::string> const changing = {"createFolder", "deleteObject",
+                                               "uploadFile",   "uploadEmptyFile",
+                                               "updateFile",   "updateEmptyFile"};
+    std::pair<int, char const*> const passing[] = {{503, ""},         {500, ""}, {408, ""},
+                                                   {403, kRateLimit}, {-2, ""},  {-4, ""}};
+    for (auto const& [code, message] : passing) {
+        std::string name =
+            "applied, then " + std::to_string(code) + (*message ? " rate limit" : "");
+        kinds.push_back(
+            {name, {Fault::failAfterApply("*", code, message), Fault::listingLag(3)}, changing});
+    }
+    for (int c = 0; c <= int(Change::Trash); ++c) {
         std::string name = "other client: " + changeName(Change(c));
         kinds.push_back({name, {}, {}, false, false, Change(c)});
     }
@@ -117,7 +130,8 @@ bool rightlyFailed(Change change, std::string const& changed, bool folder, Step 
     }
     bool const reads = step.operation.rfind("list", 0) == 0 || step.operation.rfind("recv", 0) == 0;
     return sameRun && (below || (at && reads)) &&
-           (change == Change::Delete || change == Change::Move || change == Change::Rename);
+           (change == Change::Delete || change == Change::Move || change == Change::Rename ||
+            change == Change::Trash);
 }
 
 // Runs the backup with `kind` at request `n` (none: the clean run), then clean
