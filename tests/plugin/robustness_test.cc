@@ -292,6 +292,18 @@ TEST_F(RobustnessTest, ACreateAppliedThenFailedMakesOneObject) {
         EXPECT_EQ(1, objectsNamed(targetId, c.name));
     }
     EXPECT_EQ(0, requests("updateFile")) << "what was stored is taken, not sent again";
+    if (onDriveAgent()) return;  // drive_agent finds its own upload: no failure reaches us
+    // The local file changed once it was sent: Drive holds other bytes, so
+    // the one file of the name is overwritten, not joined by a second one.
+    std::string changing = writeLocal("changing", "first");
+    addFault(Fault::failAfterApply("uploadFile", 503));
+    EXPECT_TRUE(agent->sendFile(changing, "g", [&](long) {
+        writeFile(changing, "changed meanwhile");
+        return true;
+    })) << getError();
+    auto g = drive->lookup(targetId, "g");
+    ASSERT_EQ(1u, g.size());
+    EXPECT_EQ("changed meanwhile", drive->content(g[0].id));
 }
 
 // Only copies placed in the folder alone and listed once are deleted:
