@@ -28,6 +28,7 @@ KindName const kKindNames[] = {
     {FaultKind::CutAnswer, "cut_answer"},
     {FaultKind::RepeatListing, "repeat_listing"},
     {FaultKind::FailAfterApply, "fail_after_apply"},
+    {FaultKind::FormerParent, "former_parent"},
 };
 
 Fault make(FaultKind kind, std::string fn) {
@@ -142,6 +143,12 @@ Fault Fault::failAfterApply(std::string fn, int code, std::string message) {
     Fault fault = make(FaultKind::FailAfterApply, std::move(fn));
     fault.code = code;
     fault.text = std::move(message);
+    return fault;
+}
+
+Fault Fault::listedUnderFormerParent(std::string const& id, std::string const& formerParentId) {
+    Fault fault = make(FaultKind::FormerParent, "listObjects");
+    fault.text = id + " " + formerParentId;
     return fault;
 }
 

@@ -139,6 +139,9 @@ FiredFaults fireRequestFaults(Db& db, std::string const& fn) {
             case FaultKind::RepeatListing:
                 result.repeatListing = true;
                 break;
+            case FaultKind::FormerParent:
+                result.formerParent.push_back(rule.text);
+                break;
             case FaultKind::RefuseHandshake:
                 break;
         }

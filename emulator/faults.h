@@ -24,6 +24,7 @@ struct FiredFaults {
     std::optional<std::int64_t> exitAfterProgress;
     std::int64_t listingLag = 0;  // the largest ListingLag that fired
     bool repeatListing = false;
+    std::vector<std::string> formerParent;  // "X P" of the FormerParent rules that fired
 };
 
 // Stores `fault` (Error(400) for a rule that cannot fire); returns its id.

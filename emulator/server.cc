@@ -274,6 +274,7 @@ Json::Value Server::meta(Request const& request, FiredFaults const& fired) {
         response["success"] = true;
         Json::Value& objects = response["objects"] = Json::Value(Json::arrayValue);
         for (auto const& object : page.objects) objects.append(objectRecord(object));
+        addFormerChildren(request.get("queryFilter"), fired, objects);
         if (!page.nextPageToken.empty()) response["nextPageToken"] = page.nextPageToken;
         return response;
     }
@@ -337,6 +338,24 @@ void Server::exitNow(Request const& request, std::string const& why) {
     } catch (Error const&) {
     }
     ::_exit(kFaultExitStatus);
+}
+
+void Server::addFormerChildren(std::string const& query, FiredFaults const& fired,
+                               Json::Value& objects) {
+    for (auto const& rule : fired.formerParent) {
+        size_t space = rule.find(' ');
+        std::string const id = rule.substr(0, space);
+        std::string const parent = space == std::string::npos ? "" : rule.substr(space + 1);
+        if (query.find("'" + parent + "' in parents") == std::string::npos) continue;
+        std::optional<StoredObject> found = _store.find(id);
+        if (!found) continue;
+        size_t named = query.find("name = '");
+        if (named != std::string::npos && query.compare(named + 8, found->object.name.size() + 1,
+                                                        found->object.name + "'") != 0) {
+            continue;
+        }
+        objects.append(objectRecord(found->object));
+    }
 }
 
 char const* Server::appliedNote(FiredFaults const& fired) {

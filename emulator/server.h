@@ -64,6 +64,10 @@ class Server {
     // asks: a failure answer in its place, or the process ends after writing
     // nothing or the first half of `answer` without its line feed.
     void answerApplied(FiredFaults const& fired, Json::Value const& answer);
+    // Appends to a listing's `objects` the objects that FormerParent rules
+    // show under a folder `query` lists, though they have left it.
+    void addFormerChildren(std::string const& query, FiredFaults const& fired,
+                           Json::Value& objects);
     // The log note of an applied request under the faults that fired.
     static char const* appliedNote(FiredFaults const& fired);
 
