@@ -24,6 +24,16 @@ std::string IdPool::next() {
     return id;
 }
 
+std::string IdPool::forCreate(std::string const& parentId, std::string const& name, bool folder) {
+    std::string& id = _pending[std::make_tuple(parentId, name, folder)];
+    if (id.empty()) id = next();
+    return id;
+}
+
+void IdPool::settle(std::string const& parentId, std::string const& name, bool folder) {
+    _pending.erase(std::make_tuple(parentId, name, folder));
+}
+
 Json::Value successWith(Json::Value record) {
     record["success"] = true;
     return record;
@@ -54,7 +64,7 @@ Json::Value listObjects(DriveApi& api, std::string const& query, std::string con
 Json::Value createFolder(DriveApi& api, IdPool& ids, std::string const& name,
                          std::string const& parentId) {
     Json::Value body(Json::objectValue);
-    body["id"] = ids.next();
+    body["id"] = ids.forCreate(parentId, name, true);
     body["name"] = name;
     body["mimeType"] = "application/vnd.google-apps.folder";
     body["parents"].append(parentId);
@@ -66,10 +76,17 @@ Json::Value createFolder(DriveApi& api, IdPool& ids, std::string const& name,
         response = api.exchange(request);
         if (!response.transportFailed()) break;
     }
-    if (response.status == 409) return getObjectMeta(api, body["id"].asString());
+    if (response.status == 409) {
+        Json::Value made = getObjectMeta(api, body["id"].asString());
+        ids.settle(parentId, name, true);
+        // Trashed since: the plug-in wants a folder in place, so a new one.
+        if (made["properties"]["isTrash"].asBool()) return createFolder(api, ids, name, parentId);
+        return made;
+    }
     if (response.transportFailed() || response.status < 200 || response.status >= 300) {
         api.fail(response);
     }
+    ids.settle(parentId, name, true);
     return successWith(objectRecord(parseJson(response.body)));
 }
 

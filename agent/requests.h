@@ -4,7 +4,9 @@
 
 #include <json/value.h>
 
+#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "drive_api.h"
@@ -17,18 +19,29 @@ class IdPool {
   public:
     explicit IdPool(DriveApi& api) : _api(api) {}
     std::string next();
+    // The id for a create of `name` in `parentId` (a folder or a file): the
+    // one handed out for the same create before, until that create is
+    // settled. A create sent again after an answer that was lost or failed
+    // then meets the object the first attempt made (409) instead of making
+    // a second one of the name.
+    std::string forCreate(std::string const& parentId, std::string const& name, bool folder);
+    // That create was answered, or its id is of no more use: a later create
+    // of the same key gets a new id.
+    void settle(std::string const& parentId, std::string const& name, bool folder);
 
   private:
     DriveApi& _api;
     std::vector<std::string> _ids;
+    std::map<std::tuple<std::string, std::string, bool>, std::string> _pending;
 };
 
 Json::Value getObjectMeta(DriveApi& api, std::string const& id);
 // The query with "trashed = false" added: the plug-in fails a whole listing
 // on one trashed entry, and Drive lists trashed objects unless told not to.
 Json::Value listObjects(DriveApi& api, std::string const& query, std::string const& pageToken);
-// Created under a pre-generated id; an object already holding that id (an
-// earlier attempt whose answer was lost) is answered with.
+// Created under a pre-generated id, the same for a repeated create; an
+// object already holding that id (an earlier attempt whose answer was lost
+// or failed) is answered with, unless it is gone or trashed.
 Json::Value createFolder(DriveApi& api, IdPool& ids, std::string const& name,
                          std::string const& parentId);
 Json::Value deleteObject(DriveApi& api, std::string const& id);

@@ -64,6 +64,9 @@ class Session {
     HttpResponse queryStatus();
     // Reads a 308's Range header into _offset.
     void confirm(HttpResponse const& response);
+    // The file this upload creates, when the service holds it whole under
+    // its new id; null otherwise (an update, nothing there, no answer).
+    Json::Value storedUnderNewId();
 
     DriveApi& _api;
     IdPool& _ids;
@@ -74,6 +77,7 @@ class Session {
     Md5 _md5;
     std::string _url;
     std::string _new_id;
+    bool _made_before = false;  // _new_id is taken: the upload updates it
     std::int64_t _offset = 0;
 };
 
@@ -81,13 +85,14 @@ void Session::open() {
     Json::Value meta(Json::objectValue);
     std::string path = "files";
     std::string method = "POST";
-    if (_target.id.empty()) {
-        if (_new_id.empty()) _new_id = _ids.next();
+    bool const create = _target.id.empty() && !_made_before;
+    if (create) {
+        if (_new_id.empty()) _new_id = _ids.forCreate(_target.parentId, _target.name, false);
         meta["id"] = _new_id;
         meta["name"] = _target.name;
         meta["parents"].append(_target.parentId);
     } else {
-        path += "/" + _api.http().escape(_target.id);
+        path += "/" + _api.http().escape(_made_before ? _new_id : _target.id);
         method = "PATCH";
     }
     HttpRequest request = _api.apiJson(method, path, "", meta);
@@ -97,6 +102,13 @@ void Session::open() {
     request.headers.push_back("X-Upload-Content-Length: " + std::to_string(_size));
     HttpResponse response = _api.exchange(request);
     if (response.transportFailed()) response = _api.exchange(request);
+    if (create && response.status == 409) {
+        // An earlier attempt of this upload made the file under this id (its
+        // answer lost or failed): it is brought up to date, never doubled.
+        _made_before = true;
+        open();
+        return;
+    }
     if (response.transportFailed() || response.status != 200) _api.fail(response);
     _url = response.header("location");
     if (_url.empty()) throw AgentFailure(kTransportFailure, "the service gave no upload session");
@@ -136,6 +148,17 @@ void Session::confirm(HttpResponse const& response) {
     _offset = dash == std::string::npos ? 0 : std::stoll(range.substr(dash + 1)) + 1;
 }
 
+Json::Value Session::storedUnderNewId() {
+    if (_new_id.empty()) return Json::Value();
+    HttpResponse response =
+        _api.exchange(_api.api("GET", "files/" + _api.http().escape(_new_id),
+                               "supportsAllDrives=true&fields=" + _api.http().escape(kFileFields)));
+    if (response.transportFailed() || response.status != 200) return Json::Value();
+    Json::Value file = parseJson(response.body);
+    if (file.get("size", "").asString() != std::to_string(_size)) return Json::Value();
+    return file;
+}
+
 Json::Value Session::run() {
     open();
     int stalled = 0;
@@ -151,6 +174,11 @@ Json::Value Session::run() {
             response = queryStatus();
         }
         if (response.status == 200 || response.status == 201) return parseJson(response.body);
+        if (response.transportFailed() || response.status >= 500) {
+            // Only the last chunk's answer may have been lost: ask for the file.
+            Json::Value stored = storedUnderNewId();
+            if (!stored.isNull()) return stored;
+        }
         if (response.status == 308) {
             confirm(response);
             if (_offset > before)
@@ -196,6 +224,7 @@ Json::Value uploadContent(DriveApi& api, IdPool& ids, UploadTarget const& target
     std::string expected = session.md5();
     if (file.get("md5Checksum", "").asString() != expected) {
         if (!session.createdId().empty()) {
+            ids.settle(target.parentId, target.name, false);
             try {
                 deleteObject(api, session.createdId());
             } catch (AgentFailure const&) {
@@ -206,6 +235,7 @@ Json::Value uploadContent(DriveApi& api, IdPool& ids, UploadTarget const& target
                            "the service stored other bytes than were sent (MD5 " +
                                file.get("md5Checksum", "").asString() + ", sent " + expected + ")");
     }
+    if (target.id.empty()) ids.settle(target.parentId, target.name, false);
     Json::Value answer = successWith(objectRecord(file));
     answer["complete"] = true;
     return answer;

@@ -50,7 +50,7 @@ The data folder is DIR, else $DRIVE_EMULATOR_DATA.
         fires on N (default 1) matching requests from the nth on
         KIND: fail delay exit exit_after_apply cut_answer exit_after_progress
               garbage short_download long_download progress refuse_handshake
-              listing_lag repeat_listing
+              listing_lag repeat_listing fail_after_apply former_parent
   fault list | fault clear
   log [--fn NAME] | log clear | log count [FN]
   stats                            object counts, sizes and requests by name
@@ -137,7 +137,8 @@ void printFault(Fault const& f) {
     } else {
         std::cout << " remaining=" << f.times;
     }
-    if (f.kind == FaultKind::Fail) std::cout << " code=" << f.code;
+    if (f.kind == FaultKind::Fail || f.kind == FaultKind::FailAfterApply)
+        std::cout << " code=" << f.code;
     if (!f.text.empty()) std::cout << " text=\"" << f.text << "\"";
     if (f.number) std::cout << " number=" << f.number;
     if (!f.fractions.empty()) {

@@ -27,6 +27,8 @@ KindName const kKindNames[] = {
     {FaultKind::ListingLag, "listing_lag"},
     {FaultKind::CutAnswer, "cut_answer"},
     {FaultKind::RepeatListing, "repeat_listing"},
+    {FaultKind::FailAfterApply, "fail_after_apply"},
+    {FaultKind::FormerParent, "former_parent"},
 };
 
 Fault make(FaultKind kind, std::string fn) {
@@ -136,6 +138,19 @@ Fault Fault::listingLag(std::int64_t listings, std::string fn) {
 }
 
 Fault Fault::cutAnswer(std::string fn) { return make(FaultKind::CutAnswer, std::move(fn)); }
+
+Fault Fault::failAfterApply(std::string fn, int code, std::string message) {
+    Fault fault = make(FaultKind::FailAfterApply, std::move(fn));
+    fault.code = code;
+    fault.text = std::move(message);
+    return fault;
+}
+
+Fault Fault::listedUnderFormerParent(std::string const& id, std::string const& formerParentId) {
+    Fault fault = make(FaultKind::FormerParent, "listObjects");
+    fault.text = id + " " + formerParentId;
+    return fault;
+}
 
 Fault Fault::repeatListing() { return make(FaultKind::RepeatListing, "listObjects"); }
 

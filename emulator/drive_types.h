@@ -78,9 +78,11 @@ enum class FaultKind {
     LongDownload,       // downloads: write one byte more than the file holds
     Progress,           // transfers: send `fractions` as the progress messages
     RefuseHandshake,    // at start: write `text` as the first line instead of "start" and exit
-    ListingLag,     // objects this request creates miss the next `number` name-filtered listings
-    CutAnswer,      // do the request, write the first half of its answer line, then exit
-    RepeatListing,  // listings: the page's last object comes again on a next page, new token
+    ListingLag,      // objects this request creates miss the next `number` name-filtered listings
+    CutAnswer,       // do the request, write the first half of its answer line, then exit
+    RepeatListing,   // listings: the page's last object comes again on a next page, new token
+    FailAfterApply,  // do the request, then answer {"success": false} with `code` and `text`
+    FormerParent,    // listings of folder P also show object X, which has left P (`text`: "X P")
 };
 
 // A fault rule. It watches the requests whose "fn" equals `fn` ("*": every
@@ -117,6 +119,11 @@ struct Fault {
     static Fault refuseHandshake(std::string line);
     static Fault listingLag(std::int64_t listings, std::string fn = "*");
     static Fault cutAnswer(std::string fn);
+    static Fault failAfterApply(std::string fn, int code, std::string message = "");
+    // The next listings of folder `formerParentId` (those whose name filter, if
+    // any, is `id`'s name) still show object `id`, as a lagging search does
+    // after a move.
+    static Fault listedUnderFormerParent(std::string const& id, std::string const& formerParentId);
     static Fault repeatListing();
     Fault& onNth(int n);
     Fault& forNext(int n);

@@ -114,6 +114,7 @@ FiredFaults fireRequestFaults(Db& db, std::string const& fn) {
             case FaultKind::Exit:
             case FaultKind::ExitAfterApply:
             case FaultKind::CutAnswer:
+            case FaultKind::FailAfterApply:
             case FaultKind::Garbage:
                 if (!result.stop) result.stop = rule;
                 break;
@@ -137,6 +138,9 @@ FiredFaults fireRequestFaults(Db& db, std::string const& fn) {
                 break;
             case FaultKind::RepeatListing:
                 result.repeatListing = true;
+                break;
+            case FaultKind::FormerParent:
+                result.formerParent.push_back(rule.text);
                 break;
             case FaultKind::RefuseHandshake:
                 break;

@@ -15,15 +15,16 @@ namespace DriveEmulator {
 
 // What the rules that fired for one request ask for.
 struct FiredFaults {
-    std::optional<Fault>
-        stop;  // Fail, Exit, ExitAfterApply, CutAnswer or Garbage: the first that fired
-    std::int64_t delayMs = 0;  // the sum of the Delay rules that fired
+    std::optional<Fault> stop;  // Fail, Exit, ExitAfterApply, CutAnswer, FailAfterApply or
+                                // Garbage: the first that fired
+    std::int64_t delayMs = 0;   // the sum of the Delay rules that fired
     bool shortDownload = false;
     bool longDownload = false;
     std::optional<std::vector<double>> progress;
     std::optional<std::int64_t> exitAfterProgress;
     std::int64_t listingLag = 0;  // the largest ListingLag that fired
     bool repeatListing = false;
+    std::vector<std::string> formerParent;  // "X P" of the FormerParent rules that fired
 };
 
 // Stores `fault` (Error(400) for a rule that cannot fire); returns its id.

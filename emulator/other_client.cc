@@ -6,8 +6,8 @@
 namespace DriveEmulator {
 
 namespace {
-char const* const kNames[] = {"delete", "move",       "rename",    "recreate",
-                              "copy",   "copy_other", "case_twin", "second_parent"};
+char const* const kNames[] = {"delete",     "move",      "rename",        "recreate", "copy",
+                              "copy_other", "case_twin", "second_parent", "trash"};
 }  // namespace
 
 std::string changeName(Change change) { return kNames[static_cast<int>(change)]; }
@@ -68,6 +68,9 @@ std::string applyChange(Drive& drive, Change change, std::string const& id,
         }
         case Change::SecondParent:
             drive.addParent(id, elsewhere);
+            return id;
+        case Change::Trash:
+            drive.trash(id);
             return id;
     }
     throw Error(400, "unknown change");

@@ -18,10 +18,11 @@ enum class Change {
     CopyOther,     // another object of the same name and kind with other contents
     CaseTwin,      // as CopyOther, under the name with its first letter's case turned over
     SecondParent,  // `elsewhere` added to its parents
+    Trash,         // put in the trash, with what is below it
 };
 
 // "delete", "move", "rename", "recreate", "copy", "copy_other", "case_twin",
-// "second_parent"; Error(400) for an unknown name.
+// "second_parent", "trash"; Error(400) for an unknown name.
 std::string changeName(Change change);
 Change changeFromName(std::string const& name);
 

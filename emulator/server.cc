@@ -181,7 +181,8 @@ void Server::serve(Request const& request) {
         WriteTransaction txn(_store.db());
         fired = fireRequestFaults(_store.db(), request.fn);
         if (fired.stop && fired.stop->kind != FaultKind::ExitAfterApply &&
-            fired.stop->kind != FaultKind::CutAnswer) {
+            fired.stop->kind != FaultKind::CutAnswer &&
+            fired.stop->kind != FaultKind::FailAfterApply) {
             Fault const& fault = *fired.stop;
             if (fault.kind == FaultKind::Fail) {
                 std::string message =
@@ -229,7 +230,6 @@ void Server::serve(Request const& request) {
 }
 
 void Server::serveMeta(Request const& request, FiredFaults const& fired, WriteTransaction& txn) {
-    bool const exitAfter = fired.stop.has_value();  // only the exits after applying get this far
     Json::Value response;
     bool ok = true;
     _discard.clear();
@@ -245,7 +245,7 @@ void Server::serveMeta(Request const& request, FiredFaults const& fired, WriteTr
         }
     }
     if (ok) {
-        logOutcome(request, true, 0, exitAfter ? "exited after applying (fault)" : "");
+        logOutcome(request, true, 0, appliedNote(fired));
     } else {
         logOutcome(request, false, response["error_code"].asInt(),
                    response["error_message"].asString());
@@ -254,8 +254,13 @@ void Server::serveMeta(Request const& request, FiredFaults const& fired, WriteTr
     // Only now is nothing left that points at the old contents.
     for (auto const& blob : _discard) _store.blobs().discard(blob);
     _discard.clear();
-    if (exitAfter) exitAfterApplying(fired, response);
-    send(response);
+    // A refused request was not applied: only the exits still withhold its answer.
+    bool const refusedAsItIs = !ok && fired.stop && fired.stop->kind == FaultKind::FailAfterApply;
+    if (refusedAsItIs) {
+        send(response);
+    } else {
+        answerApplied(fired, response);
+    }
 }
 
 Json::Value Server::meta(Request const& request, FiredFaults const& fired) {
@@ -269,6 +274,7 @@ Json::Value Server::meta(Request const& request, FiredFaults const& fired) {
         response["success"] = true;
         Json::Value& objects = response["objects"] = Json::Value(Json::arrayValue);
         for (auto const& object : page.objects) objects.append(objectRecord(object));
+        addFormerChildren(request.get("queryFilter"), fired, objects);
         if (!page.nextPageToken.empty()) response["nextPageToken"] = page.nextPageToken;
         return response;
     }
@@ -334,8 +340,43 @@ void Server::exitNow(Request const& request, std::string const& why) {
     ::_exit(kFaultExitStatus);
 }
 
-void Server::exitAfterApplying(FiredFaults const& fired, Json::Value const& answer) {
-    if (fired.stop && fired.stop->kind == FaultKind::CutAnswer) {
+void Server::addFormerChildren(std::string const& query, FiredFaults const& fired,
+                               Json::Value& objects) {
+    for (auto const& rule : fired.formerParent) {
+        size_t space = rule.find(' ');
+        std::string const id = rule.substr(0, space);
+        std::string const parent = space == std::string::npos ? "" : rule.substr(space + 1);
+        if (query.find("'" + parent + "' in parents") == std::string::npos) continue;
+        std::optional<StoredObject> found = _store.find(id);
+        if (!found) continue;
+        size_t named = query.find("name = '");
+        if (named != std::string::npos && query.compare(named + 8, found->object.name.size() + 1,
+                                                        found->object.name + "'") != 0) {
+            continue;
+        }
+        objects.append(objectRecord(found->object));
+    }
+}
+
+char const* Server::appliedNote(FiredFaults const& fired) {
+    if (!fired.stop) return "";
+    return fired.stop->kind == FaultKind::FailAfterApply
+               ? "applied, then answered a failure (fault)"
+               : "exited after applying (fault)";
+}
+
+void Server::answerApplied(FiredFaults const& fired, Json::Value const& answer) {
+    if (!fired.stop) {
+        send(answer);
+        return;
+    }
+    Fault const& fault = *fired.stop;
+    if (fault.kind == FaultKind::FailAfterApply) {
+        send(failureResponse(fault.code,
+                             fault.text.empty() ? defaultFailureMessage(fault.code) : fault.text));
+        return;
+    }
+    if (fault.kind == FaultKind::CutAnswer) {
         std::string line = _writer.render(answer);
         line.resize(line.size() / 2);
         for (size_t done = 0; done < line.size();) {

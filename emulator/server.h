@@ -60,9 +60,16 @@ class Server {
     void logOutcome(Request const& request, bool success, int code, std::string const& message);
     // Logs and ends the process without an answer.
     [[noreturn]] void exitNow(Request const& request, std::string const& why);
-    // Ends the process after an applied request whose answer a fault withholds:
-    // nothing is written, or the first half of `answer` without its line feed.
-    [[noreturn]] void exitAfterApplying(FiredFaults const& fired, Json::Value const& answer);
+    // Answers an applied request: with `answer`, or as a fault that fired
+    // asks: a failure answer in its place, or the process ends after writing
+    // nothing or the first half of `answer` without its line feed.
+    void answerApplied(FiredFaults const& fired, Json::Value const& answer);
+    // Appends to a listing's `objects` the objects that FormerParent rules
+    // show under a folder `query` lists, though they have left it.
+    void addFormerChildren(std::string const& query, FiredFaults const& fired,
+                           Json::Value& objects);
+    // The log note of an applied request under the faults that fired.
+    static char const* appliedNote(FiredFaults const& fired);
 
     // True once the reader of our answers has gone away (a failed write, or
     // the pipe reporting that its read end is closed): a transfer then stops.

@@ -129,7 +129,6 @@ void Server::download(Request const& request, FiredFaults const& fired) {
     if (!out.close()) localFailure("cannot write", outputPath);
     progress.beforeFinal();
 
-    bool exitAfter = fired.stop.has_value();
     Json::Value response = commit(
         request,
         [] {
@@ -138,9 +137,8 @@ void Server::download(Request const& request, FiredFaults const& fired) {
             done["complete"] = true;
             return done;
         },
-        exitAfter ? "exited after applying (fault)" : "");
-    if (exitAfter) exitAfterApplying(fired, response);
-    send(response);
+        appliedNote(fired));
+    answerApplied(fired, response);
 }
 
 void Server::upload(Request const& request, FiredFaults const& fired) {
@@ -190,7 +188,6 @@ void Server::upload(Request const& request, FiredFaults const& fired) {
     }
     progress->beforeFinal();
 
-    bool exitAfter = fired.stop.has_value();
     Json::Value response = commit(
         request,
         [&] {
@@ -207,10 +204,9 @@ void Server::upload(Request const& request, FiredFaults const& fired) {
             done["complete"] = true;
             return done;
         },
-        exitAfter ? "exited after applying (fault)" : "");
+        appliedNote(fired));
     if (!content.blob.empty()) blob->keep();
-    if (exitAfter) exitAfterApplying(fired, response);
-    send(response);
+    answerApplied(fired, response);
 }
 
 }  // namespace DriveEmulator

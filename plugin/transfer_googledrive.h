@@ -6,6 +6,7 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <list>
 #include <set>
 #include <string>
@@ -183,9 +184,10 @@ class TransferAgentGoogleDrive : public TransferAgent {
     Settled settleDuplicates(std::string const& pid, std::string const& name,
                              std::list<GoogleDrive::FileMeta> const& found,
                              GoogleDrive::FileMeta& kept);
-    // Remembers a creation of `name` in `pid` whose answer was lost (the
-    // channel closed before it came), so that the next lookup of that name
-    // does not trust a lagging name listing.
+    // Remembers a creation of `name` in `pid` whose outcome is unknown (the
+    // channel closed before its answer came, or its last answer was a code
+    // worth retrying), so that the next lookup of that name does not trust a
+    // lagging name listing.
     void noteLostCreation(std::string const& pid, std::string const& name);
     // What a confirmation of cached placements found.
     enum class Placement { Holds, Stale, Unknown };
@@ -210,7 +212,8 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // it while they are found gone), by one "getObjectMeta" each. True when
     // one no longer held (and was dropped), so that one more try may find
     // the path on the service; false with the error state as it was when it
-    // holds, or with the error of a confirmation that failed.
+    // holds, or when a confirmation failed for a passing reason; false with
+    // the error of a confirmation that failed otherwise.
     bool droppedStalePlacement(std::string const& remotePath);
     // The object at `remotePath`, with every step of the walk up to the root
     // confirmed (the last one always when `askLast`): what the node cache
@@ -230,13 +233,42 @@ class TransferAgentGoogleDrive : public TransferAgent {
                      GoogleDrive::FileMeta& meta);
     // createDir once its argument checks and the look at the path are done.
     bool createMissingDir(std::string const& remotePath);
+    // True, with error 2003 and the trust in its folders forgotten, when the
+    // object a create or an update answered with is in the trash: a folder
+    // above it was trashed meanwhile, and the path is to be resolved again.
+    bool landedInTrash(GoogleDrive::FileMeta const& meta);
     // Reads the Drive object record a successful response carries; false
     // with error 1 (and the response logged) when it cannot be read.
     bool readResponseRecord(GoogleDrive::FileMeta& meta);
+    // What happens after a create was answered in a way that leaves its
+    // outcome unknown (a code worth retrying): send it again (the request
+    // possibly changed), take what the service already holds, or give up
+    // with that answer.
+    enum class Resend { Again, Taken, GiveUp };
+    using BeforeResend = std::function<Resend(Json::Value& request)>;
+    // The objects named exactly `name` in folder `pid`, from a listing of the
+    // whole folder, which, unlike a name listing, does not lag behind a
+    // create. False with the error set when the listing failed.
+    bool listNamedInWhole(std::string const& pid, std::string const& name,
+                          std::list<GoogleDrive::FileMeta>& named);
+    // Before a folder create is sent again: the one folder of that name is
+    // taken into `meta`; nothing of that name sends it again; anything else
+    // (a file, several objects) gives up.
+    Resend lookBeforeFolderResend(std::string const& pid, std::string const& name,
+                                  GoogleDrive::FileMeta& meta);
+    // Before an upload of `localPath` is sent again: a file of that name of
+    // the same size and MD5 is taken into `meta`; another one file of that
+    // name is overwritten instead (`request` becomes its update).
+    Resend lookBeforeUploadResend(Json::Value& request, long fileSize, GoogleDrive::FileMeta& meta);
+    // sendRequestAndUpdateProgress, asking `beforeResend` (when set) before a
+    // request goes out again; `taken` is true when it took an object.
+    bool transferWithResends(Json::Value request, long& fileSize, ProgressHook progress,
+                             BeforeResend const& beforeResend, bool& taken);
     // What uploadFile and overwriteFile share once the request is built: a
-    // drive agent, the node cache, the transfer, and the stored object's record.
+    // drive agent, the node cache, the transfer, and the stored object's
+    // record (filled by `beforeResend` when it takes an object).
     bool storeContent(Json::Value const& request, long fileSize, ProgressHook progress,
-                      GoogleDrive::FileMeta& meta);
+                      GoogleDrive::FileMeta& meta, BeforeResend const& beforeResend = {});
     // removeFile and removeDirRecursive after their argument checks: missing is
     // success, an object of the other kind is refused.
     bool removeExisting(std::string const& remotePath, bool wantDir);

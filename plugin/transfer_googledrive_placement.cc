@@ -61,11 +61,19 @@ TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmSteps(
 
 bool TransferAgentGoogleDrive::droppedStalePlacement(std::string const& remotePath) {
     int const code = getError();
+    // A confirmation that failed for a passing reason (a code worth retrying,
+    // a drive agent that went away) proves nothing: the first answer stands.
+    auto unconfirmed = [&] {
+        bool const passing = !_response.get("success", false).asBool() &&
+                             (needRetry(_response) || !_client.isConnected());
+        if (passing) setError(code);
+        return false;
+    };
     std::vector<std::string> parts;
     if (!Path::split(remotePath, parts) || parts.empty()) return false;
     parts[0].clear();
     std::vector<GoogleDrive::FileMeta> steps(1);
-    if (!findFileMetaByPidName(false, "", "", steps[0])) return false;
+    if (!findFileMetaByPidName(false, "", "", steps[0])) return unconfirmed();
     for (size_t i = 1; i < parts.size(); ++i) {
         GoogleDrive::FileMeta step;
         if (!_node_cache.find(steps.back().id, parts[i], step)) break;
@@ -80,7 +88,7 @@ bool TransferAgentGoogleDrive::droppedStalePlacement(std::string const& remotePa
         GoogleDrive::FileMeta fresh;
         Placement placement =
             confirmStep(remotePath, parts[i], steps[i].id, steps[i - 1].id, fresh);
-        if (placement == Placement::Unknown) return false;
+        if (placement == Placement::Unknown) return unconfirmed();
         if (placement == Placement::Holds) break;
         dropped = true;
     }

@@ -20,6 +20,8 @@ namespace TAVO {
 namespace Backup {
 namespace {
 char const kLogSource[] = "transfer_googledrive";
+// Attempts of one folder create, as many as the channel's own budget.
+int const kCreateAttempts = 10;
 
 // A page repeated under a new token, or pages that overlap, list one object
 // twice; taken for two objects, it would be judged a copy of itself. Keeps
@@ -33,6 +35,17 @@ void dropRepeatedIds(std::list<GoogleDrive::FileMeta>& list) {
     if (std::adjacent_find(ids.begin(), ids.end()) == ids.end()) return;
     std::unordered_set<std::string> seen;
     list.remove_if([&seen](GoogleDrive::FileMeta const& m) { return !seen.insert(m.id).second; });
+}
+// A lagging listing can still show an object under a folder it has left.
+// Taken for a child, it would be resolved there, or settled as a copy that
+// lives elsewhere too while the real child is deleted. Only an object whose
+// parents are reported and leave `pid` out is dropped; "root" names the root
+// by alias, which no parent list holds.
+void dropForeignChildren(std::string const& pid, std::list<GoogleDrive::FileMeta>& list) {
+    if (pid == "root") return;
+    list.remove_if([&pid](GoogleDrive::FileMeta const& m) {
+        return !m.parents.empty() && m.parents.count(pid) == 0;
+    });
 }
 }  // namespace
 
@@ -61,6 +74,17 @@ bool TransferAgentGoogleDrive::readResponseRecord(GoogleDrive::FileMeta& meta) {
     GD_LOG(LOG_ERR, "setFileMeta failed, [%s]", _response.toStyledString().c_str());
     setError(ERR_GENERAL);
     return false;
+}
+
+bool TransferAgentGoogleDrive::landedInTrash(GoogleDrive::FileMeta const& meta) {
+    if (meta.status != "TRASH") return false;
+    // Drive trashes what a trashed folder holds, new objects included: the
+    // folder was trashed since the plug-in last saw it in place.
+    GD_LOG(LOG_WARNING, "[%s] id=[%s] is in the trash: its folder was trashed meanwhile",
+           meta.name.c_str(), meta.id.c_str());
+    for (auto const& parent : meta.parents) _confirmed_folders.forget(parent);
+    setError(ERR_REMOTE_NOT_FOUND);
+    return true;
 }
 
 bool TransferAgentGoogleDrive::getObjectMeta(std::string const& id, GoogleDrive::FileMeta& meta) {
@@ -135,6 +159,7 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
     } while (!pageToken.empty());
 
     dropRepeatedIds(list);
+    dropForeignChildren(pid, list);
     if (_update_node_cache) learnListing(pid, list);
     return true;
 }
@@ -194,9 +219,37 @@ void TransferAgentGoogleDrive::learnListing(std::string const& pid,
 }
 
 void TransferAgentGoogleDrive::noteLostCreation(std::string const& pid, std::string const& name) {
-    // A closed channel means the answer never came: the service may have
-    // made the object all the same.
-    if (!_client.isConnected()) _creations_in_doubt.insert({pid, name});
+    // A closed channel means the answer never came, and Drive may apply a
+    // request it answers with a passing failure: the object may be there.
+    bool const passing = !_response.get("success", false).asBool() && needRetry(_response);
+    if (!_client.isConnected() || passing) _creations_in_doubt.insert({pid, name});
+}
+
+bool TransferAgentGoogleDrive::listNamedInWhole(std::string const& pid, std::string const& name,
+                                                std::list<GoogleDrive::FileMeta>& named) {
+    if (!listObjects(pid, "", named)) {
+        GD_LOG(LOG_ERR, "listObjects failed: pid=[%s], name=[%s], error[%d]", pid.c_str(), "",
+               getError());
+        return false;
+    }
+    named.remove_if([&name](GoogleDrive::FileMeta const& m) { return m.name != name; });
+    return true;
+}
+
+TransferAgentGoogleDrive::Resend TransferAgentGoogleDrive::lookBeforeFolderResend(
+    std::string const& pid, std::string const& name, GoogleDrive::FileMeta& meta) {
+    std::list<GoogleDrive::FileMeta> named;
+    if (!listNamedInWhole(pid, name, named)) return Resend::GiveUp;
+    if (named.empty()) return Resend::Again;
+    if (named.size() == 1 && named.front().isDir) {
+        GD_LOG(LOG_DEBUG, "folder [%s] in [%s] was made: id=[%s]", name.c_str(), pid.c_str(),
+               named.front().id.c_str());
+        meta = named.front();
+        return Resend::Taken;
+    }
+    GD_LOG(LOG_ERR, "folder [%s] in [%s] in doubt, and the name is taken", name.c_str(),
+           pid.c_str());
+    return Resend::GiveUp;
 }
 
 bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string const& pid,
@@ -209,11 +262,43 @@ bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string
     request["fn"] = "createFolder";
     request["name"] = name;
     request["parentId"] = pid;
-    if (!_client.send(request, _response)) {
+    // Not the channel's own retries: Drive may have made the folder before
+    // failing the request, and a second one of the name would be refused for
+    // ever. So each time the outcome is unknown, look before sending again.
+    bool taken = false;
+    for (int attempt = 1; !taken; ++attempt) {
+        if (attempt > 1 && isCanceled()) {
+            noteLostCreation(pid, name);
+            setError(ERR_CANCELED);
+            return false;
+        }
+        bool retry = false;
+        if (!_client.sendRequest(request)) {
+            _response = Json::Value(Json::objectValue);
+            _response["success"] = false;
+            _response["error_code"] = -1;
+            _response["error_message"] = "the request could not be written";
+        } else if (_client.readResponse(_response, retry)) {
+            break;
+        }
+        if (retry && attempt < kCreateAttempts) {
+            Json::Value const failure = _response;
+            switch (lookBeforeFolderResend(pid, name, meta)) {
+                case Resend::Again:
+                    continue;
+                case Resend::Taken:
+                    taken = true;
+                    continue;
+                case Resend::GiveUp:
+                    _response = failure;
+                    break;
+            }
+        }
         noteLostCreation(pid, name);
         return googledriveConverTransferResponse(false, _response, true, "createFolder", __LINE__);
     }
-    if (!readResponseRecord(meta)) return false;
+    if (!taken && !readResponseRecord(meta)) return false;
+    if (landedInTrash(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
     if (pid == "root" || _confirmed_folders.trusted(pid)) _confirmed_folders.confirm(meta.id);
     return true;

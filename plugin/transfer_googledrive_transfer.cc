@@ -8,6 +8,7 @@
 #include "backup/error.h"
 #include "backup/json_text.h"
 #include "googledrive_error.h"
+#include "local_md5.h"
 #include "plugin_log.h"
 #include "transfer_googledrive.h"
 #include "transfer_googledrive_trace.h"
@@ -61,8 +62,16 @@ void pauseForMoreProgress(Clock::time_point sentAt, double fraction) {
 
 bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& request,
                                                             long& fileSize, ProgressHook progress) {
+    bool taken = false;
+    return transferWithResends(request, fileSize, progress, BeforeResend(), taken);
+}
+
+bool TransferAgentGoogleDrive::transferWithResends(Json::Value request, long& fileSize,
+                                                   ProgressHook progress,
+                                                   BeforeResend const& beforeResend, bool& taken) {
     OperationTrace trace("sendRequestAndUpdateProgress",
                          isDebug() ? TAVO::JsonText::toString(request) : std::string());
+    taken = false;
     bool retry = false;
     int resends = 0;
     // Kept across re-sends: the engine only ever sees the position grow.
@@ -89,7 +98,13 @@ bool TransferAgentGoogleDrive::sendRequestAndUpdateProgress(Json::Value const& r
                 if (resends < kMaxResends && retry) {
                     ++resends;
                     GD_LOG(LOG_DEBUG, "_client.readResponse() failed, retry [%d]", resends);
-                    break;  // send the request again
+                    if (!beforeResend) break;  // send the request again
+                    // Drive may have stored it all the same: look first.
+                    Json::Value const failure = _response;
+                    Resend const next = beforeResend(request);
+                    if (next == Resend::Again) break;
+                    if (next == Resend::Taken) return taken = true;
+                    _response = failure;
                 }
                 return googledriveConverTransferResponse(false, _response, true,
                                                          "sendRequestAndUpdateProgress", __LINE__);
@@ -138,7 +153,8 @@ bool TransferAgentGoogleDrive::downloadFile(std::string const& id, std::string c
 }
 
 bool TransferAgentGoogleDrive::storeContent(Json::Value const& request, long fileSize,
-                                            ProgressHook progress, GoogleDrive::FileMeta& meta) {
+                                            ProgressHook progress, GoogleDrive::FileMeta& meta,
+                                            BeforeResend const& beforeResend) {
     if (!checkAndCreateClient()) {
         GD_LOG(LOG_ERR, "create client failed [%d]", getError());
         return false;
@@ -148,11 +164,13 @@ bool TransferAgentGoogleDrive::storeContent(Json::Value const& request, long fil
         return false;
     }
     long size = fileSize;
-    if (!sendRequestAndUpdateProgress(request, size, progress)) {
+    bool taken = false;
+    if (!transferWithResends(request, size, progress, beforeResend, taken)) {
         GD_LOG(LOG_ERR, "sendRequestAndUpdateProgress() failed");
         return false;
     }
-    if (!readResponseRecord(meta)) return false;
+    if (!taken && !readResponseRecord(meta)) return false;
+    if (landedInTrash(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
     return true;
 }
@@ -168,8 +186,11 @@ bool TransferAgentGoogleDrive::uploadFile(std::string const& name, std::string c
     request["name"] = name;
     request["parentId"] = parentId;
     request["inputPath"] = localPath;
+    BeforeResend look = [&](Json::Value& again) {
+        return lookBeforeUploadResend(again, fileSize, meta);
+    };
     try {
-        if (storeContent(request, fileSize, progress, meta)) return true;
+        if (storeContent(request, fileSize, progress, meta, look)) return true;
     } catch (...) {
         // The engine's progress callback threw while the agent was storing:
         // the agent is abandoned and the file may be there all the same.
@@ -190,6 +211,40 @@ bool TransferAgentGoogleDrive::overwriteFile(std::string const& id, std::string 
     request["id"] = id;
     request["inputPath"] = localPath;
     return storeContent(request, fileSize, progress, meta);
+}
+
+TransferAgentGoogleDrive::Resend TransferAgentGoogleDrive::lookBeforeUploadResend(
+    Json::Value& request, long fileSize, GoogleDrive::FileMeta& meta) {
+    std::string const fn = request["fn"].asString();
+    if (fn != "uploadFile" && fn != "uploadEmptyFile") return Resend::Again;  // an update repeats
+    std::string const pid = request["parentId"].asString();
+    std::string const name = request["name"].asString();
+    std::list<GoogleDrive::FileMeta> named;
+    if (!listNamedInWhole(pid, name, named)) return Resend::GiveUp;
+    if (named.empty()) return Resend::Again;
+    GoogleDrive::FileMeta const& there = named.front();
+    if (named.size() > 1 || there.isDir) {
+        GD_LOG(LOG_ERR, "upload of [%s] into [%s] in doubt, and the name is taken", name.c_str(),
+               pid.c_str());
+        return Resend::GiveUp;
+    }
+    std::string md5;
+    if (there.size == static_cast<uint64_t>(std::max(fileSize, 0L)) &&
+        localFileMd5(request["inputPath"].asString(), md5) && md5 == there.md5Checksum) {
+        GD_LOG(LOG_DEBUG, "upload of [%s] was stored: id=[%s]", name.c_str(), there.id.c_str());
+        meta = there;
+        return Resend::Taken;
+    }
+    // The one file of that name: what the path names now, so it is
+    // overwritten, never joined by a second one.
+    GD_LOG(LOG_DEBUG, "upload of [%s] in doubt: overwriting id=[%s]", name.c_str(),
+           there.id.c_str());
+    Json::Value update;
+    update["fn"] = fileSize <= 0 ? "updateEmptyFile" : "updateFile";
+    update["id"] = there.id;
+    update["inputPath"] = request["inputPath"];
+    request = update;
+    return Resend::Again;
 }
 
 }  // namespace Backup

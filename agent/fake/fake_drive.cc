@@ -117,11 +117,15 @@ std::string apiMethod(httplib::Request const& req) {
 }
 
 // A failure rule that fires on this request, if any.
-std::optional<FailRule> firedRule(FakeDrive::State& state, httplib::Request const& req) {
+// `committed`: the request was served with success, and only the rules that
+// fail a committed request are asked.
+std::optional<FailRule> firedRule(FakeDrive::State& state, httplib::Request const& req,
+                                  bool committed) {
     std::string what = req.method + " " + req.path;
     std::string method = apiMethod(req);
     for (auto it = state.failures.begin(); it != state.failures.end(); ++it) {
         if (what.find(it->match) == std::string::npos && method != it->match) continue;
+        if (it->afterCommit != committed) continue;
         FailRule rule = *it;
         if (--it->times == 0) state.failures.erase(it);
         return rule;
@@ -145,7 +149,7 @@ void sendRule(httplib::Response& res, FailRule const& rule) {
 httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request const& req,
                                       httplib::Response& res) {
     std::unique_lock<std::mutex> guard(state.lock);
-    if (auto rule = firedRule(state, req)) {
+    if (auto rule = firedRule(state, req, false)) {
         if (rule->delayMs == 0) {
             sendRule(res, *rule);
             return httplib::Server::HandlerResponse::Handled;
@@ -347,6 +351,17 @@ FakeDrive::FakeDrive(std::string const& dataFolder, std::string const& certFile,
     State& s = *_state;
     s.server->set_pre_routing_handler(
         [&s](httplib::Request const& req, httplib::Response& res) { return gate(s, req, res); });
+    s.server->set_post_routing_handler([&s](httplib::Request const& req, httplib::Response& res) {
+        if (res.status != 200 && res.status != 201) return;
+        std::lock_guard<std::mutex> guard(s.lock);
+        auto rule = firedRule(s, req, true);
+        if (!rule) return;
+        // The served answer's headers are already made: the failure's replace them.
+        res.headers.erase("Content-Type");
+        res.headers.erase("Content-Length");
+        sendRule(res, *rule);
+        res.set_header("Content-Length", std::to_string(res.body.size()));
+    });
     s.server->Post("/token", [&s](httplib::Request const& req, httplib::Response& res) {
         token(s, req, res);
     });

@@ -28,6 +28,10 @@ struct FailRule {
     int retryAfter = 0;  // seconds; 0: no header
     bool html = false;   // a proxy's HTML page instead of Drive's JSON
     int delayMs = 0;     // > 0: no failure; the request is served after this long
+    // The request is served and committed, then answered with the failure
+    // instead (Drive may apply what it fails); it fires only on a request
+    // that succeeded with 200 or 201, so on an upload's last chunk.
+    bool afterCommit = false;
 };
 
 struct Counters {

@@ -45,6 +45,35 @@ TEST_F(Transfers, ExpiredSessionStartsAgainAndShortOrIgnoredRangesAreFollowedUp)
     EXPECT_EQ(fileMd5(input), fileMd5(scratch + "/out"));
 }
 
+// Drive stored a create and failed it all the same (every answer to the
+// upload's last chunk): the file is asked for by its id, and a folder create
+// sent again reuses its id and meets the folder the first one made.
+TEST_F(Transfers, ACreateStoredThenFailedMakesOneObject) {
+    std::string input = scratch + "/in";
+    writePattern(input, MiB);
+    auto agent = start();
+    auto committedThenFailed = [&](char const* match, int times) {
+        DriveFake::FailRule rule;
+        rule.match = match;
+        rule.times = times;
+        rule.afterCommit = true;
+        fake->addFailure(rule);
+    };
+    committedThenFailed("upload chunk", 7);  // the chunk and each status query after it
+    Json::Value up = agent->transfer(EmulatorTest::upload(drive->rootId(), input, "f")).back();
+    EXPECT_TRUE(up["success"].asBool()) << up;
+    EXPECT_EQ(1u, drive->lookup(drive->rootId(), "f").size());
+
+    Json::Value mkdir = req({{"fn", "createFolder"}, {"name", "d"}, {"parentId", drive->rootId()}});
+    committedThenFailed("files.create", 1);
+    EXPECT_EQ(503, agent->call(mkdir)["error_code"].asInt());
+    Json::Value again = agent->call(mkdir);
+    EXPECT_TRUE(again["success"].asBool()) << again;
+    auto made = drive->lookup(drive->rootId(), "d");
+    ASSERT_EQ(1u, made.size());
+    EXPECT_EQ(made[0].id, again["id"].asString());
+}
+
 TEST(BackgroundDigest, StartsOverWhateverItWasStillHashing) {
     DriveAgent::BackgroundDigest digest(EVP_md5());
     std::string const bulk(3 * MiB, 'x');  // still being hashed when reset comes

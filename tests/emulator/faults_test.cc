@@ -118,6 +118,43 @@ TEST_F(Faults, CreationAppliedAnswerLostAndNameListingLagging) {
     }
 }
 
+// Drive may apply a request and still answer it with a failure; the
+// process serves on. A request the model refuses gets its own refusal.
+TEST_F(Faults, AppliedThenAnsweredWithAFailure) {
+    std::string gone = drive->put("root", "gone", "x");
+    Json::Value remove = req({{"fn", "deleteObject"}, {"id", gone}});
+    auto emulator = start();
+    for (auto const& request : {mkdir("made"), uploadOf("up", "content"), remove}) {
+        SCOPED_TRACE(request["fn"].asString());
+        drive->addFault(Fault::failAfterApply("*", 503));
+        EXPECT_EQ(503, emulator->transfer(request).back()["error_code"].asInt());
+    }
+    EXPECT_EQ(1u, drive->lookup("root", "made").size());
+    EXPECT_EQ(1u, drive->lookup("root", "up").size());
+    EXPECT_TRUE(drive->lookup("root", "gone").empty());
+    drive->addFault(Fault::failAfterApply("*", 503));
+    EXPECT_EQ(404, emulator->call(remove)["error_code"].asInt());
+}
+
+// After a move, a lagging search still lists the object under the folder it
+// left, with its new parents; only listings of that folder and name show it.
+TEST_F(Faults, AnObjectListedUnderItsFormerParent) {
+    std::string a = drive->mkdir("root", "a"), b = drive->mkdir("root", "b");
+    std::string x = drive->put(a, "x", "1");
+    drive->move(x, b);
+    drive->addFault(Fault::listedUnderFormerParent(x, a).forNext(3));
+    auto emulator = start();
+    auto list = [&](std::string const& query) {
+        return emulator->call(req({{"fn", "listObjects"}, {"queryFilter", query}}))["objects"];
+    };
+    Json::Value shown = list("('" + a + "' in parents) and (name = 'x')");
+    ASSERT_EQ(1u, shown.size());
+    EXPECT_EQ(b, shown[0]["parents"][0].asString());
+    EXPECT_EQ(0u, list("('" + a + "' in parents) and (name = 'y')").size());
+    EXPECT_EQ(1u, list("'" + b + "' in parents").size());  // only in b
+    EXPECT_EQ(0u, list("'" + a + "' in parents").size());  // the rule is spent
+}
+
 TEST_F(Faults, DownloadsCutShortOrLongAndUploadsDyingHalfWayStoreNothing) {
     std::string file = drive->put("root", "f", "0123456789");
     auto emulator = start();

@@ -87,6 +87,12 @@ void EmulatedAccount::addFault(Fault const& fault) {
     bool const plain = !route.empty() && fault.nth == 0;
     if (plain && fault.kind == FaultKind::Fail && fault.code >= 400) {
         fake->addFailure(driveFailure(route, fault));
+    } else if (plain && fault.kind == FaultKind::FailAfterApply && fault.code >= 400) {
+        // The create, or the upload's last chunk, is committed and then failed.
+        bool const upload = fault.fn.rfind("upload", 0) == 0;
+        DriveFake::FailRule rule = driveFailure(upload ? "upload chunk" : route, fault);
+        rule.afterCommit = true;
+        fake->addFailure(rule);
     } else if (plain && fault.kind == FaultKind::Delay) {
         DriveFake::FailRule stall;
         stall.match = route;

@@ -61,6 +61,8 @@ struct FaultKind {
     bool saysNotFound = false;
     // Another client's change, made before operation n instead of at a request.
     std::optional<Change> change = {};
+    // After a move, the next listings of the folder it left still show it.
+    bool listedWhereItWas = false;
 };
 
 using DriveEmulator::Messages::kQuotaExceeded;
@@ -89,10 +91,25 @@ std::vector<FaultKind> faultKinds() {
          {"uploadFile", "uploadEmptyFile", "createFolder"}},
         {"other client: list twice", {anyRequest(Fault::repeatListing())}, {"listObjects"}},
     };
-    for (int c = 0; c <= int(Change::SecondParent); ++c) {
+    // Drive applied the request and still failed it, with each code worth
+    // retrying; creations also miss the next name listings.
+    std::vector<std::string> const changing = {"createFolder", "deleteObject",
+                                               "uploadFile",   "uploadEmptyFile",
+                                               "updateFile",   "updateEmptyFile"};
+    std::pair<int, char const*> const passing[] = {{503, ""},         {500, ""}, {408, ""},
+                                                   {403, kRateLimit}, {-2, ""},  {-4, ""}};
+    for (auto const& [code, message] : passing) {
+        std::string name =
+            "applied, then " + std::to_string(code) + (*message ? " rate limit" : "");
+        kinds.push_back(
+            {name, {Fault::failAfterApply("*", code, message), Fault::listingLag(3)}, changing});
+    }
+    for (int c = 0; c <= int(Change::Trash); ++c) {
         std::string name = "other client: " + changeName(Change(c));
         kinds.push_back({name, {}, {}, false, false, Change(c)});
     }
+    kinds.push_back(
+        {"other client: move, listed where it was", {}, {}, false, false, Change::Move, true});
     return kinds;
 }
 std::vector<FaultKind> const kFaultKinds = faultKinds();
@@ -117,7 +134,18 @@ bool rightlyFailed(Change change, std::string const& changed, bool folder, Step 
     }
     bool const reads = step.operation.rfind("list", 0) == 0 || step.operation.rfind("recv", 0) == 0;
     return sameRun && (below || (at && reads)) &&
-           (change == Change::Delete || change == Change::Move || change == Change::Rename);
+           (change == Change::Delete || change == Change::Move || change == Change::Rename ||
+            change == Change::Trash);
+}
+
+// A lagging search goes on showing what was moved from `path` to the folder
+// "elsewhere" under the folder it left, for the next three listings.
+void listWhereItWas(DriveEmulator::Drive& drive, std::string const& path) {
+    size_t slash = path.rfind('/');
+    auto moved = drive.at("/elsewhere" + path.substr(slash));
+    auto former = drive.at(slash == 0 ? "/" : path.substr(0, slash));
+    if (moved.empty() || former.empty()) return;
+    drive.addFault(Fault::listedUnderFormerParent(moved.front().id, former.front().id).forNext(3));
 }
 
 // Runs the backup with `kind` at request `n` (none: the clean run), then clean
@@ -147,6 +175,7 @@ void runPair(Sandbox& box, FaultKind const* kind, int n, std::ostream& out) {
             if (kind && kind->change && step.index == n && !returned) {
                 bool const file = step.operation.rfind("sendFile", 0) == 0;
                 changed = applyChangeAt(*box.drive, *kind->change, step.path, file);
+                if (kind->listedWhereItWas && !changed.empty()) listWhereItWas(*box.drive, changed);
                 auto there = box.drive->at(changed.empty() ? "/" : changed);
                 folder = !there.empty() && there.front().isDir;
             }
