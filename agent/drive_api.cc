@@ -68,7 +68,9 @@ HttpRequest DriveApi::api(std::string const& method, std::string const& path,
                           std::string const& query) const {
     HttpRequest request;
     request.method = method;
-    request.url = _config.apiUrl + "/drive/v3/" + path + (query.empty() ? "" : "?" + query);
+    // Drive indents its JSON unless told not to: a third more bytes per page.
+    request.url = _config.apiUrl + "/drive/v3/" + path + "?" + (query.empty() ? "" : query + "&") +
+                  "prettyPrint=false";
     return request;
 }
 

@@ -87,6 +87,11 @@ AgentFailure tokenFailure(long status, std::string const& body) {
 }
 
 AgentFailure transportFailure(HttpResponse const& response) {
+    if (response.bodyTooLarge) {
+        return AgentFailure(kAnswerTooLarge, "the service's answer is larger than " +
+                                                 std::to_string(kMaxAnswerBody >> 20) +
+                                                 " MiB; it was not read");
+    }
     return AgentFailure(kTransportFailure, "connection failed: " + response.error);
 }
 

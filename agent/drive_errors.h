@@ -25,7 +25,8 @@ AgentFailure driveFailure(long status, std::string const& body);
 // client is 401 (refused credentials), anything else as driveFailure.
 AgentFailure tokenFailure(long status, std::string const& body);
 
-// The failure a transport error stands for (-2, retryable by the plug-in).
+// The failure a transport error stands for (-2, retryable by the plug-in);
+// an answer stopped at kMaxAnswerBody is kAnswerTooLarge, not retried.
 AgentFailure transportFailure(HttpResponse const& response);
 
 // Seconds the answer's Retry-After header asks for (0 when absent or a date).

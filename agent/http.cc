@@ -9,8 +9,6 @@ namespace DriveAgent {
 
 namespace {
 
-constexpr size_t kKeptBody = 1 << 20;
-
 struct Exchange {
     HttpRequest const* request;
     HttpResponse* response;
@@ -45,7 +43,11 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
         return exchange->request->sink(data, n, response) ? n : 0;
     }
     std::string& body = exchange->response->body;
-    body.append(data, std::min(n, kKeptBody - std::min(kKeptBody, body.size())));
+    if (n > kMaxAnswerBody - body.size()) {
+        response.bodyTooLarge = true;
+        return 0;  // stops the transfer: a cut body must never pass for the whole one
+    }
+    body.append(data, n);
     return n;
 }
 

@@ -13,6 +13,10 @@
 
 namespace DriveAgent {
 
+// The largest answer body kept in memory. A page of 1,000 objects with long
+// names stays far below it; anything past it is no answer Drive gives.
+constexpr size_t kMaxAnswerBody = size_t{64} << 20;
+
 struct HttpRequest {
     std::string method = "GET";
     std::string url;
@@ -32,7 +36,10 @@ struct HttpRequest {
 struct HttpResponse {
     long status = 0;                             // 0 when no answer came
     std::map<std::string, std::string> headers;  // names in lower case
-    std::string body;  // the body unless a sink took it (at most 1 MiB kept)
+    std::string body;                            // the body unless a sink took it
+    // The body passed kMaxAnswerBody: the exchange was stopped there (the
+    // transfer fails) rather than keep a cut body that parses as nothing.
+    bool bodyTooLarge = false;
     CURLcode curlCode = CURLE_OK;
     std::string error;  // libcurl's reason when curlCode is not CURLE_OK
 

@@ -91,15 +91,16 @@ void Session::open() {
         method = "PATCH";
     }
     HttpRequest request = _api.apiJson(method, path, "", meta);
-    request.url =
-        _api.config().apiUrl + "/upload/drive/v3/" + path +
-        "?uploadType=resumable&supportsAllDrives=true&fields=" + _api.http().escape(kFileFields);
+    request.url = _api.config().apiUrl + "/upload/drive/v3/" + path +
+                  "?uploadType=resumable&supportsAllDrives=true&prettyPrint=false&fields=" +
+                  _api.http().escape(kFileFields);
     request.headers.push_back("X-Upload-Content-Length: " + std::to_string(_size));
     HttpResponse response = _api.exchange(request);
     if (response.transportFailed()) response = _api.exchange(request);
     if (response.transportFailed() || response.status != 200) _api.fail(response);
     _url = response.header("location");
     if (_url.empty()) throw AgentFailure(kTransportFailure, "the service gave no upload session");
+    _url += (_url.find('?') == std::string::npos ? "?" : "&") + std::string("prettyPrint=false");
     _offset = 0;
 }
 

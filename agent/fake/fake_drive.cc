@@ -167,6 +167,33 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     return httplib::Server::HandlerResponse::Unhandled;
 }
 
+// Drive's JSON as Drive sends it: indented unless the request says
+// prettyPrint=false; and the padding a test asked for.
+void shapeAnswer(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
+    if (req.path == "/token" || req.path == "/auth") return;
+    bool compact = req.get_param_value("prettyPrint") == "false";
+    std::lock_guard<std::mutex> guard(state.lock);
+    if (!compact) ++state.counters.prettyPrinted;
+    if (res.get_header_value("Content-Type").rfind("application/json", 0) != 0) return;
+    if (!compact) {
+        Json::Value value;
+        Json::CharReaderBuilder builder;
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        std::string errors;
+        if (reader->parse(res.body.data(), res.body.data() + res.body.size(), &value, &errors)) {
+            Json::StreamWriterBuilder writer;
+            writer["indentation"] = "  ";
+            res.body = Json::writeString(writer, value) + "\n";
+        }
+    }
+    if (state.padNext > 0) {
+        res.body.append(static_cast<size_t>(state.padNext), ' ');
+        state.padNext = 0;
+    }
+    res.headers.erase("Content-Length");
+    res.set_header("Content-Length", std::to_string(res.body.size()));
+}
+
 // base64url without padding of the SHA-256 of `verifier`: PKCE's S256.
 std::string s256(std::string const& verifier) {
     unsigned char digest[EVP_MAX_MD_SIZE];
@@ -347,6 +374,8 @@ FakeDrive::FakeDrive(std::string const& dataFolder, std::string const& certFile,
     State& s = *_state;
     s.server->set_pre_routing_handler(
         [&s](httplib::Request const& req, httplib::Response& res) { return gate(s, req, res); });
+    s.server->set_post_routing_handler(
+        [&s](httplib::Request const& req, httplib::Response& res) { shapeAnswer(s, req, res); });
     s.server->Post("/token", [&s](httplib::Request const& req, httplib::Response& res) {
         token(s, req, res);
     });
@@ -421,6 +450,10 @@ void FakeDrive::ignoreNextRanges(int count) {
 void FakeDrive::corruptNextDownload() {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->corruptMedia = true;
+}
+void FakeDrive::padNextAnswer(std::int64_t bytes) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->padNext = bytes;
 }
 Counters& FakeDrive::counters() { return _state->counters; }
 

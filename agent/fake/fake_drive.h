@@ -32,8 +32,9 @@ struct FailRule {
 
 struct Counters {
     std::atomic<int> tokenGrants{0};
-    std::atomic<int> unauthorized{0};  // 401 answers to API requests
-    std::atomic<int> sessions{0};      // resumable sessions opened
+    std::atomic<int> unauthorized{0};   // 401 answers to API requests
+    std::atomic<int> sessions{0};       // resumable sessions opened
+    std::atomic<int> prettyPrinted{0};  // API requests without prettyPrint=false
 };
 
 class FakeDrive {
@@ -75,6 +76,8 @@ class FakeDrive {
     // The next `count` alt=media requests are answered whole (200), whatever
     // Range they ask for.
     void ignoreNextRanges(int count);
+    // The next JSON answer ends with `bytes` blanks (still valid JSON).
+    void padNextAnswer(std::int64_t bytes);
     // The next alt=media answer carries one byte other than the file's.
     void corruptNextDownload();
 

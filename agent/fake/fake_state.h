@@ -67,7 +67,8 @@ struct FakeDrive::State {
     // SHA-256 of the contents uploaded through the fake, by their MD5 (stored
     // otherwise, a file has only its MD5, as Drive's oldest files).
     std::map<std::string, std::string> sha256ByMd5;
-    int lagNext = 0;  // listings the next created object misses
+    int lagNext = 0;           // listings the next created object misses
+    std::int64_t padNext = 0;  // blanks after the next JSON answer
     bool stopping = false;
     std::condition_variable stopped;  // wakes delayed requests when the fake goes
     std::map<std::string, UploadSession> sessions;

@@ -1,0 +1,55 @@
+// The agent against the fake behaving as Drive does where the two could
+// agree and both be wrong: indented answers unless asked otherwise, pages
+// past a megabyte, answers past any sane size.
+#include <gtest/gtest.h>
+
+#include "agent_fixture.h"
+
+using namespace AgentTest;
+
+namespace {
+
+class RealService : public ::testing::Test, public AgentOnFake {};
+
+}  // namespace
+
+TEST_F(RealService, LargePagesAreReadWholeAndNothingAsksForIndentedAnswers) {
+    DriveEmulator::Settings settings = drive->settings();
+    settings.pageSize = 1000;
+    drive->setSettings(settings);
+    std::string folder = drive->mkdir(drive->rootId(), "long names");
+    int const count = 400;  // 400 names of 3,000 bytes: a page of 1.3 MB
+    for (int i = 0; i < count; ++i) {
+        drive->put(folder, std::to_string(i) + std::string(3000, 'n'), "x");
+    }
+    auto agent = start();
+    Json::Value page =
+        agent->call(req({{"fn", "listObjects"}, {"queryFilter", "'" + folder + "' in parents"}}));
+    ASSERT_TRUE(page["success"].asBool()) << page.toStyledString().substr(0, 300);
+    EXPECT_EQ(count, static_cast<int>(page["objects"].size()));
+    writeFile(scratch + "/in", "data");
+    Json::Value up = agent->transfer(EmulatorTest::upload(folder, scratch + "/in")).back();
+    ASSERT_TRUE(up["success"].asBool()) << up;
+    Json::Value down = agent
+                           ->transfer(req({{"fn", "downloadFile"},
+                                           {"id", up["id"].asString()},
+                                           {"outputPath", scratch + "/out"}}))
+                           .back();
+    EXPECT_TRUE(down["success"].asBool()) << down;
+    EXPECT_TRUE(agent->call(req({{"fn", "getAccountInfo"}}))["success"].asBool());
+    EXPECT_TRUE(
+        agent->call(req({{"fn", "createFolder"}, {"name", "d"}, {"parentId", folder}}))["success"]
+            .asBool());
+    EXPECT_EQ(0, fake->counters().prettyPrinted.load());
+}
+
+TEST_F(RealService, AnAnswerPastTheBoundFailsWithAReasonAndIsNotRetried) {
+    auto agent = start();
+    fake->padNextAnswer(std::int64_t{64} << 20);  // the agent's bound
+    Json::Value answer = agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}));
+    EXPECT_FALSE(answer["success"].asBool());
+    EXPECT_EQ(-5, answer["error_code"].asInt()) << answer;
+    EXPECT_NE(std::string::npos, answer["error_message"].asString().find("larger than 64 MiB"));
+    // The agent goes on with the next request.
+    EXPECT_TRUE(agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
+}
