@@ -93,9 +93,13 @@ Json::Value downloadContent(DriveApi& api, std::string const& id, std::string co
     std::string const fields = std::string(kFileFields) + ",sha256Checksum";
     Json::Value file = api.call(
         api.api("GET", path, "fields=" + api.http().escape(fields) + "&supportsAllDrives=true"));
-    if (file.get("mimeType", "").asString() == "application/vnd.google-apps.folder") {
+    std::string const mimeType = file.get("mimeType", "").asString();
+    if (mimeType == "application/vnd.google-apps.folder") {
         throw AgentFailure(403, "Only files with binary content can be downloaded.");
     }
+    // A 403 with words other than a rate limit's: the plug-in does not retry it.
+    std::string const why = notDownloadable(mimeType);
+    if (!why.empty()) throw AgentFailure(403, why);
     std::int64_t const size = std::atoll(file.get("size", "0").asString().c_str());
     std::string expected = file.get("sha256Checksum", "").asString();
     EVP_MD const* md = EVP_sha256();

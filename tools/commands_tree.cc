@@ -92,6 +92,10 @@ CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap 
         }
         if (entry.isFolder) {
             if (!present) plan.folders.push_back(entry.rpath);
+        } else if (present && hasNoStoredBytes(found->second)) {
+            // A Doc or a shortcut of the same name: nothing to compare, and
+            // overwriting it would destroy what the person made in Drive.
+            skipNoStoredBytes("copy", entry.rpath, report);
         } else if (present && sameContent(localTop + "/" + entry.rpath, entry.size, found->second,
                                           hashes ? hashes->md5(entry.rpath) : nullptr)) {
             FileOutcome unchanged;
@@ -340,7 +344,7 @@ int runRestore(Session& s) {
     }
     int64_t bytes = 0, files = 0;
     for (auto const& [rpath, info] : remote) {
-        if (!info.isDirType()) bytes += info.getSize(), ++files;
+        if (!info.isDirType() && !hasNoStoredBytes(info)) bytes += info.getSize(), ++files;
     }
     if (!makeLocalFolders(localTop)) {
         return reportProblem("restore: cannot create " + localTop + ": " + strerror(errno),
@@ -359,6 +363,10 @@ int runRestore(Session& s) {
                     rpath + "/", std::string("cannot create the folder: ") + strerror(errno),
                     kExitError));
             }
+            continue;
+        }
+        if (hasNoStoredBytes(info)) {
+            skipNoStoredBytes("restore", rpath, report);
             continue;
         }
         std::string folder = local.substr(0, local.find_last_of('/'));
@@ -402,6 +410,11 @@ int runCheck(Session& s) {
             continue;
         }
         FileInfo const& other = found->second;
+        if (!entry.isFolder && hasNoStoredBytes(other)) {
+            skipNoStoredBytes("check", entry.rpath, report);
+            remote.erase(found);
+            continue;
+        }
         bool same = entry.isFolder ? other.isDirType()
                                    : sameContent(localTop + "/" + entry.rpath, entry.size, other);
         if (same) {
@@ -412,6 +425,10 @@ int runCheck(Session& s) {
         remote.erase(found);
     }
     for (auto const& rest : remote) {
+        if (hasNoStoredBytes(rest.second)) {
+            skipNoStoredBytes("check", rest.first, report);
+            continue;
+        }
         // What an unreadable folder holds is unknown, not missing.
         if (!withinAny(rest.first, tree.unreadable)) missingLocal.append(rest.first);
     }

@@ -64,17 +64,28 @@ void sendModelError(httplib::Response& res, Error const& error) {
     }
 }
 
-Json::Value fileResource(Object const& object, std::string const& sha256) {
+std::string nativeTypeOf(FakeDrive::State& state, std::string const& id) {
+    auto found = state.nativeTypes.find(id);
+    return found == state.nativeTypes.end() ? "" : found->second;
+}
+
+Json::Value fileResource(Object const& object, std::string const& sha256,
+                         std::string const& nativeType) {
     Json::Value file(Json::objectValue);
     file["kind"] = "drive#file";
     file["id"] = object.id;
     file["name"] = object.name;
-    file["mimeType"] =
-        object.isDir ? "application/vnd.google-apps.folder" : "application/octet-stream";
+    file["mimeType"] = !nativeType.empty() ? nativeType
+                       : object.isDir      ? "application/vnd.google-apps.folder"
+                                           : "application/octet-stream";
     if (!object.parents.empty()) {
         for (auto const& parent : object.parents) file["parents"].append(parent);
     }
-    if (!object.isDir) {
+    if (!nativeType.empty()) {
+        // Editor files report a size but have no stored bytes; shortcuts neither.
+        if (nativeType != "application/vnd.google-apps.shortcut")
+            file["size"] = std::to_string(object.size);
+    } else if (!object.isDir) {
         file["size"] = std::to_string(object.size);
         file["md5Checksum"] = object.md5;
         if (!sha256.empty()) file["sha256Checksum"] = sha256;
@@ -269,23 +280,23 @@ void addMetadataRoutes(FakeDrive::State& state) {
             for (int i = 0; i < count; ++i) answer["ids"].append(DriveEmulator::newObjectId());
             sendJson(res, answer);
         });
-    s.server->Get(
-        R"(/drive/v3/files/([^/]+))", [&s](httplib::Request const& req, httplib::Response& res) {
-            if (req.get_param_value("alt") == "media") {
-                serveMedia(s, req, res);
-                return;
-            }
-            std::lock_guard<std::mutex> guard(s.lock);
-            try {
-                ReadTransaction read(s.store.db());
-                Object object = s.store.get(req.matches[1]).object;
-                auto sha256 = s.sha256ByMd5.find(object.md5);
-                sendJson(res,
-                         fileResource(object, sha256 == s.sha256ByMd5.end() ? "" : sha256->second));
-            } catch (Error const& e) {
-                sendModelError(res, e);
-            }
-        });
+    s.server->Get(R"(/drive/v3/files/([^/]+))", [&s](httplib::Request const& req,
+                                                     httplib::Response& res) {
+        if (req.get_param_value("alt") == "media") {
+            serveMedia(s, req, res);
+            return;
+        }
+        std::lock_guard<std::mutex> guard(s.lock);
+        try {
+            ReadTransaction read(s.store.db());
+            Object object = s.store.get(req.matches[1]).object;
+            auto sha256 = s.sha256ByMd5.find(object.md5);
+            sendJson(res, fileResource(object, sha256 == s.sha256ByMd5.end() ? "" : sha256->second,
+                                       nativeTypeOf(s, object.id)));
+        } catch (Error const& e) {
+            sendModelError(res, e);
+        }
+    });
     s.server->Get("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
         std::lock_guard<std::mutex> guard(s.lock);
         try {
@@ -310,7 +321,8 @@ void addMetadataRoutes(FakeDrive::State& state) {
             Json::Value answer(Json::objectValue);
             answer["kind"] = "drive#fileList";
             answer["files"] = Json::Value(Json::arrayValue);
-            for (auto const& object : page.objects) answer["files"].append(fileResource(object));
+            for (auto const& object : page.objects)
+                answer["files"].append(fileResource(object, "", nativeTypeOf(s, object.id)));
             if (!page.nextPageToken.empty()) answer["nextPageToken"] = page.nextPageToken;
             sendJson(res, answer);
         } catch (Error const& e) {
@@ -450,6 +462,10 @@ void FakeDrive::ignoreNextRanges(int count) {
 void FakeDrive::corruptNextDownload() {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->corruptMedia = true;
+}
+void FakeDrive::makeNative(std::string const& id, std::string const& mimeType) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->nativeTypes[id] = mimeType;
 }
 void FakeDrive::padNextAnswer(std::int64_t bytes) {
     std::lock_guard<std::mutex> guard(_state->lock);

@@ -76,6 +76,10 @@ class FakeDrive {
     // The next `count` alt=media requests are answered whole (200), whatever
     // Range they ask for.
     void ignoreNextRanges(int count);
+    // The object `id` is a Google-native one of `mimeType` from now on
+    // ("application/vnd.google-apps.document", "...shortcut", ...): its
+    // content cannot be downloaded.
+    void makeNative(std::string const& id, std::string const& mimeType);
     // The next JSON answer ends with `bytes` blanks (still valid JSON).
     void padNextAnswer(std::int64_t bytes);
     // The next alt=media answer carries one byte other than the file's.

@@ -69,6 +69,8 @@ struct FakeDrive::State {
     std::map<std::string, std::string> sha256ByMd5;
     int lagNext = 0;           // listings the next created object misses
     std::int64_t padNext = 0;  // blanks after the next JSON answer
+    // Google-native objects (Docs, shortcuts, ...) by id: their MIME type.
+    std::map<std::string, std::string> nativeTypes;
     bool stopping = false;
     std::condition_variable stopped;  // wakes delayed requests when the fake goes
     std::map<std::string, UploadSession> sessions;
@@ -80,8 +82,12 @@ void sendError(httplib::Response& res, int status, std::string const& reason,
                std::string const& message);
 // The model's refusal as Drive words it.
 void sendModelError(httplib::Response& res, DriveEmulator::Error const& error);
-// Drive's file resource of `object`.
-Json::Value fileResource(DriveEmulator::Object const& object, std::string const& sha256 = "");
+// Drive's file resource of `object`; `nativeType` makes it a Google-native
+// object of that MIME type (no checksum; a shortcut has no size either).
+Json::Value fileResource(DriveEmulator::Object const& object, std::string const& sha256 = "",
+                         std::string const& nativeType = "");
+// The MIME type of a Google-native object, empty for others.
+std::string nativeTypeOf(FakeDrive::State& state, std::string const& id);
 void sendJson(httplib::Response& res, Json::Value const& value, int status = 200);
 
 // Content routes: resumable uploads.

@@ -231,7 +231,7 @@ void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Respo
         try {
             ReadTransaction read(s.store.db());
             DriveEmulator::StoredObject stored = s.store.get(req.matches[1]);
-            if (stored.object.isDir) {
+            if (stored.object.isDir || !nativeTypeOf(s, stored.object.id).empty()) {
                 sendError(res, 403, "fileNotDownloadable",
                           "Only files with binary content can be downloaded. Use Export with Docs "
                           "Editors files.");

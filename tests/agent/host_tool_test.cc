@@ -166,3 +166,24 @@ TEST(HostTool, AuthorizeStoresNothingWhenTheGrantFails) {
         EXPECT_EQ("container = \"Mine\"\n", readFile(profile)) << c.name;
     }
 }
+
+TEST(HostTool, GoogleNativeFilesAreNamedAsSkippedNotRestoredOrCompared) {
+    AgentOnFake f;
+    writeFile(f.scratch + "/local", "stored");
+    ASSERT_EQ(0, host(f, "init").first);
+    ASSERT_EQ(0, host(f, "put " + f.scratch + "/local Pool/a").first);
+    std::string pool = f.drive->idByPath("/Backups/nas1.hbk/Pool");
+    f.fake->makeNative(f.drive->put(pool, "doc", "editor data"),
+                       "application/vnd.google-apps.document");
+    auto restore = host(f, "restore Pool " + f.scratch + "/back");
+    EXPECT_EQ(0, restore.first) << restore.second;
+    EXPECT_NE(std::string::npos, restore.second.find("restore: skipped doc (a Google Docs"))
+        << restore.second;
+    EXPECT_EQ("stored", readFile(f.scratch + "/back/a"));
+    EXPECT_FALSE(std::ifstream(f.scratch + "/back/doc").good());
+    writeFile(f.scratch + "/back/doc", "a local file of that name");
+    auto check = host(f, "check " + f.scratch + "/back Pool");
+    EXPECT_EQ(0, check.first) << check.second;
+    EXPECT_NE(std::string::npos, check.second.find("check: skipped doc")) << check.second;
+    EXPECT_EQ(std::string::npos, check.second.find("differs")) << check.second;
+}

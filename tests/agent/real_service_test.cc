@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "agent_fixture.h"
+#include "googledrive_client.h"
 
 using namespace AgentTest;
 
@@ -52,4 +53,32 @@ TEST_F(RealService, AnAnswerPastTheBoundFailsWithAReasonAndIsNotRetried) {
     EXPECT_NE(std::string::npos, answer["error_message"].asString().find("larger than 64 MiB"));
     // The agent goes on with the next request.
     EXPECT_TRUE(agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
+}
+
+TEST_F(RealService, GoogleNativeFilesAndShortcutsHaveNoBytesToDownloadOrCompare) {
+    std::string doc = drive->put(drive->rootId(), "notes", "editor data");
+    std::string shortcut = drive->put(drive->rootId(), "link", "");
+    fake->makeNative(doc, "application/vnd.google-apps.document");
+    fake->makeNative(shortcut, "application/vnd.google-apps.shortcut");
+    auto agent = start();
+    struct Case {
+        std::string id;
+        char const* words;
+    } const cases[] = {{doc, "a Google Docs file: no stored bytes to download"},
+                       {shortcut, "a shortcut (never followed): no stored bytes to download"}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.words);
+        Json::Value meta = agent->call(req({{"fn", "getObjectMeta"}, {"id", c.id}}));
+        EXPECT_EQ(0, meta["properties"]["size"].asInt()) << meta;
+        EXPECT_EQ("", meta["properties"]["md5Checksum"].asString()) << meta;
+        Json::Value down = agent
+                               ->transfer(req({{"fn", "downloadFile"},
+                                               {"id", c.id},
+                                               {"outputPath", scratch + "/out"}}))
+                               .back();
+        EXPECT_EQ(403, down["error_code"].asInt()) << down;
+        EXPECT_EQ(c.words, down["error_message"].asString());
+        Json::Value verdict = down;
+        EXPECT_FALSE(TAVO::Backup::needRetry(verdict));
+    }
 }
