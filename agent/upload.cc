@@ -59,6 +59,11 @@ class Session {
     std::string const& createdId() const { return _new_id; }
 
   private:
+    // The first request of an upload of `uploadType` to the target, with its
+    // metadata as the JSON body.
+    HttpRequest startRequest(std::string const& uploadType);
+    // An empty file created or updated in one request.
+    Json::Value sendEmpty();
     void open();
     HttpResponse sendChunk();
     HttpResponse queryStatus();
@@ -77,7 +82,7 @@ class Session {
     std::int64_t _offset = 0;
 };
 
-void Session::open() {
+HttpRequest Session::startRequest(std::string const& uploadType) {
     Json::Value meta(Json::objectValue);
     std::string path = "files";
     std::string method = "POST";
@@ -91,9 +96,28 @@ void Session::open() {
         method = "PATCH";
     }
     HttpRequest request = _api.apiJson(method, path, "", meta);
-    request.url = _api.config().apiUrl + "/upload/drive/v3/" + path +
-                  "?uploadType=resumable&supportsAllDrives=true&prettyPrint=false&fields=" +
-                  _api.http().escape(kFileFields);
+    request.url =
+        _api.config().apiUrl + "/upload/drive/v3/" + path + "?uploadType=" + uploadType +
+        "&supportsAllDrives=true&prettyPrint=false&fields=" + _api.http().escape(kFileFields);
+    return request;
+}
+
+Json::Value Session::sendEmpty() {
+    // Drive's multipart upload: the metadata and an empty content part, in
+    // one request. (A resumable session would have to be finished with
+    // "bytes */0", which is the form of a status query.)
+    HttpRequest request = startRequest("multipart");
+    char const* const boundary = "tavo_empty_content_boundary";
+    request.headers = {std::string("Content-Type: multipart/related; boundary=") + boundary};
+    request.body = std::string("--") + boundary +
+                   "\r\nContent-Type: application/json; charset=UTF-8\r\n\r\n" + request.body +
+                   "\r\n--" + boundary +
+                   "\r\nContent-Type: application/octet-stream\r\n\r\n\r\n--" + boundary + "--\r\n";
+    return _api.call(request);
+}
+
+void Session::open() {
+    HttpRequest request = startRequest("resumable");
     request.headers.push_back("X-Upload-Content-Length: " + std::to_string(_size));
     HttpResponse response = _api.exchange(request);
     if (response.transportFailed()) response = _api.exchange(request);
@@ -116,10 +140,8 @@ HttpResponse Session::sendChunk() {
         _md5.add(data, n, offset);
         _progress.reached(offset + static_cast<std::int64_t>(n));
     };
-    request.headers.push_back(length > 0 ? "Content-Range: bytes " + std::to_string(_offset) + "-" +
-                                               std::to_string(_offset + length - 1) + "/" +
-                                               std::to_string(_size)
-                                         : "Content-Range: bytes */" + std::to_string(_size));
+    request.headers.push_back("Content-Range: bytes " + std::to_string(_offset) + "-" +
+                              std::to_string(_offset + length - 1) + "/" + std::to_string(_size));
     return _api.exchange(request);
 }
 
@@ -138,6 +160,7 @@ void Session::confirm(HttpResponse const& response) {
 }
 
 Json::Value Session::run() {
+    if (_size == 0) return sendEmpty();
     open();
     int stalled = 0;
     int restarts = 0;

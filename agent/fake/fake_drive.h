@@ -34,6 +34,7 @@ struct Counters {
     std::atomic<int> tokenGrants{0};
     std::atomic<int> unauthorized{0};   // 401 answers to API requests
     std::atomic<int> sessions{0};       // resumable sessions opened
+    std::atomic<int> uploadStarts{0};   // uploads begun: sessions and one-request uploads
     std::atomic<int> prettyPrinted{0};  // API requests without prettyPrint=false
 };
 
