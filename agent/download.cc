@@ -10,6 +10,7 @@
 
 #include "agent_failure.h"
 #include "background_digest.h"
+#include "drive_errors.h"
 #include "protocol_out.h"
 
 namespace DriveAgent {
@@ -135,14 +136,18 @@ Json::Value downloadContent(DriveApi& api, std::string const& id, std::string co
             errno = output.writeErrno();
             localFailure(outputPath);
         }
-        if (!response.transportFailed() && (response.status < 200 || response.status >= 300)) {
-            api.fail(response);
-        }
+        bool const answered =
+            !response.transportFailed() && response.status >= 200 && response.status < 300;
+        // A 5xx, 429 or rate limit passes: the download goes on from the bytes
+        // it has, instead of the plug-in's retry starting it again from 0.
+        if (!answered && !isPassing(response)) api.fail(response);
         if (output.written() > before) {
             stalled = 0;
         } else if (++stalled >= kStalledAttempts) {
-            if (response.transportFailed()) api.fail(response);
+            if (!answered) api.fail(response);
             throw AgentFailure(kTransportFailure, "the download makes no progress");
+        } else if (!answered) {
+            pauseBeforeResume(response, stalled);
         }
     }
     output.close();

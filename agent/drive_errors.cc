@@ -2,8 +2,11 @@
 
 #include <json/reader.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <thread>
 
 namespace DriveAgent {
 
@@ -93,6 +96,35 @@ AgentFailure transportFailure(HttpResponse const& response) {
                                                  " MiB; it was not read");
     }
     return AgentFailure(kTransportFailure, "connection failed: " + response.error);
+}
+
+std::string reasonOf(std::string const& body) {
+    Json::Value const parsed = parseBody(body);
+    Json::Value const& errors = parsed["error"]["errors"];
+    if (!errors.isArray() || errors.empty() || !errors[0].isObject()) return "";
+    Json::Value const& reason = errors[0]["reason"];
+    return reason.isString() ? reason.asString() : "";
+}
+
+bool isPassing(HttpResponse const& response) {
+    if (response.transportFailed()) return !response.bodyTooLarge;
+    long status = response.status;
+    if (status == 408 || status == 429 || (status >= 500 && status <= 599)) return true;
+    if (status != 403) return false;
+    std::string reason = reasonOf(response.body);
+    return reason == "rateLimitExceeded" || reason == "userRateLimitExceeded";
+}
+
+void pauseBeforeResume(HttpResponse const& response, int attempt) {
+    long asked = std::min(retryAfterSeconds(response), 120L);
+    if (asked > 0) {
+        std::this_thread::sleep_for(std::chrono::seconds(asked));
+        return;
+    }
+    char const* unitText = std::getenv("TAVO_AGENT_PAUSE_UNIT_MS");
+    long unit = unitText && *unitText ? std::strtol(unitText, nullptr, 10) : 1000;
+    long units = 1L << std::min(std::max(attempt - 1, 0), 5);
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::max(0L, unit) * units));
 }
 
 long retryAfterSeconds(HttpResponse const& response) {

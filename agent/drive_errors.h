@@ -32,4 +32,17 @@ AgentFailure transportFailure(HttpResponse const& response);
 // Seconds the answer's Retry-After header asks for (0 when absent or a date).
 long retryAfterSeconds(HttpResponse const& response);
 
+// Drive's reason in an error body ("rateLimitExceeded", ...), empty if none.
+std::string reasonOf(std::string const& body);
+
+// True for a failure that passes with time, after which a transfer may go on
+// where it was: a failed connection, 408, 429, 5xx, and Drive's 403 rate
+// limits.
+bool isPassing(HttpResponse const& response);
+
+// Sleeps before the agent's own resume attempt `attempt` (1, 2, ...): what
+// the answer's Retry-After asks (at most two minutes), else exponential
+// back-off of 1, 2, 4 ... 32 units of TAVO_AGENT_PAUSE_UNIT_MS (default 1 s).
+void pauseBeforeResume(HttpResponse const& response, int attempt);
+
 }  // namespace DriveAgent

@@ -120,6 +120,15 @@ HttpResponse Http::perform(HttpRequest const& request) {
     if (!_ca_file.empty() && isLoopbackUrl(request.url)) {
         curl_easy_setopt(c, CURLOPT_CAINFO, _ca_file.c_str());
     }
+    if (request.sink) {
+        // Content may be served from another host. libcurl sends our
+        // Authorization header to the first host only (CURLOPT_UNRESTRICTED_AUTH
+        // stays off), and never follows to plain http outside loopback.
+        curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(c, CURLOPT_MAXREDIRS, 5L);
+        curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR,
+                         isLoopbackUrl(request.url) ? "http,https" : "https");
+    }
     curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, onHeader);
     curl_easy_setopt(c, CURLOPT_HEADERDATA, &exchange);
     // Without these libcurl would write every body to our standard output,

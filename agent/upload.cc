@@ -167,11 +167,14 @@ Json::Value Session::run() {
     for (;;) {
         std::int64_t before = _offset;
         HttpResponse response = sendChunk();
-        // A dropped connection or a failing server mid-chunk: only the
-        // status query tells what the service kept.
-        while ((response.transportFailed() || response.status >= 500) &&
-               stalled < kStalledAttempts) {
+        // A dropped connection, a failing server or a rate limit mid-chunk:
+        // the session stays valid, and its status query tells what the
+        // service kept. A cut connection is asked at once; an answer that
+        // asks for patience, and every further query, after a pause.
+        for (int queries = 0; isPassing(response) && stalled < kStalledAttempts; ++queries) {
             ++stalled;
+            if (queries > 0 || !response.transportFailed())
+                pauseBeforeResume(response, queries + 1);
             response = queryStatus();
         }
         if (response.status == 200 || response.status == 201) return parseJson(response.body);

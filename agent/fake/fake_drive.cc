@@ -133,6 +133,10 @@ std::optional<FailRule> firedRule(FakeDrive::State& state, httplib::Request cons
     std::string method = apiMethod(req);
     for (auto it = state.failures.begin(); it != state.failures.end(); ++it) {
         if (what.find(it->match) == std::string::npos && method != it->match) continue;
+        if (it->after > 0) {
+            --it->after;
+            return std::nullopt;
+        }
         FailRule rule = *it;
         if (--it->times == 0) state.failures.erase(it);
         return rule;
@@ -158,6 +162,8 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     std::unique_lock<std::mutex> guard(state.lock);
     if (auto rule = firedRule(state, req)) {
         if (rule->delayMs == 0) {
+            // httplib would cut the error body to the request's Range (416).
+            const_cast<httplib::Request&>(req).ranges.clear();
             sendRule(res, *rule);
             return httplib::Server::HandlerResponse::Handled;
         }
@@ -167,6 +173,12 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     }
     if (req.path == "/token" || req.path == "/auth")
         return httplib::Server::HandlerResponse::Unhandled;
+    if (req.path.rfind("/media/", 0) == 0) {
+        // A redirect's target, as Drive's content hosts: no token wanted.
+        ++state.counters.redirected;
+        if (req.has_header("Authorization")) ++state.counters.leakedTokens;
+        return httplib::Server::HandlerResponse::Unhandled;
+    }
     std::string auth = req.get_header_value("Authorization");
     std::string token = auth.rfind("Bearer ", 0) == 0 ? auth.substr(7) : "";
     auto found = state.tokens.find(token);
@@ -283,6 +295,14 @@ void addMetadataRoutes(FakeDrive::State& state) {
     s.server->Get(R"(/drive/v3/files/([^/]+))", [&s](httplib::Request const& req,
                                                      httplib::Response& res) {
         if (req.get_param_value("alt") == "media") {
+            std::unique_lock<std::mutex> guard(s.lock);
+            if (s.redirectMedia > 0) {
+                --s.redirectMedia;
+                res.set_redirect("http://localhost:" + std::to_string(s.port) + "/media/" +
+                                 std::string(req.matches[1]));
+                return;
+            }
+            guard.unlock();
             serveMedia(s, req, res);
             return;
         }
@@ -365,6 +385,9 @@ void addMetadataRoutes(FakeDrive::State& state) {
                              sendModelError(res, e);
                          }
                      });
+    s.server->Get(R"(/media/([^/]+))", [&s](httplib::Request const& req, httplib::Response& res) {
+        serveMedia(s, req, res);
+    });
     s.server->Get("/drive/v3/about", [&s](httplib::Request const&, httplib::Response& res) {
         std::lock_guard<std::mutex> guard(s.lock);
         ReadTransaction read(s.store.db());
@@ -462,6 +485,10 @@ void FakeDrive::ignoreNextRanges(int count) {
 void FakeDrive::corruptNextDownload() {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->corruptMedia = true;
+}
+void FakeDrive::redirectNextMedia(int count) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->redirectMedia = count;
 }
 void FakeDrive::makeNative(std::string const& id, std::string const& mimeType) {
     std::lock_guard<std::mutex> guard(_state->lock);

@@ -28,14 +28,18 @@ struct FailRule {
     int retryAfter = 0;  // seconds; 0: no header
     bool html = false;   // a proxy's HTML page instead of Drive's JSON
     int delayMs = 0;     // > 0: no failure; the request is served after this long
+    int after = 0;       // matching requests served before the rule fires
 };
 
 struct Counters {
     std::atomic<int> tokenGrants{0};
-    std::atomic<int> unauthorized{0};   // 401 answers to API requests
-    std::atomic<int> sessions{0};       // resumable sessions opened
-    std::atomic<int> uploadStarts{0};   // uploads begun: sessions and one-request uploads
-    std::atomic<int> prettyPrinted{0};  // API requests without prettyPrint=false
+    std::atomic<int> unauthorized{0};         // 401 answers to API requests
+    std::atomic<int> sessions{0};             // resumable sessions opened
+    std::atomic<std::int64_t> mediaBytes{0};  // content bytes sent by alt=media answers
+    std::atomic<int> redirected{0};           // media requests served at the redirect target
+    std::atomic<int> leakedTokens{0};         // ... that carried an Authorization header
+    std::atomic<int> uploadStarts{0};         // uploads begun: sessions and one-request uploads
+    std::atomic<int> prettyPrinted{0};        // API requests without prettyPrint=false
 };
 
 class FakeDrive {
@@ -83,6 +87,9 @@ class FakeDrive {
     void makeNative(std::string const& id, std::string const& mimeType);
     // The next JSON answer ends with `bytes` blanks (still valid JSON).
     void padNextAnswer(std::int64_t bytes);
+    // The next `count` alt=media requests are redirected to another host
+    // name of the fake ("localhost"), which serves them without a token.
+    void redirectNextMedia(int count);
     // The next alt=media answer carries one byte other than the file's.
     void corruptNextDownload();
 

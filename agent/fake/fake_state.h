@@ -68,6 +68,7 @@ struct FakeDrive::State {
     // otherwise, a file has only its MD5, as Drive's oldest files).
     std::map<std::string, std::string> sha256ByMd5;
     int lagNext = 0;           // listings the next created object misses
+    int redirectMedia = 0;     // media requests still to redirect
     std::int64_t padNext = 0;  // blanks after the next JSON answer
     // Google-native objects (Docs, shortcuts, ...) by id: their MIME type.
     std::map<std::string, std::string> nativeTypes;

@@ -330,12 +330,14 @@ void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Respo
     }
     res.set_content_provider(
         static_cast<size_t>(length), "application/octet-stream",
-        [fd, first, corrupt](size_t offset, size_t want, httplib::DataSink& sink) {
+        [fd, first, corrupt, counters = &s.counters](size_t offset, size_t want,
+                                                     httplib::DataSink& sink) {
             char buffer[1 << 16];
             ssize_t n = ::pread(fd, buffer, std::min(want, sizeof buffer),
                                 static_cast<off_t>(first + static_cast<std::int64_t>(offset)));
             if (n <= 0) return false;
             if (corrupt && offset == 0) buffer[0] = static_cast<char>(~buffer[0]);
+            counters->mediaBytes += n;
             return sink.write(buffer, static_cast<size_t>(n));
         },
         [fd](bool) { ::close(fd); });

@@ -3,12 +3,16 @@
 // past a megabyte, answers past any sane size.
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "agent_fixture.h"
 #include "googledrive_client.h"
 
 using namespace AgentTest;
 
 namespace {
+
+constexpr std::int64_t MiB = 1 << 20;
 
 class RealService : public ::testing::Test, public AgentOnFake {};
 
@@ -71,11 +75,11 @@ TEST_F(RealService, GoogleNativeFilesAndShortcutsHaveNoBytesToDownloadOrCompare)
         Json::Value meta = agent->call(req({{"fn", "getObjectMeta"}, {"id", c.id}}));
         EXPECT_EQ(0, meta["properties"]["size"].asInt()) << meta;
         EXPECT_EQ("", meta["properties"]["md5Checksum"].asString()) << meta;
-        Json::Value down = agent
-                               ->transfer(req({{"fn", "downloadFile"},
-                                               {"id", c.id},
-                                               {"outputPath", scratch + "/out"}}))
-                               .back();
+        Json::Value down =
+            agent
+                ->transfer(
+                    req({{"fn", "downloadFile"}, {"id", c.id}, {"outputPath", scratch + "/out"}}))
+                .back();
         EXPECT_EQ(403, down["error_code"].asInt()) << down;
         EXPECT_EQ(c.words, down["error_message"].asString());
         Json::Value verdict = down;
@@ -106,4 +110,39 @@ TEST_F(RealService, EmptyFilesAreCreatedAndUpdatedInOneRequestEach) {
         EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", stored.md5);
     }
     EXPECT_EQ(0, fake->counters().sessions.load());
+}
+
+TEST_F(RealService, TransfersGoOnAfterPassingFailuresFromWhereTheyWere) {
+    std::string input = scratch + "/in";
+    writePattern(input, 40 * MiB);
+    auto agent = start({{"TAVO_AGENT_PAUSE_UNIT_MS", "1"}});
+    // The second chunk meets a 429 that asks for a second, then a rate limit.
+    fake->addFailure(
+        {"upload chunk", 1, 429, "rateLimitExceeded", "Rate Limit Exceeded", 1, false, 0, 1});
+    fake->addFailure({"upload chunk", 1, 403, "userRateLimitExceeded", "User rate limit"});
+    auto started = std::chrono::steady_clock::now();
+    Json::Value up = agent->transfer(EmulatorTest::upload(drive->rootId(), input, "x")).back();
+    ASSERT_TRUE(up["success"].asBool()) << up;
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(950));
+    EXPECT_EQ(1, fake->counters().sessions.load());
+    EXPECT_EQ(fileMd5(input), drive->stat(up["id"].asString()).md5);
+
+    // Downloads in 16 MiB answers; each resume meets a failure first.
+    fake->limitMediaAnswers(16 * MiB);
+    fake->addFailure({"files.get media", 1, 503, "backendError", "Backend Error", 0, false, 0, 1});
+    fake->addFailure({"files.get media", 1, 429, "rateLimitExceeded", "Rate Limit Exceeded"});
+    fake->addFailure(
+        {"files.get media", 1, 403, "rateLimitExceeded", "Rate Limit Exceeded", 0, false, 0, 1});
+    fake->redirectNextMedia(1);
+    Json::Value down = agent
+                           ->transfer(req({{"fn", "downloadFile"},
+                                           {"id", up["id"].asString()},
+                                           {"outputPath", scratch + "/out"}}))
+                           .back();
+    ASSERT_TRUE(down["success"].asBool()) << down;
+    EXPECT_EQ(fileMd5(input), fileMd5(scratch + "/out"));
+    EXPECT_EQ(40 * MiB, fake->counters().mediaBytes.load());  // nothing fetched twice
+    // The first answer came from the redirect's host, which never saw the token.
+    EXPECT_EQ(1, fake->counters().redirected.load());
+    EXPECT_EQ(0, fake->counters().leakedTokens.load());
 }
