@@ -11,6 +11,7 @@
 namespace DriveAgent {
 
 char const* const kQuotaMessage = "The user's Drive storage quota has been exceeded.";
+char const* const kDailyLimitMessage = "Drive's daily upload limit reached; run again tomorrow";
 
 namespace {
 
@@ -53,6 +54,18 @@ std::string statusText(long status) {
     }
 }
 
+// Drive words its daily upload limit (about 750 GB) as a user rate limit, in
+// a sentence of its own: lower case with a period, where the per-user request
+// rate limit is "User Rate Limit Exceeded" followed by advice on quotas.
+bool isDailyLimit(std::string const& reason, std::string const& message) {
+    return reason == "userRateLimitExceeded" && message == "User rate limit exceeded.";
+}
+
+std::string messageOf(Json::Value const& body) {
+    Json::Value const& message = body["error"]["message"];
+    return message.isString() ? message.asString() : "";
+}
+
 }  // namespace
 
 AgentFailure driveFailure(long status, std::string const& body) {
@@ -68,6 +81,7 @@ AgentFailure driveFailure(long status, std::string const& body) {
     }
     int code = static_cast<int>(status);
     if (code == 429) return AgentFailure(429, message.empty() ? statusText(429) : message);
+    if (isDailyLimit(reason, message)) return AgentFailure(403, kDailyLimitMessage);
     if (reason == "userRateLimitExceeded") return AgentFailure(403, "User Rate Limit Exceeded");
     if (reason == "rateLimitExceeded" || reason == "sharingRateLimitExceeded") {
         return AgentFailure(403, "Rate Limit Exceeded");
@@ -112,6 +126,7 @@ bool isPassing(HttpResponse const& response) {
     if (status == 408 || status == 429 || (status >= 500 && status <= 599)) return true;
     if (status != 403) return false;
     std::string reason = reasonOf(response.body);
+    if (isDailyLimit(reason, messageOf(parseBody(response.body)))) return false;
     return reason == "rateLimitExceeded" || reason == "userRateLimitExceeded";
 }
 

@@ -13,6 +13,9 @@ namespace DriveAgent {
 
 // The quota sentence the plug-in turns into its quota error.
 extern char const* const kQuotaMessage;
+// What the agent answers (403) when Drive's daily upload allowance is spent:
+// no retry helps before the next day, and the host tool stops its run on it.
+extern char const* const kDailyLimitMessage;
 
 // The failure a Drive API answer with `status` (400 or above) and `body`
 // stands for: a rate limit becomes 403 "User Rate Limit Exceeded" or "Rate
@@ -37,7 +40,7 @@ std::string reasonOf(std::string const& body);
 
 // True for a failure that passes with time, after which a transfer may go on
 // where it was: a failed connection, 408, 429, 5xx, and Drive's 403 rate
-// limits.
+// limits other than its daily upload limit.
 bool isPassing(HttpResponse const& response);
 
 // Sleeps before the agent's own resume attempt `attempt` (1, 2, ...): what

@@ -10,6 +10,8 @@ namespace gdhost {
 
 using namespace TAVO::Backup;
 
+char const* const kDailyUploadLimit = "Drive's daily upload limit reached; run again tomorrow";
+
 char const* meaningOf(int engineCode) {
     switch (engineCode) {
         case ERR_NONE:
@@ -100,6 +102,14 @@ Failure describeFailure(int engineCode, Wanted wanted) {
     failure.exitCode = exitCodeFor(engineCode, wanted, reason.serviceCode);
     failure.stopsRun = engineCode == ERR_CREDENTIALS || engineCode == ERR_REMOTE_QUOTA ||
                        engineCode == ERR_LOCAL_NO_SPACE || failure.exitCode == kExitCanceled;
+    // The plug-in maps it as any refusal; every further upload today would
+    // meet it too.
+    if (engineCode == ERR_REMOTE_REFUSED &&
+        reason.text.find(kDailyUploadLimit) != std::string::npos) {
+        failure.words = kDailyUploadLimit;
+        failure.exitCode = kExitFatal;
+        failure.stopsRun = true;
+    }
     return failure;
 }
 

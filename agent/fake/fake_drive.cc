@@ -138,6 +138,7 @@ std::optional<FailRule> firedRule(FakeDrive::State& state, httplib::Request cons
             return std::nullopt;
         }
         FailRule rule = *it;
+        if (rule.delayMs == 0) ++state.counters.failuresServed;
         if (--it->times == 0) state.failures.erase(it);
         return rule;
     }

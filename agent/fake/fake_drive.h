@@ -38,6 +38,7 @@ struct Counters {
     std::atomic<std::int64_t> mediaBytes{0};  // content bytes sent by alt=media answers
     std::atomic<int> redirected{0};           // media requests served at the redirect target
     std::atomic<int> leakedTokens{0};         // ... that carried an Authorization header
+    std::atomic<int> failuresServed{0};       // answers made by failure rules
     std::atomic<int> uploadStarts{0};         // uploads begun: sessions and one-request uploads
     std::atomic<int> prettyPrinted{0};        // API requests without prettyPrint=false
 };

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -186,4 +187,21 @@ TEST(HostTool, GoogleNativeFilesAreNamedAsSkippedNotRestoredOrCompared) {
     EXPECT_EQ(0, check.first) << check.second;
     EXPECT_NE(std::string::npos, check.second.find("check: skipped doc")) << check.second;
     EXPECT_EQ(std::string::npos, check.second.find("differs")) << check.second;
+}
+
+TEST(HostTool, DrivesDailyUploadLimitStopsTheRunAtOnceInWords) {
+    AgentOnFake f;
+    std::filesystem::create_directory(f.scratch + "/tree");
+    for (char const* name : {"a", "b", "c"}) writeFile(f.scratch + "/tree/" + name, name);
+    ASSERT_EQ(0, host(f, "init").first);
+    f.fake->addFailure(
+        {"files.create upload", -1, 403, "userRateLimitExceeded", "User rate limit exceeded."});
+    auto copy = host(f, "copy --transfers 1 " + f.scratch + "/tree Pool",
+                     std::string(kDrive) + " TAVO_AGENT_PAUSE_UNIT_MS=1");
+    EXPECT_EQ(7, copy.first) << copy.second;
+    EXPECT_NE(std::string::npos,
+              copy.second.find("Drive's daily upload limit reached; run again tomorrow"))
+        << copy.second;
+    // One upload tried, neither retried nor followed by the others.
+    EXPECT_EQ(1, f.fake->counters().failuresServed.load()) << copy.second;
 }
