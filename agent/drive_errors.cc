@@ -83,10 +83,12 @@ AgentFailure driveFailure(long status, std::string const& body) {
     if (code == 429) return AgentFailure(429, message.empty() ? statusText(429) : message);
     if (isDailyLimit(reason, message)) return AgentFailure(403, kDailyLimitMessage);
     if (reason == "userRateLimitExceeded") return AgentFailure(403, "User Rate Limit Exceeded");
-    if (reason == "rateLimitExceeded" || reason == "sharingRateLimitExceeded") {
+    // quotaExceeded is an API usage quota of the project, not a full account.
+    if (reason == "rateLimitExceeded" || reason == "sharingRateLimitExceeded" ||
+        reason == "quotaExceeded") {
         return AgentFailure(403, "Rate Limit Exceeded");
     }
-    if (reason == "storageQuotaExceeded" || reason == "quotaExceeded") {
+    if (reason == "storageQuotaExceeded") {
         return AgentFailure(403, kQuotaMessage);
     }
     if (code == 401) return AgentFailure(401, "Invalid Credentials");
@@ -127,7 +129,8 @@ bool isPassing(HttpResponse const& response) {
     if (status != 403) return false;
     std::string reason = reasonOf(response.body);
     if (isDailyLimit(reason, messageOf(parseBody(response.body)))) return false;
-    return reason == "rateLimitExceeded" || reason == "userRateLimitExceeded";
+    return reason == "rateLimitExceeded" || reason == "userRateLimitExceeded" ||
+           reason == "quotaExceeded";
 }
 
 void pauseBeforeResume(HttpResponse const& response, int attempt) {

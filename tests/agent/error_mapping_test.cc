@@ -49,6 +49,7 @@ TEST(ErrorMapping, DecidesByReasonNotWording) {
          driveBody(403, "userRateLimitExceeded", "User rate limit exceeded."), 2000, false},
         {"project rate limit", 403, driveBody(403, "rateLimitExceeded", "Rate limit exceeded."),
          2000, true},
+        {"API usage quota", 403, driveBody(403, "quotaExceeded", "Quota exceeded."), 2000, true},
         {"too many requests", 429, driveBody(429, "rateLimitExceeded", "Rate limit exceeded"), 1,
          true},
         {"full account, other wording", 403,

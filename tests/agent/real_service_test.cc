@@ -146,3 +146,12 @@ TEST_F(RealService, TransfersGoOnAfterPassingFailuresFromWhereTheyWere) {
     EXPECT_EQ(1, fake->counters().redirected.load());
     EXPECT_EQ(0, fake->counters().leakedTokens.load());
 }
+
+TEST_F(RealService, AnApiUsageQuotaIsARateLimitNotAFullAccount) {
+    auto agent = start();
+    fake->addFailure({"about.get", 1, 403, "quotaExceeded", "Quota exceeded for quota metric."});
+    Json::Value answer = agent->call(req({{"fn", "getAccountInfo"}}));
+    EXPECT_EQ(403, answer["error_code"].asInt()) << answer;
+    EXPECT_EQ("Rate Limit Exceeded", answer["error_message"].asString());
+    EXPECT_TRUE(TAVO::Backup::needRetry(answer));
+}
