@@ -15,6 +15,8 @@ constexpr int kIntegrityFailure = -4;  // the service holds other bytes than wer
 // An answer past the agent's bound: the same request would meet it again, so
 // the code is one the plug-in does not retry.
 constexpr int kAnswerTooLarge = -5;
+// The service's TLS certificate was refused: not passing, not retried.
+constexpr int kTlsRefused = -6;
 
 class AgentFailure : public std::runtime_error {
   public:

@@ -111,6 +111,12 @@ AgentFailure transportFailure(HttpResponse const& response) {
                                                  std::to_string(kMaxAnswerBody >> 20) +
                                                  " MiB; it was not read");
     }
+    if (isTlsRefusal(response.curlCode)) {
+        return AgentFailure(kTlsRefused,
+                            "the service's TLS certificate was refused (an intercepting proxy, or "
+                            "a wrong clock on this machine?): " +
+                                response.error);
+    }
     return AgentFailure(kTransportFailure, "connection failed: " + response.error);
 }
 
@@ -123,7 +129,8 @@ std::string reasonOf(std::string const& body) {
 }
 
 bool isPassing(HttpResponse const& response) {
-    if (response.transportFailed()) return !response.bodyTooLarge;
+    if (response.transportFailed())
+        return !response.bodyTooLarge && !isTlsRefusal(response.curlCode);
     long status = response.status;
     if (status == 408 || status == 429 || (status >= 500 && status <= 599)) return true;
     if (status != 403) return false;

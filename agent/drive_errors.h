@@ -29,7 +29,8 @@ AgentFailure driveFailure(long status, std::string const& body);
 AgentFailure tokenFailure(long status, std::string const& body);
 
 // The failure a transport error stands for (-2, retryable by the plug-in);
-// an answer stopped at kMaxAnswerBody is kAnswerTooLarge, not retried.
+// an answer stopped at kMaxAnswerBody is kAnswerTooLarge and a refused TLS
+// certificate kTlsRefused, neither retried.
 AgentFailure transportFailure(HttpResponse const& response);
 
 // Seconds the answer's Retry-After header asks for (0 when absent or a date).

@@ -83,8 +83,25 @@ bool isLoopbackUrl(std::string const& url) {
     return false;
 }
 
-Http::Http(std::string const& caFile, long stallSeconds)
-    : _curl(curl_easy_init()), _ca_file(caFile), _stall_seconds(stallSeconds) {}
+Http::Http(std::string const& caFile, long stallSeconds, std::string const& userAgent)
+    : _curl(curl_easy_init()),
+      _ca_file(caFile),
+      _stall_seconds(stallSeconds),
+      _user_agent(userAgent) {}
+
+bool isTlsRefusal(CURLcode code) {
+    switch (code) {
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        case CURLE_SSL_INVALIDCERTSTATUS:
+            return true;
+        default:
+            return false;
+    }
+}
 
 Http::~Http() { curl_easy_cleanup(_curl); }
 
@@ -111,6 +128,7 @@ HttpResponse Http::perform(HttpRequest const& request) {
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errors);
     curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, 30L);
+    if (!_user_agent.empty()) curl_easy_setopt(c, CURLOPT_USERAGENT, _user_agent.c_str());
     // Large pieces: fewer callbacks (each writes, hashes and counts) per byte.
     curl_easy_setopt(c, CURLOPT_BUFFERSIZE, 512L << 10);
     curl_easy_setopt(c, CURLOPT_UPLOAD_BUFFERSIZE, 512L << 10);

@@ -52,7 +52,8 @@ class Http {
     // `caFile`: extra trust anchors for loopback hosts only (tests); empty for
     // the system's. `stallSeconds`: a connection that moves nothing for that
     // long is given up.
-    Http(std::string const& caFile, long stallSeconds);
+    // `userAgent`: the User-Agent header of every request (none when empty).
+    Http(std::string const& caFile, long stallSeconds, std::string const& userAgent = "");
     ~Http();
     Http(Http const&) = delete;
     Http& operator=(Http const&) = delete;
@@ -67,7 +68,12 @@ class Http {
     CURL* _curl;
     std::string _ca_file;
     long _stall_seconds;
+    std::string _user_agent;
 };
+
+// True when `code` says the peer's TLS certificate or our trust store was
+// refused: an intercepting proxy or a wrong clock, which no retry mends.
+bool isTlsRefusal(CURLcode code);
 
 // True for URLs whose host is 127.0.0.1, [::1] or localhost.
 bool isLoopbackUrl(std::string const& url);

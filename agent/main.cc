@@ -57,7 +57,7 @@ Json::Value failure(int code, std::string const& message) {
 class Agent {
   public:
     Agent(AgentConfig const& config, int out)
-        : _http(config.caFile, config.stallSeconds),
+        : _http(config.caFile, config.stallSeconds, config.userAgent),
           _tokens(_http, config),
           _api(_http, _tokens, config),
           _ids(_api),

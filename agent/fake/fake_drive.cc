@@ -180,6 +180,7 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
         if (req.has_header("Authorization")) ++state.counters.leakedTokens;
         return httplib::Server::HandlerResponse::Unhandled;
     }
+    state.lastUserAgent = req.get_header_value("User-Agent");
     std::string auth = req.get_header_value("Authorization");
     std::string token = auth.rfind("Bearer ", 0) == 0 ? auth.substr(7) : "";
     auto found = state.tokens.find(token);
@@ -500,5 +501,9 @@ void FakeDrive::padNextAnswer(std::int64_t bytes) {
     _state->padNext = bytes;
 }
 Counters& FakeDrive::counters() { return _state->counters; }
+std::string FakeDrive::lastUserAgent() {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    return _state->lastUserAgent;
+}
 
 }  // namespace DriveFake

@@ -95,6 +95,8 @@ class FakeDrive {
     void corruptNextDownload();
 
     Counters& counters();
+    // The User-Agent header of the last API request.
+    std::string lastUserAgent();
 
     // The routes' shared state (fake_state.h).
     struct State;
