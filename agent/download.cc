@@ -113,7 +113,9 @@ Json::Value downloadContent(DriveApi& api, std::string const& id, std::string co
     int stalled = 0;
     while (output.written() < size) {
         std::int64_t before = output.written();
-        HttpRequest request = api.api("GET", path, "alt=media&supportsAllDrives=true");
+        // The owner of a file Drive flagged as malware or spam may still have it.
+        HttpRequest request =
+            api.api("GET", path, "alt=media&acknowledgeAbuse=true&supportsAllDrives=true");
         request.headers.push_back("Range: bytes=" + std::to_string(before) + "-");
         bool first = true;
         request.sink = [&](char const* data, size_t n, HttpResponse const& answer) {

@@ -492,6 +492,10 @@ void FakeDrive::redirectNextMedia(int count) {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->redirectMedia = count;
 }
+void FakeDrive::flagAbusive(std::string const& id) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->abusive.insert(id);
+}
 void FakeDrive::makeNative(std::string const& id, std::string const& mimeType) {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->nativeTypes[id] = mimeType;

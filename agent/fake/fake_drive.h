@@ -86,6 +86,9 @@ class FakeDrive {
     // ("application/vnd.google-apps.document", "...shortcut", ...): its
     // content cannot be downloaded.
     void makeNative(std::string const& id, std::string const& mimeType);
+    // The file `id` is flagged as malware or spam: its content is served only
+    // to requests that acknowledge the risk (acknowledgeAbuse=true).
+    void flagAbusive(std::string const& id);
     // The next JSON answer ends with `bytes` blanks (still valid JSON).
     void padNextAnswer(std::int64_t bytes);
     // The next `count` alt=media requests are redirected to another host

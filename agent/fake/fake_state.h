@@ -10,6 +10,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -67,10 +68,11 @@ struct FakeDrive::State {
     // SHA-256 of the contents uploaded through the fake, by their MD5 (stored
     // otherwise, a file has only its MD5, as Drive's oldest files).
     std::map<std::string, std::string> sha256ByMd5;
-    int lagNext = 0;            // listings the next created object misses
-    std::string lastUserAgent;  // of the last API request
-    int redirectMedia = 0;      // media requests still to redirect
-    std::int64_t padNext = 0;   // blanks after the next JSON answer
+    int lagNext = 0;                // listings the next created object misses
+    std::set<std::string> abusive;  // ids flagged as malware or spam
+    std::string lastUserAgent;      // of the last API request
+    int redirectMedia = 0;          // media requests still to redirect
+    std::int64_t padNext = 0;       // blanks after the next JSON answer
     // Google-native objects (Docs, shortcuts, ...) by id: their MIME type.
     std::map<std::string, std::string> nativeTypes;
     bool stopping = false;

@@ -287,6 +287,13 @@ void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Respo
                           "Editors files.");
                 return;
             }
+            if (s.abusive.count(stored.object.id) &&
+                req.get_param_value("acknowledgeAbuse") != "true") {
+                sendError(res, 403, "cannotDownloadAbusiveFile",
+                          "This file has been identified as malware or spam and cannot be "
+                          "downloaded.");
+                return;
+            }
             size = static_cast<std::int64_t>(stored.object.size);
             if (!stored.blob.empty())
                 fd = ::open(s.store.blobs().path(stored.blob).c_str(), O_RDONLY | O_CLOEXEC);

@@ -155,3 +155,14 @@ TEST_F(RealService, AnApiUsageQuotaIsARateLimitNotAFullAccount) {
     EXPECT_EQ("Rate Limit Exceeded", answer["error_message"].asString());
     EXPECT_TRUE(TAVO::Backup::needRetry(answer));
 }
+
+TEST_F(RealService, AFileFlaggedAsAbusiveIsRestoredByItsOwner) {
+    std::string id = drive->put(drive->rootId(), "flagged", "bytes Drive dislikes");
+    fake->flagAbusive(id);
+    auto agent = start();
+    Json::Value down =
+        agent->transfer(req({{"fn", "downloadFile"}, {"id", id}, {"outputPath", scratch + "/out"}}))
+            .back();
+    ASSERT_TRUE(down["success"].asBool()) << down;
+    EXPECT_EQ("bytes Drive dislikes", readFile(scratch + "/out"));
+}
