@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <map>
 
 #include "content_copy.h"
 #include "fake_state.h"
@@ -192,24 +193,89 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     return httplib::Server::HandlerResponse::Unhandled;
 }
 
-// Drive's JSON as Drive sends it: indented unless the request says
-// prettyPrint=false; and the padding a test asked for.
+// A fields mask ("nextPageToken,files(id,name)") as a tree of names; a
+// name without children selects its whole value.
+struct Mask {
+    std::map<std::string, Mask> children;
+    bool all = false;  // "*"
+};
+
+Mask parseMask(std::string const& text, size_t& at) {
+    Mask mask;
+    while (at < text.size() && text[at] != ')') {
+        size_t end = text.find_first_of(",()", at);
+        if (end == std::string::npos) end = text.size();
+        std::string name = text.substr(at, end - at);
+        name.erase(0, name.find_first_not_of(' '));
+        name.erase(name.find_last_not_of(' ') + 1);
+        at = end;
+        Mask child;
+        if (at < text.size() && text[at] == '(') {
+            ++at;
+            child = parseMask(text, at);
+            if (at < text.size() && text[at] == ')') ++at;
+        }
+        if (name == "*") {
+            mask.all = true;
+        } else if (!name.empty()) {
+            mask.children[name] = child;
+        }
+        if (at < text.size() && text[at] == ',') ++at;
+    }
+    return mask;
+}
+
+Json::Value applyMask(Json::Value const& value, Mask const& mask) {
+    if (mask.all || mask.children.empty()) return value;
+    if (value.isArray()) {
+        Json::Value list(Json::arrayValue);
+        for (auto const& item : value) list.append(applyMask(item, mask));
+        return list;
+    }
+    if (!value.isObject()) return value;
+    Json::Value kept(Json::objectValue);
+    for (auto const& [name, child] : mask.children) {
+        if (value.isMember(name)) kept[name] = applyMask(value[name], child);
+    }
+    return kept;
+}
+
+// The fields mask a successful answer to `req` is cut to: the request's own,
+// the one its upload session began with, or Drive's default for the method
+// (empty: the whole answer).
+std::string maskFor(FakeDrive::State& state, httplib::Request const& req) {
+    if (req.has_param("fields")) return req.get_param_value("fields");
+    auto session = state.sessions.find(req.get_param_value("upload_id"));
+    if (session != state.sessions.end()) return session->second.fields;
+    std::string method = apiMethod(req);
+    if (method == "files.list")
+        return "kind,nextPageToken,incompleteSearch,files(kind,id,name,mimeType)";
+    if (method.rfind("files.", 0) == 0 && method != "files.generateIds")
+        return "kind,id,name,mimeType";
+    return "";
+}
+
+// Drive's JSON as Drive sends it: only the fields asked for, indented
+// unless the request says prettyPrint=false; and the padding a test asked for.
 void shapeAnswer(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
     if (req.path == "/token" || req.path == "/auth") return;
     bool compact = req.get_param_value("prettyPrint") == "false";
     std::lock_guard<std::mutex> guard(state.lock);
     if (!compact) ++state.counters.prettyPrinted;
     if (res.get_header_value("Content-Type").rfind("application/json", 0) != 0) return;
-    if (!compact) {
-        Json::Value value;
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        std::string errors;
-        if (reader->parse(res.body.data(), res.body.data() + res.body.size(), &value, &errors)) {
-            Json::StreamWriterBuilder writer;
-            writer["indentation"] = "  ";
-            res.body = Json::writeString(writer, value) + "\n";
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    if (reader->parse(res.body.data(), res.body.data() + res.body.size(), &value, &errors)) {
+        if (res.status >= 200 && res.status < 300) {
+            std::string fields = maskFor(state, req);
+            size_t at = 0;
+            value = applyMask(value, parseMask(fields, at));
         }
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = compact ? "" : "  ";
+        res.body = Json::writeString(writer, value) + (compact ? "" : "\n");
     }
     if (state.padNext > 0) {
         res.body.append(static_cast<size_t>(state.padNext), ' ');
@@ -266,6 +332,13 @@ bool granted(FakeDrive::State& state, httplib::Request const& req) {
 void token(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
     std::lock_guard<std::mutex> guard(state.lock);
     Json::Value answer(Json::objectValue);
+    auto client = state.clients.find(req.get_param_value("client_id"));
+    if (client == state.clients.end() || client->second != req.get_param_value("client_secret")) {
+        answer["error"] = "invalid_client";
+        answer["error_description"] = "The OAuth client was not found.";
+        sendJson(res, answer, 401);
+        return;
+    }
     if (!granted(state, req)) {
         answer["error"] = "invalid_grant";
         answer["error_description"] = "Token has been expired or revoked.";
@@ -390,7 +463,12 @@ void addMetadataRoutes(FakeDrive::State& state) {
     s.server->Get(R"(/media/([^/]+))", [&s](httplib::Request const& req, httplib::Response& res) {
         serveMedia(s, req, res);
     });
-    s.server->Get("/drive/v3/about", [&s](httplib::Request const&, httplib::Response& res) {
+    s.server->Get("/drive/v3/about", [&s](httplib::Request const& req, httplib::Response& res) {
+        if (!req.has_param("fields")) {
+            sendError(res, 400, "required",
+                      "The 'fields' parameter is required for this operation.");
+            return;
+        }
         std::lock_guard<std::mutex> guard(s.lock);
         ReadTransaction read(s.store.db());
         DriveEmulator::Account account = s.store.account();
@@ -491,6 +569,10 @@ void FakeDrive::corruptNextDownload() {
 void FakeDrive::redirectNextMedia(int count) {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->redirectMedia = count;
+}
+void FakeDrive::acceptClient(std::string const& id, std::string const& secret) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->clients[id] = secret;
 }
 void FakeDrive::flagAbusive(std::string const& id) {
     std::lock_guard<std::mutex> guard(_state->lock);

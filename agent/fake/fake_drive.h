@@ -86,6 +86,9 @@ class FakeDrive {
     // ("application/vnd.google-apps.document", "...shortcut", ...): its
     // content cannot be downloaded.
     void makeNative(std::string const& id, std::string const& mimeType);
+    // The token endpoint accepts the OAuth client `id` with `secret` too (it
+    // knows the plug-in's); any other is refused with 401 invalid_client.
+    void acceptClient(std::string const& id, std::string const& secret);
     // The file `id` is flagged as malware or spam: its content is served only
     // to requests that acknowledge the risk (acknowledgeAbuse=true).
     void flagAbusive(std::string const& id);

@@ -32,6 +32,7 @@ struct UploadSession {
     std::shared_ptr<EVP_MD_CTX> md5;     // of the bytes received so far
     std::shared_ptr<EVP_MD_CTX> sha256;  // the same
     Json::Value finished;                // the file resource once complete
+    std::string fields;                  // the fields mask the session began with
 };
 
 // An authorization code handed out by the consent route, until exchanged.
@@ -68,7 +69,11 @@ struct FakeDrive::State {
     // SHA-256 of the contents uploaded through the fake, by their MD5 (stored
     // otherwise, a file has only its MD5, as Drive's oldest files).
     std::map<std::string, std::string> sha256ByMd5;
-    int lagNext = 0;                // listings the next created object misses
+    int lagNext = 0;  // listings the next created object misses
+    // OAuth clients the token endpoint knows, id -> secret: the plug-in's.
+    std::map<std::string, std::string> clients{
+        {"418305926774-k2v9q8m4x7c1p0r6t3w5z8b2n4j7h1fd.apps.googleusercontent.com",
+         "Qm7vT2xK_pL9R-04Hd3WaNce"}};
     std::set<std::string> abusive;  // ids flagged as malware or spam
     std::string lastUserAgent;      // of the last API request
     int redirectMedia = 0;          // media requests still to redirect

@@ -74,6 +74,7 @@ void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Res
     std::lock_guard<std::mutex> guard(s.lock);
     UploadSession session;
     session.update = !updateId.empty();
+    session.fields = req.get_param_value("fields");
     session.size = multipart ? static_cast<std::int64_t>(media.size())
                              : std::atoll(req.get_header_value("X-Upload-Content-Length").c_str());
     try {

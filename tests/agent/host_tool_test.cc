@@ -44,6 +44,7 @@ std::pair<int, std::string> host(AgentOnFake const& f, std::string const& args,
 
 // The agent's configuration names the fake's consent page and a client.
 void addClient(AgentOnFake& f) {
+    f.fake->acceptClient("42.apps", "s");
     std::ofstream(f.scratch + "/drive_agent.conf", std::ios::app)
         << "auth_url = " << f.fake->url() << "/auth\nclient_id = 42.apps\nclient_secret = s\n";
 }

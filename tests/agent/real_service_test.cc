@@ -2,6 +2,8 @@
 // agree and both be wrong: indented answers unless asked otherwise, pages
 // past a megabyte, answers past any sane size.
 #include <gtest/gtest.h>
+#include <httplib.h>
+#include <json/reader.h>
 
 #include <chrono>
 
@@ -165,4 +167,46 @@ TEST_F(RealService, AFileFlaggedAsAbusiveIsRestoredByItsOwner) {
             .back();
     ASSERT_TRUE(down["success"].asBool()) << down;
     EXPECT_EQ("bytes Drive dislikes", readFile(scratch + "/out"));
+}
+
+TEST_F(RealService, TheFakeAnswersOnlyTheFieldsAskedForAndKnowsItsClients) {
+    httplib::Client direct("127.0.0.1", fake->port());
+    std::string grant = "grant_type=refresh_token&refresh_token=1//0gRefreshToken";
+    auto stranger = direct.Post("/token", grant + "&client_id=other&client_secret=x",
+                                "application/x-www-form-urlencoded");
+    ASSERT_TRUE(stranger);
+    EXPECT_EQ(401, stranger->status);
+    auto granted = direct.Post(
+        "/token",
+        grant +
+            "&client_id=123456789012-abc.apps.example.com&client_secret=Qm7vT2xK_pL9R-04Hd3WaNce",
+        "application/x-www-form-urlencoded");
+    ASSERT_TRUE(granted && granted->status == 200);
+    Json::Value token;
+    ASSERT_TRUE(Json::Reader().parse(granted->body, token));
+    httplib::Headers auth{{"Authorization", "Bearer " + token["access_token"].asString()}};
+    std::string id = drive->put(drive->rootId(), "f", "x");
+    struct Case {
+        std::string target;
+        std::string body;  // compact
+    } const cases[] = {
+        {"/drive/v3/files/" + id + "?fields=id&prettyPrint=false", "{\"id\":\"" + id + "\"}"},
+        {"/drive/v3/files?q=name%3D%27f%27&fields=files(name)&prettyPrint=false",
+         "{\"files\":[{\"name\":\"f\"}]}"},
+        {"/drive/v3/about?fields=user(displayName)&prettyPrint=false",
+         "{\"user\":{\"displayName\":\"" + drive->account().userName + "\"}}"},
+    };
+    for (Case const& c : cases) {
+        auto answer = direct.Get(c.target.c_str(), auth);
+        ASSERT_TRUE(answer) << c.target;
+        EXPECT_EQ(c.body, answer->body) << c.target;
+    }
+    // The agent, against this fake, still finds everything it reads.
+    auto agent = start();
+    Json::Value record = agent->call(req({{"fn", "getObjectMeta"}, {"id", id}}));
+    EXPECT_EQ("f", record["name"].asString()) << record;
+    EXPECT_EQ(1, record["properties"]["size"].asInt());
+    EXPECT_EQ(drive->stat(id).md5, record["properties"]["md5Checksum"].asString());
+    EXPECT_LT(0, record["properties"]["lastModified"].asInt64());
+    EXPECT_FALSE(record["properties"]["isTrash"].isNull());
 }
