@@ -53,7 +53,11 @@ char const* meaningOf(int engineCode) {
         case ERR_REMOTE_TIMEOUT:
             return "request timed out, retries spent";
         case ERR_CREDENTIALS:
-            return "credentials refused";
+            // The most common cause with a client of one's own: Google expires
+            // the refresh tokens of a client still in "Testing" status weekly.
+            return "credentials refused (run gdrive_host authorize again; a refresh token of an "
+                   "OAuth client in \"Testing\" status expires after 7 days: see README, "
+                   "\"Using a real Google Drive account\")";
         default:
             return "unknown error";
     }

@@ -160,7 +160,10 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         {none, {"copy", path("nothing"), "x"}, 3, "No such file"},
         {none, {"get", "x", path("missing/x")}, 3, "local folder"},
         {DriveEmulator::Fault::fail("*", 408).always(), {"ls"}, 5, "error 2104"},
-        {DriveEmulator::Fault::fail("*", 401).always(), {"about"}, 7, "credentials refused"},
+        {DriveEmulator::Fault::fail("*", 401).always(),
+         {"about"},
+         7,
+         "status expires after 7 days"},
         {DriveEmulator::Fault::fail("uploadFile", 403,
                                     "The user's Drive storage quota has been exceeded.")
              .always(),
