@@ -309,14 +309,18 @@ void consent(FakeDrive::State& state, httplib::Request const& req, httplib::Resp
     }
     std::lock_guard<std::mutex> guard(state.lock);
     std::string code = "4/0fake-" + DriveEmulator::randomToken(24);
-    state.codes[code] = AuthCode{param("code_challenge"), redirect};
+    // Google hands out a refresh token on the first consent of a client, and
+    // on a later one only when the request insists (prompt=consent).
+    bool first = state.consented.insert(param("client_id")).second;
+    state.codes[code] =
+        AuthCode{param("code_challenge"), redirect, first || param("prompt") == "consent"};
     res.set_redirect(redirect + "?state=" + httplib::detail::encode_query_param(param("state")) +
                      "&code=" + httplib::detail::encode_query_param(code));
 }
 
 // True when the request's grant is good: the refresh token, or an unused
 // authorization code with its verifier and redirect_uri.
-bool granted(FakeDrive::State& state, httplib::Request const& req) {
+bool granted(FakeDrive::State& state, httplib::Request const& req, bool& refreshToken) {
     std::string grant = req.get_param_value("grant_type");
     if (grant == "refresh_token")
         return !state.revoked && req.get_param_value("refresh_token") == state.refreshToken;
@@ -325,6 +329,7 @@ bool granted(FakeDrive::State& state, httplib::Request const& req) {
     if (found == state.codes.end()) return false;
     AuthCode code = found->second;
     state.codes.erase(found);  // one use, whatever the outcome
+    refreshToken = code.refreshToken;
     return code.redirectUri == req.get_param_value("redirect_uri") &&
            code.challenge == s256(req.get_param_value("code_verifier"));
 }
@@ -339,7 +344,8 @@ void token(FakeDrive::State& state, httplib::Request const& req, httplib::Respon
         sendJson(res, answer, 401);
         return;
     }
-    if (!granted(state, req)) {
+    bool refreshToken = false;
+    if (!granted(state, req, refreshToken)) {
         answer["error"] = "invalid_grant";
         answer["error_description"] = "Token has been expired or revoked.";
         sendJson(res, answer, 400);
@@ -351,8 +357,7 @@ void token(FakeDrive::State& state, httplib::Request const& req, httplib::Respon
     answer["access_token"] = token;
     answer["expires_in"] = state.tokenLife;
     answer["token_type"] = "Bearer";
-    if (req.get_param_value("grant_type") == "authorization_code")
-        answer["refresh_token"] = state.refreshToken;
+    if (refreshToken) answer["refresh_token"] = state.refreshToken;
     sendJson(res, answer);
 }
 

@@ -37,8 +37,9 @@ struct UploadSession {
 
 // An authorization code handed out by the consent route, until exchanged.
 struct AuthCode {
-    std::string challenge;    // S256 of the verifier that must come with it
-    std::string redirectUri;  // the exchange must name the same one
+    std::string challenge;     // S256 of the verifier that must come with it
+    std::string redirectUri;   // the exchange must name the same one
+    bool refreshToken = true;  // its exchange hands out a refresh token
 };
 
 struct FakeDrive::State {
@@ -74,10 +75,11 @@ struct FakeDrive::State {
     std::map<std::string, std::string> clients{
         {"418305926774-k2v9q8m4x7c1p0r6t3w5z8b2n4j7h1fd.apps.googleusercontent.com",
          "Qm7vT2xK_pL9R-04Hd3WaNce"}};
-    std::set<std::string> abusive;  // ids flagged as malware or spam
-    std::string lastUserAgent;      // of the last API request
-    int redirectMedia = 0;          // media requests still to redirect
-    std::int64_t padNext = 0;       // blanks after the next JSON answer
+    std::set<std::string> consented;  // clients the account granted access before
+    std::set<std::string> abusive;    // ids flagged as malware or spam
+    std::string lastUserAgent;        // of the last API request
+    int redirectMedia = 0;            // media requests still to redirect
+    std::int64_t padNext = 0;         // blanks after the next JSON answer
     // Google-native objects (Docs, shortcuts, ...) by id: their MIME type.
     std::map<std::string, std::string> nativeTypes;
     bool stopping = false;

@@ -110,6 +110,14 @@ TEST(HostTool, AuthorizeStoresTheRefreshTokenForTheNextCommands) {
     std::string profile = f.scratch + "/profile";
     addClient(f);
     writeFile(profile, "# mine\ncontainer = \"Mine\"\nrefresh_token = \"b2xk\"\n");
+    // The account consented to this client before: Google hands out a new
+    // refresh token only to a request that asks for consent again.
+    httplib::Client earlier("127.0.0.1", f.fake->port());
+    auto before = earlier.Get(
+        "/auth?response_type=code&client_id=42.apps&redirect_uri=http://127.0.0.1:9/&scope="
+        "https%3A%2F%2Fwww.googleapis.com%2Fauth%2Fdrive&access_type=offline&"
+        "code_challenge_method=S256&code_challenge=abc&state=s");
+    ASSERT_TRUE(before && before->status == 302);
     Authorize run(f, profile);
     ASSERT_FALSE(run.url.empty()) << run.output;
     // The browser: the consent page sends it back with a code.
