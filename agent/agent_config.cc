@@ -66,6 +66,7 @@ std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConf
         return v ? std::string(v) : std::string();
     };
     config.clientId = value("GOOGLEDRIVE_CLIENT_ID");
+    config.userAgent = value("TAVO_USER_AGENT");
     config.clientSecret = value("GOOGLEDRIVE_CLIENT_SECRET");
     config.refreshToken = decodeBase64(value("GOOGLEDRIVE_REFRESH_TOKEN"));
     config.accessToken = value("GOOGLEDRIVE_ACCESS_TOKEN");

@@ -19,6 +19,7 @@ struct AgentConfig {
     std::string clientSecret;
     std::string refreshToken;  // decoded
     std::string accessToken;   // may be empty
+    std::string userAgent;     // TAVO_USER_AGENT of the handshake, sent with every request
     long stallSeconds = 60;    // a connection that moves nothing this long is given up
 };
 

@@ -10,6 +10,7 @@
 
 #include "agent_failure.h"
 #include "background_digest.h"
+#include "drive_errors.h"
 #include "protocol_out.h"
 
 namespace DriveAgent {
@@ -93,9 +94,13 @@ Json::Value downloadContent(DriveApi& api, std::string const& id, std::string co
     std::string const fields = std::string(kFileFields) + ",sha256Checksum";
     Json::Value file = api.call(
         api.api("GET", path, "fields=" + api.http().escape(fields) + "&supportsAllDrives=true"));
-    if (file.get("mimeType", "").asString() == "application/vnd.google-apps.folder") {
+    std::string const mimeType = file.get("mimeType", "").asString();
+    if (mimeType == "application/vnd.google-apps.folder") {
         throw AgentFailure(403, "Only files with binary content can be downloaded.");
     }
+    // A 403 with words other than a rate limit's: the plug-in does not retry it.
+    std::string const why = notDownloadable(mimeType);
+    if (!why.empty()) throw AgentFailure(403, why);
     std::int64_t const size = std::atoll(file.get("size", "0").asString().c_str());
     std::string expected = file.get("sha256Checksum", "").asString();
     EVP_MD const* md = EVP_sha256();
@@ -108,7 +113,9 @@ Json::Value downloadContent(DriveApi& api, std::string const& id, std::string co
     int stalled = 0;
     while (output.written() < size) {
         std::int64_t before = output.written();
-        HttpRequest request = api.api("GET", path, "alt=media&supportsAllDrives=true");
+        // The owner of a file Drive flagged as malware or spam may still have it.
+        HttpRequest request =
+            api.api("GET", path, "alt=media&acknowledgeAbuse=true&supportsAllDrives=true");
         request.headers.push_back("Range: bytes=" + std::to_string(before) + "-");
         bool first = true;
         request.sink = [&](char const* data, size_t n, HttpResponse const& answer) {
@@ -131,14 +138,18 @@ Json::Value downloadContent(DriveApi& api, std::string const& id, std::string co
             errno = output.writeErrno();
             localFailure(outputPath);
         }
-        if (!response.transportFailed() && (response.status < 200 || response.status >= 300)) {
-            api.fail(response);
-        }
+        bool const answered =
+            !response.transportFailed() && response.status >= 200 && response.status < 300;
+        // A 5xx, 429 or rate limit passes: the download goes on from the bytes
+        // it has, instead of the plug-in's retry starting it again from 0.
+        if (!answered && !isPassing(response)) api.fail(response);
         if (output.written() > before) {
             stalled = 0;
         } else if (++stalled >= kStalledAttempts) {
-            if (response.transportFailed()) api.fail(response);
+            if (!answered) api.fail(response);
             throw AgentFailure(kTransportFailure, "the download makes no progress");
+        } else if (!answered) {
+            pauseBeforeResume(response, stalled);
         }
     }
     output.close();

@@ -45,8 +45,14 @@ class DriveApi {
 };
 
 // The protocol's object record ({"id", "name", "parents", "properties": {...}})
-// of a Drive file resource. The root (no parents) carries no name.
+// of a Drive file resource. The root (no parents) carries no name. A
+// Google-native object other than a folder (a Doc, a shortcut, ...) has no
+// stored bytes: it is reported with size 0 and no MD5, which no stored file has.
 Json::Value objectRecord(Json::Value const& file);
+
+// Why a file resource of `mimeType` cannot be downloaded, in words ("a
+// Google Docs file: no stored bytes to download"); empty for stored files.
+std::string notDownloadable(std::string const& mimeType);
 
 // Seconds since the epoch of an RFC 3339 time ("2024-01-02T03:04:05.678Z").
 long long parseRfc3339(std::string const& text);

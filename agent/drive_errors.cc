@@ -2,12 +2,16 @@
 
 #include <json/reader.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <thread>
 
 namespace DriveAgent {
 
 char const* const kQuotaMessage = "The user's Drive storage quota has been exceeded.";
+char const* const kDailyLimitMessage = "Drive's daily upload limit reached; run again tomorrow";
 
 namespace {
 
@@ -50,6 +54,18 @@ std::string statusText(long status) {
     }
 }
 
+// Drive words its daily upload limit (about 750 GB) as a user rate limit, in
+// a sentence of its own: lower case with a period, where the per-user request
+// rate limit is "User Rate Limit Exceeded" followed by advice on quotas.
+bool isDailyLimit(std::string const& reason, std::string const& message) {
+    return reason == "userRateLimitExceeded" && message == "User rate limit exceeded.";
+}
+
+std::string messageOf(Json::Value const& body) {
+    Json::Value const& message = body["error"]["message"];
+    return message.isString() ? message.asString() : "";
+}
+
 }  // namespace
 
 AgentFailure driveFailure(long status, std::string const& body) {
@@ -65,11 +81,14 @@ AgentFailure driveFailure(long status, std::string const& body) {
     }
     int code = static_cast<int>(status);
     if (code == 429) return AgentFailure(429, message.empty() ? statusText(429) : message);
+    if (isDailyLimit(reason, message)) return AgentFailure(403, kDailyLimitMessage);
     if (reason == "userRateLimitExceeded") return AgentFailure(403, "User Rate Limit Exceeded");
-    if (reason == "rateLimitExceeded" || reason == "sharingRateLimitExceeded") {
+    // quotaExceeded is an API usage quota of the project, not a full account.
+    if (reason == "rateLimitExceeded" || reason == "sharingRateLimitExceeded" ||
+        reason == "quotaExceeded") {
         return AgentFailure(403, "Rate Limit Exceeded");
     }
-    if (reason == "storageQuotaExceeded" || reason == "quotaExceeded") {
+    if (reason == "storageQuotaExceeded") {
         return AgentFailure(403, kQuotaMessage);
     }
     if (code == 401) return AgentFailure(401, "Invalid Credentials");
@@ -87,7 +106,50 @@ AgentFailure tokenFailure(long status, std::string const& body) {
 }
 
 AgentFailure transportFailure(HttpResponse const& response) {
+    if (response.bodyTooLarge) {
+        return AgentFailure(kAnswerTooLarge, "the service's answer is larger than " +
+                                                 std::to_string(kMaxAnswerBody >> 20) +
+                                                 " MiB; it was not read");
+    }
+    if (isTlsRefusal(response.curlCode)) {
+        return AgentFailure(kTlsRefused,
+                            "the service's TLS certificate was refused (an intercepting proxy, or "
+                            "a wrong clock on this machine?): " +
+                                response.error);
+    }
     return AgentFailure(kTransportFailure, "connection failed: " + response.error);
+}
+
+std::string reasonOf(std::string const& body) {
+    Json::Value const parsed = parseBody(body);
+    Json::Value const& errors = parsed["error"]["errors"];
+    if (!errors.isArray() || errors.empty() || !errors[0].isObject()) return "";
+    Json::Value const& reason = errors[0]["reason"];
+    return reason.isString() ? reason.asString() : "";
+}
+
+bool isPassing(HttpResponse const& response) {
+    if (response.transportFailed())
+        return !response.bodyTooLarge && !isTlsRefusal(response.curlCode);
+    long status = response.status;
+    if (status == 408 || status == 429 || (status >= 500 && status <= 599)) return true;
+    if (status != 403) return false;
+    std::string reason = reasonOf(response.body);
+    if (isDailyLimit(reason, messageOf(parseBody(response.body)))) return false;
+    return reason == "rateLimitExceeded" || reason == "userRateLimitExceeded" ||
+           reason == "quotaExceeded";
+}
+
+void pauseBeforeResume(HttpResponse const& response, int attempt) {
+    long asked = std::min(retryAfterSeconds(response), 120L);
+    if (asked > 0) {
+        std::this_thread::sleep_for(std::chrono::seconds(asked));
+        return;
+    }
+    char const* unitText = std::getenv("TAVO_AGENT_PAUSE_UNIT_MS");
+    long unit = unitText && *unitText ? std::strtol(unitText, nullptr, 10) : 1000;
+    long units = 1L << std::min(std::max(attempt - 1, 0), 5);
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::max(0L, unit) * units));
 }
 
 long retryAfterSeconds(HttpResponse const& response) {

@@ -9,8 +9,6 @@ namespace DriveAgent {
 
 namespace {
 
-constexpr size_t kKeptBody = 1 << 20;
-
 struct Exchange {
     HttpRequest const* request;
     HttpResponse* response;
@@ -45,7 +43,11 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
         return exchange->request->sink(data, n, response) ? n : 0;
     }
     std::string& body = exchange->response->body;
-    body.append(data, std::min(n, kKeptBody - std::min(kKeptBody, body.size())));
+    if (n > kMaxAnswerBody - body.size()) {
+        response.bodyTooLarge = true;
+        return 0;  // stops the transfer: a cut body must never pass for the whole one
+    }
+    body.append(data, n);
     return n;
 }
 
@@ -81,8 +83,25 @@ bool isLoopbackUrl(std::string const& url) {
     return false;
 }
 
-Http::Http(std::string const& caFile, long stallSeconds)
-    : _curl(curl_easy_init()), _ca_file(caFile), _stall_seconds(stallSeconds) {}
+Http::Http(std::string const& caFile, long stallSeconds, std::string const& userAgent)
+    : _curl(curl_easy_init()),
+      _ca_file(caFile),
+      _stall_seconds(stallSeconds),
+      _user_agent(userAgent) {}
+
+bool isTlsRefusal(CURLcode code) {
+    switch (code) {
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        case CURLE_SSL_INVALIDCERTSTATUS:
+            return true;
+        default:
+            return false;
+    }
+}
 
 Http::~Http() { curl_easy_cleanup(_curl); }
 
@@ -109,6 +128,7 @@ HttpResponse Http::perform(HttpRequest const& request) {
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errors);
     curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, 30L);
+    if (!_user_agent.empty()) curl_easy_setopt(c, CURLOPT_USERAGENT, _user_agent.c_str());
     // Large pieces: fewer callbacks (each writes, hashes and counts) per byte.
     curl_easy_setopt(c, CURLOPT_BUFFERSIZE, 512L << 10);
     curl_easy_setopt(c, CURLOPT_UPLOAD_BUFFERSIZE, 512L << 10);
@@ -117,6 +137,15 @@ HttpResponse Http::perform(HttpRequest const& request) {
     // Never a test CA for a host on the network: only the loopback fake uses one.
     if (!_ca_file.empty() && isLoopbackUrl(request.url)) {
         curl_easy_setopt(c, CURLOPT_CAINFO, _ca_file.c_str());
+    }
+    if (request.sink) {
+        // Content may be served from another host. libcurl sends our
+        // Authorization header to the first host only (CURLOPT_UNRESTRICTED_AUTH
+        // stays off), and never follows to plain http outside loopback.
+        curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(c, CURLOPT_MAXREDIRS, 5L);
+        curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR,
+                         isLoopbackUrl(request.url) ? "http,https" : "https");
     }
     curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, onHeader);
     curl_easy_setopt(c, CURLOPT_HEADERDATA, &exchange);

@@ -13,6 +13,10 @@
 
 namespace DriveAgent {
 
+// The largest answer body kept in memory. A page of 1,000 objects with long
+// names stays far below it; anything past it is no answer Drive gives.
+constexpr size_t kMaxAnswerBody = size_t{64} << 20;
+
 struct HttpRequest {
     std::string method = "GET";
     std::string url;
@@ -32,7 +36,10 @@ struct HttpRequest {
 struct HttpResponse {
     long status = 0;                             // 0 when no answer came
     std::map<std::string, std::string> headers;  // names in lower case
-    std::string body;  // the body unless a sink took it (at most 1 MiB kept)
+    std::string body;                            // the body unless a sink took it
+    // The body passed kMaxAnswerBody: the exchange was stopped there (the
+    // transfer fails) rather than keep a cut body that parses as nothing.
+    bool bodyTooLarge = false;
     CURLcode curlCode = CURLE_OK;
     std::string error;  // libcurl's reason when curlCode is not CURLE_OK
 
@@ -45,7 +52,8 @@ class Http {
     // `caFile`: extra trust anchors for loopback hosts only (tests); empty for
     // the system's. `stallSeconds`: a connection that moves nothing for that
     // long is given up.
-    Http(std::string const& caFile, long stallSeconds);
+    // `userAgent`: the User-Agent header of every request (none when empty).
+    Http(std::string const& caFile, long stallSeconds, std::string const& userAgent = "");
     ~Http();
     Http(Http const&) = delete;
     Http& operator=(Http const&) = delete;
@@ -60,7 +68,12 @@ class Http {
     CURL* _curl;
     std::string _ca_file;
     long _stall_seconds;
+    std::string _user_agent;
 };
+
+// True when `code` says the peer's TLS certificate or our trust store was
+// refused: an intercepting proxy or a wrong clock, which no retry mends.
+bool isTlsRefusal(CURLcode code);
 
 // True for URLs whose host is 127.0.0.1, [::1] or localhost.
 bool isLoopbackUrl(std::string const& url);

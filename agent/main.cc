@@ -19,9 +19,9 @@
 #include "auth.h"
 #include "download.h"
 #include "drive_api.h"
+#include "handshake.h"
 #include "protocol_out.h"
 #include "requests.h"
-#include "startup.h"
 #include "upload.h"
 
 using namespace DriveAgent;
@@ -57,7 +57,7 @@ Json::Value failure(int code, std::string const& message) {
 class Agent {
   public:
     Agent(AgentConfig const& config, int out)
-        : _http(config.caFile, config.stallSeconds),
+        : _http(config.caFile, config.stallSeconds, config.userAgent),
           _tokens(_http, config),
           _api(_http, _tokens, config),
           _ids(_api),
@@ -137,10 +137,10 @@ int main(int argc, char** argv) {
         if (nowhere < 0 || ::dup2(nowhere, STDOUT_FILENO) < 0) return 1;
     }
 
-    DriveEmulator::EnvLookup env = [](char const* name) -> char const* {
+    AgentHandshake::EnvLookup env = [](char const* name) -> char const* {
         return std::getenv(name);
     };
-    std::string problem = DriveEmulator::environmentProblem(env);
+    std::string problem = AgentHandshake::environmentProblem(env);
     AgentConfig config;
     if (problem.empty()) problem = loadConfig(argc > 0 ? argv[0] : "", env, config);
     if (!problem.empty()) {

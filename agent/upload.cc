@@ -59,6 +59,11 @@ class Session {
     std::string const& createdId() const { return _new_id; }
 
   private:
+    // The first request of an upload of `uploadType` to the target, with its
+    // metadata as the JSON body.
+    HttpRequest startRequest(std::string const& uploadType);
+    // An empty file created or updated in one request.
+    Json::Value sendEmpty();
     void open();
     HttpResponse sendChunk();
     HttpResponse queryStatus();
@@ -81,7 +86,7 @@ class Session {
     std::int64_t _offset = 0;
 };
 
-void Session::open() {
+HttpRequest Session::startRequest(std::string const& uploadType) {
     Json::Value meta(Json::objectValue);
     std::string path = "files";
     std::string method = "POST";
@@ -97,8 +102,28 @@ void Session::open() {
     }
     HttpRequest request = _api.apiJson(method, path, "", meta);
     request.url =
-        _api.config().apiUrl + "/upload/drive/v3/" + path +
-        "?uploadType=resumable&supportsAllDrives=true&fields=" + _api.http().escape(kFileFields);
+        _api.config().apiUrl + "/upload/drive/v3/" + path + "?uploadType=" + uploadType +
+        "&supportsAllDrives=true&prettyPrint=false&fields=" + _api.http().escape(kFileFields);
+    return request;
+}
+
+Json::Value Session::sendEmpty() {
+    // Drive's multipart upload: the metadata and an empty content part, in
+    // one request. (A resumable session would have to be finished with
+    // "bytes */0", which is the form of a status query.)
+    HttpRequest request = startRequest("multipart");
+    char const* const boundary = "tavo_empty_content_boundary";
+    request.headers = {std::string("Content-Type: multipart/related; boundary=") + boundary};
+    request.body = std::string("--") + boundary +
+                   "\r\nContent-Type: application/json; charset=UTF-8\r\n\r\n" + request.body +
+                   "\r\n--" + boundary +
+                   "\r\nContent-Type: application/octet-stream\r\n\r\n\r\n--" + boundary + "--\r\n";
+    return _api.call(request);
+}
+
+void Session::open() {
+    bool const create = _target.id.empty() && !_made_before;
+    HttpRequest request = startRequest("resumable");
     request.headers.push_back("X-Upload-Content-Length: " + std::to_string(_size));
     HttpResponse response = _api.exchange(request);
     if (response.transportFailed()) response = _api.exchange(request);
@@ -112,6 +137,7 @@ void Session::open() {
     if (response.transportFailed() || response.status != 200) _api.fail(response);
     _url = response.header("location");
     if (_url.empty()) throw AgentFailure(kTransportFailure, "the service gave no upload session");
+    _url += (_url.find('?') == std::string::npos ? "?" : "&") + std::string("prettyPrint=false");
     _offset = 0;
 }
 
@@ -127,10 +153,8 @@ HttpResponse Session::sendChunk() {
         _md5.add(data, n, offset);
         _progress.reached(offset + static_cast<std::int64_t>(n));
     };
-    request.headers.push_back(length > 0 ? "Content-Range: bytes " + std::to_string(_offset) + "-" +
-                                               std::to_string(_offset + length - 1) + "/" +
-                                               std::to_string(_size)
-                                         : "Content-Range: bytes */" + std::to_string(_size));
+    request.headers.push_back("Content-Range: bytes " + std::to_string(_offset) + "-" +
+                              std::to_string(_offset + length - 1) + "/" + std::to_string(_size));
     return _api.exchange(request);
 }
 
@@ -160,17 +184,21 @@ Json::Value Session::storedUnderNewId() {
 }
 
 Json::Value Session::run() {
+    if (_size == 0) return sendEmpty();
     open();
     int stalled = 0;
     int restarts = 0;
     for (;;) {
         std::int64_t before = _offset;
         HttpResponse response = sendChunk();
-        // A dropped connection or a failing server mid-chunk: only the
-        // status query tells what the service kept.
-        while ((response.transportFailed() || response.status >= 500) &&
-               stalled < kStalledAttempts) {
+        // A dropped connection, a failing server or a rate limit mid-chunk:
+        // the session stays valid, and its status query tells what the
+        // service kept. A cut connection is asked at once; an answer that
+        // asks for patience, and every further query, after a pause.
+        for (int queries = 0; isPassing(response) && stalled < kStalledAttempts; ++queries) {
             ++stalled;
+            if (queries > 0 || !response.transportFailed())
+                pauseBeforeResume(response, queries + 1);
             response = queryStatus();
         }
         if (response.status == 200 || response.status == 201) return parseJson(response.body);

@@ -48,6 +48,7 @@ struct Setup {
         drive =
             std::make_unique<DriveEmulator::Drive>(DriveEmulator::Drive::init(folder + "/data"));
         fake = std::make_unique<DriveFake::FakeDrive>(folder + "/data");
+        fake->acceptClient("bench", "bench");
         input = folder + "/input";
         std::mt19937_64 random(1);
         std::vector<std::uint64_t> block(1 << 17);

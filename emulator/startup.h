@@ -1,25 +1,17 @@
 // What the emulator checks before it says "start": the environment the
-// plug-in hands the drive agent, and where the account's data folder is.
+// plug-in hands the drive agent (handshake.h, shared with drive_agent), and
+// where the account's data folder is.
 #pragma once
 
-#include <functional>
 #include <string>
+
+#include "handshake.h"
 
 namespace DriveEmulator {
 
-using EnvLookup = std::function<char const*(char const* name)>;
-
-// True for text in the standard or URL-safe base64 alphabet with correct
-// padding (at most two '=' at the end, completing a group of four) and a
-// length that some byte string encodes to. The empty text is not accepted: a
-// refresh token cannot be empty.
-bool isValidBase64(std::string const& text);
-
-// Empty when the environment is acceptable; otherwise the one-line reason the
-// emulator writes instead of "start". A refresh token that is not base64
-// gives "GOOGLEDRIVE_REFRESH_TOKEN is not a valid base64 string". The values
-// of the tokens never appear in the reason.
-std::string environmentProblem(EnvLookup const& env);
+using AgentHandshake::environmentProblem;
+using AgentHandshake::EnvLookup;
+using AgentHandshake::isValidBase64;
 
 // The data folder: $DRIVE_EMULATOR_DATA; else the first line of
 // "drive_emulator.conf" in the folder of `argv0` (the path the program was

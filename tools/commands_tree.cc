@@ -123,6 +123,10 @@ CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap 
         }
         if (entry.isFolder) {
             if (!present) plan.folders.push_back(entry.rpath);
+        } else if (present && hasNoStoredBytes(found->second)) {
+            // A Doc or a shortcut of the same name: nothing to compare, and
+            // overwriting it would destroy what the person made in Drive.
+            skipNoStoredBytes("copy", entry.rpath, report);
         } else if (present && sameContent(localTop + "/" + entry.rpath, entry.size, found->second,
                                           hashes ? hashes->md5(entry.rpath) : nullptr)) {
             FileOutcome unchanged;
@@ -435,7 +439,7 @@ int runRestore(Session& s) {
     }
     int64_t bytes = 0, files = 0;
     for (auto const& [rpath, info] : remote) {
-        if (!info.isDirType()) bytes += info.getSize(), ++files;
+        if (!info.isDirType() && !hasNoStoredBytes(info)) bytes += info.getSize(), ++files;
     }
     if (!makeLocalFolders(localTop)) {
         // As copy from a file: the wrong kind of local path is a usage error.
@@ -458,6 +462,10 @@ int runRestore(Session& s) {
                     rpath + "/", std::string("cannot create the folder: ") + strerror(errno),
                     kExitError));
             }
+            continue;
+        }
+        if (hasNoStoredBytes(info)) {
+            skipNoStoredBytes("restore", rpath, report);
             continue;
         }
         std::string folder = local.substr(0, local.find_last_of('/'));
@@ -501,6 +509,11 @@ int runCheck(Session& s) {
             continue;
         }
         FileInfo const& other = found->second;
+        if (!entry.isFolder && hasNoStoredBytes(other)) {
+            skipNoStoredBytes("check", entry.rpath, report);
+            remote.erase(found);
+            continue;
+        }
         std::string md5;
         if (!entry.isFolder && !other.isDirType() && other.getSize() == entry.size) {
             // A file that cannot be read was not compared: no difference found.
@@ -520,6 +533,10 @@ int runCheck(Session& s) {
         remote.erase(found);
     }
     for (auto const& rest : remote) {
+        if (hasNoStoredBytes(rest.second)) {
+            skipNoStoredBytes("check", rest.first, report);
+            continue;
+        }
         // What an unreadable folder holds is unknown, not missing.
         if (!withinAny(rest.first, tree.unreadable) && !withinAny(rest.first, tree.unknown))
             missingLocal.append(rest.first);

@@ -12,6 +12,8 @@ namespace gdhost {
 
 using namespace TAVO::Backup;
 
+char const* const kDailyUploadLimit = "Drive's daily upload limit reached; run again tomorrow";
+
 char const* meaningOf(int engineCode) {
     switch (engineCode) {
         case ERR_NONE:
@@ -53,7 +55,11 @@ char const* meaningOf(int engineCode) {
         case ERR_REMOTE_TIMEOUT:
             return "request timed out, retries spent";
         case ERR_CREDENTIALS:
-            return "credentials refused";
+            // The most common cause with a client of one's own: Google expires
+            // the refresh tokens of a client still in "Testing" status weekly.
+            return "credentials refused (run gdrive_host authorize again; a refresh token of an "
+                   "OAuth client in \"Testing\" status expires after 7 days: see README, "
+                   "\"Using a real Google Drive account\")";
         default:
             return "unknown error";
     }
@@ -99,9 +105,6 @@ Failure describeFailure(int engineCode, Wanted wanted) {
     } else if (engineCode == ERR_GENERAL) {
         failure.words += " (see the log with -v)";
     }
-    if (engineCode == ERR_CREDENTIALS)
-        failure.words +=
-            "; a revoked or expired refresh token: gdrive_host authorize gets a new one";
     failure.exitCode = exitCodeFor(engineCode, wanted, reason.serviceCode);
     // The drive agent writes downloads itself, and its full disk reaches the
     // engine as a general failure: only its words tell it.
@@ -110,6 +113,14 @@ Failure describeFailure(int engineCode, Wanted wanted) {
         (engineCode == ERR_GENERAL && reason.text.find(strerror(ENOSPC)) != std::string::npos);
     failure.stopsRun = engineCode == ERR_CREDENTIALS || engineCode == ERR_REMOTE_QUOTA ||
                        diskFull || failure.exitCode == kExitCanceled;
+    // The plug-in maps it as any refusal; every further upload today would
+    // meet it too.
+    if (engineCode == ERR_REMOTE_REFUSED &&
+        reason.text.find(kDailyUploadLimit) != std::string::npos) {
+        failure.words = kDailyUploadLimit;
+        failure.exitCode = kExitFatal;
+        failure.stopsRun = true;
+    }
     return failure;
 }
 

@@ -40,6 +40,10 @@ struct Failure {
     bool stopsRun = false;
 };
 
+// What the drive agent says when Drive's daily upload allowance is spent;
+// the run stops on it with kExitFatal.
+extern char const* const kDailyUploadLimit;
+
 // Describes the failure of the operation begun last on this thread
 // (beginOperation()): `engineCode` and the reason the plug-in logged.
 Failure describeFailure(int engineCode, Wanted wanted);

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <cstdio>
+
 #include "backup/error.h"
 #include "interrupt.h"
 #include "plugin_log.h"
@@ -77,6 +79,21 @@ bool sameContent(std::string const& local, int64_t size, FileInfo const& remote,
                  std::string const* localMd5) {
     return !remote.isDirType() && remote.getSize() == size &&
            remote.getChecksum() == (localMd5 ? *localMd5 : fileMd5(local));
+}
+
+bool hasNoStoredBytes(FileInfo const& remote) {
+    return !remote.isDirType() && remote.getChecksum().empty();
+}
+
+void skipNoStoredBytes(char const* command, std::string const& path, RunReport& report) {
+    fprintf(stderr,
+            "gdrive_host: %s: skipped %s (a Google Docs, Sheets or Slides file, a shortcut or "
+            "another Google-native object: no stored bytes)\n",
+            command, path.c_str());
+    FileOutcome skipped;
+    skipped.kind = FileOutcome::kSkipped;
+    skipped.path = path;
+    report.add(skipped);
 }
 
 }  // namespace gdhost

@@ -34,6 +34,15 @@ FileOutcome receiveTreeFile(TAVO::Backup::TransferAgent& agent, std::string cons
 bool sameContent(std::string const& local, int64_t size, TAVO::Backup::FileInfo const& remote,
                  std::string const* localMd5 = nullptr);
 
+// True for a remote file with no stored bytes (a Google Docs, Sheets or
+// Slides file, a shortcut, ...): the drive agent reports those without an
+// MD5, which every stored file has. They are neither compared nor fetched.
+bool hasNoStoredBytes(TAVO::Backup::FileInfo const& remote);
+
+// Prints "gdrive_host: COMMAND: skipped PATH (...)" for such a file and
+// counts it as skipped in `report`.
+void skipNoStoredBytes(char const* command, std::string const& path, RunReport& report);
+
 // The mode of a new file under the umask the tool started with (0666 & ~umask).
 mode_t newFileMode();
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <map>
 
 #include "content_copy.h"
 #include "fake_state.h"
@@ -64,17 +65,28 @@ void sendModelError(httplib::Response& res, Error const& error) {
     }
 }
 
-Json::Value fileResource(Object const& object, std::string const& sha256) {
+std::string nativeTypeOf(FakeDrive::State& state, std::string const& id) {
+    auto found = state.nativeTypes.find(id);
+    return found == state.nativeTypes.end() ? "" : found->second;
+}
+
+Json::Value fileResource(Object const& object, std::string const& sha256,
+                         std::string const& nativeType) {
     Json::Value file(Json::objectValue);
     file["kind"] = "drive#file";
     file["id"] = object.id;
     file["name"] = object.name;
-    file["mimeType"] =
-        object.isDir ? "application/vnd.google-apps.folder" : "application/octet-stream";
+    file["mimeType"] = !nativeType.empty() ? nativeType
+                       : object.isDir      ? "application/vnd.google-apps.folder"
+                                           : "application/octet-stream";
     if (!object.parents.empty()) {
         for (auto const& parent : object.parents) file["parents"].append(parent);
     }
-    if (!object.isDir) {
+    if (!nativeType.empty()) {
+        // Editor files report a size but have no stored bytes; shortcuts neither.
+        if (nativeType != "application/vnd.google-apps.shortcut")
+            file["size"] = std::to_string(object.size);
+    } else if (!object.isDir) {
         file["size"] = std::to_string(object.size);
         file["md5Checksum"] = object.md5;
         if (!sha256.empty()) file["sha256Checksum"] = sha256;
@@ -126,7 +138,12 @@ std::optional<FailRule> firedRule(FakeDrive::State& state, httplib::Request cons
     for (auto it = state.failures.begin(); it != state.failures.end(); ++it) {
         if (what.find(it->match) == std::string::npos && method != it->match) continue;
         if (it->afterCommit != committed) continue;
+        if (it->after > 0) {
+            --it->after;
+            return std::nullopt;
+        }
         FailRule rule = *it;
+        if (rule.delayMs == 0) ++state.counters.failuresServed;
         if (--it->times == 0) state.failures.erase(it);
         return rule;
     }
@@ -151,6 +168,8 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     std::unique_lock<std::mutex> guard(state.lock);
     if (auto rule = firedRule(state, req, false)) {
         if (rule->delayMs == 0) {
+            // httplib would cut the error body to the request's Range (416).
+            const_cast<httplib::Request&>(req).ranges.clear();
             sendRule(res, *rule);
             return httplib::Server::HandlerResponse::Handled;
         }
@@ -160,6 +179,13 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     }
     if (req.path == "/token" || req.path == "/auth")
         return httplib::Server::HandlerResponse::Unhandled;
+    if (req.path.rfind("/media/", 0) == 0) {
+        // A redirect's target, as Drive's content hosts: no token wanted.
+        ++state.counters.redirected;
+        if (req.has_header("Authorization")) ++state.counters.leakedTokens;
+        return httplib::Server::HandlerResponse::Unhandled;
+    }
+    state.lastUserAgent = req.get_header_value("User-Agent");
     std::string auth = req.get_header_value("Authorization");
     std::string token = auth.rfind("Bearer ", 0) == 0 ? auth.substr(7) : "";
     auto found = state.tokens.find(token);
@@ -169,6 +195,98 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
         return httplib::Server::HandlerResponse::Handled;
     }
     return httplib::Server::HandlerResponse::Unhandled;
+}
+
+// A fields mask ("nextPageToken,files(id,name)") as a tree of names; a
+// name without children selects its whole value.
+struct Mask {
+    std::map<std::string, Mask> children;
+    bool all = false;  // "*"
+};
+
+Mask parseMask(std::string const& text, size_t& at) {
+    Mask mask;
+    while (at < text.size() && text[at] != ')') {
+        size_t end = text.find_first_of(",()", at);
+        if (end == std::string::npos) end = text.size();
+        std::string name = text.substr(at, end - at);
+        name.erase(0, name.find_first_not_of(' '));
+        name.erase(name.find_last_not_of(' ') + 1);
+        at = end;
+        Mask child;
+        if (at < text.size() && text[at] == '(') {
+            ++at;
+            child = parseMask(text, at);
+            if (at < text.size() && text[at] == ')') ++at;
+        }
+        if (name == "*") {
+            mask.all = true;
+        } else if (!name.empty()) {
+            mask.children[name] = child;
+        }
+        if (at < text.size() && text[at] == ',') ++at;
+    }
+    return mask;
+}
+
+Json::Value applyMask(Json::Value const& value, Mask const& mask) {
+    if (mask.all || mask.children.empty()) return value;
+    if (value.isArray()) {
+        Json::Value list(Json::arrayValue);
+        for (auto const& item : value) list.append(applyMask(item, mask));
+        return list;
+    }
+    if (!value.isObject()) return value;
+    Json::Value kept(Json::objectValue);
+    for (auto const& [name, child] : mask.children) {
+        if (value.isMember(name)) kept[name] = applyMask(value[name], child);
+    }
+    return kept;
+}
+
+// The fields mask a successful answer to `req` is cut to: the request's own,
+// the one its upload session began with, or Drive's default for the method
+// (empty: the whole answer).
+std::string maskFor(FakeDrive::State& state, httplib::Request const& req) {
+    if (req.has_param("fields")) return req.get_param_value("fields");
+    auto session = state.sessions.find(req.get_param_value("upload_id"));
+    if (session != state.sessions.end()) return session->second.fields;
+    std::string method = apiMethod(req);
+    if (method == "files.list")
+        return "kind,nextPageToken,incompleteSearch,files(kind,id,name,mimeType)";
+    if (method.rfind("files.", 0) == 0 && method != "files.generateIds")
+        return "kind,id,name,mimeType";
+    return "";
+}
+
+// Drive's JSON as Drive sends it: only the fields asked for, indented
+// unless the request says prettyPrint=false; and the padding a test asked for.
+void shapeAnswer(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
+    if (req.path == "/token" || req.path == "/auth") return;
+    bool compact = req.get_param_value("prettyPrint") == "false";
+    std::lock_guard<std::mutex> guard(state.lock);
+    if (!compact) ++state.counters.prettyPrinted;
+    if (res.get_header_value("Content-Type").rfind("application/json", 0) != 0) return;
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    if (reader->parse(res.body.data(), res.body.data() + res.body.size(), &value, &errors)) {
+        if (res.status >= 200 && res.status < 300) {
+            std::string fields = maskFor(state, req);
+            size_t at = 0;
+            value = applyMask(value, parseMask(fields, at));
+        }
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = compact ? "" : "  ";
+        res.body = Json::writeString(writer, value) + (compact ? "" : "\n");
+    }
+    if (state.padNext > 0) {
+        res.body.append(static_cast<size_t>(state.padNext), ' ');
+        state.padNext = 0;
+    }
+    res.headers.erase("Content-Length");
+    res.set_header("Content-Length", std::to_string(res.body.size()));
 }
 
 // base64url without padding of the SHA-256 of `verifier`: PKCE's S256.
@@ -195,14 +313,18 @@ void consent(FakeDrive::State& state, httplib::Request const& req, httplib::Resp
     }
     std::lock_guard<std::mutex> guard(state.lock);
     std::string code = "4/0fake-" + DriveEmulator::randomToken(24);
-    state.codes[code] = AuthCode{param("code_challenge"), redirect};
+    // Google hands out a refresh token on the first consent of a client, and
+    // on a later one only when the request insists (prompt=consent).
+    bool first = state.consented.insert(param("client_id")).second;
+    state.codes[code] =
+        AuthCode{param("code_challenge"), redirect, first || param("prompt") == "consent"};
     res.set_redirect(redirect + "?state=" + httplib::detail::encode_query_param(param("state")) +
                      "&code=" + httplib::detail::encode_query_param(code));
 }
 
 // True when the request's grant is good: the refresh token, or an unused
 // authorization code with its verifier and redirect_uri.
-bool granted(FakeDrive::State& state, httplib::Request const& req) {
+bool granted(FakeDrive::State& state, httplib::Request const& req, bool& refreshToken) {
     std::string grant = req.get_param_value("grant_type");
     if (grant == "refresh_token")
         return !state.revoked && req.get_param_value("refresh_token") == state.refreshToken;
@@ -211,6 +333,7 @@ bool granted(FakeDrive::State& state, httplib::Request const& req) {
     if (found == state.codes.end()) return false;
     AuthCode code = found->second;
     state.codes.erase(found);  // one use, whatever the outcome
+    refreshToken = code.refreshToken;
     return code.redirectUri == req.get_param_value("redirect_uri") &&
            code.challenge == s256(req.get_param_value("code_verifier"));
 }
@@ -218,7 +341,15 @@ bool granted(FakeDrive::State& state, httplib::Request const& req) {
 void token(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
     std::lock_guard<std::mutex> guard(state.lock);
     Json::Value answer(Json::objectValue);
-    if (!granted(state, req)) {
+    auto client = state.clients.find(req.get_param_value("client_id"));
+    if (client == state.clients.end() || client->second != req.get_param_value("client_secret")) {
+        answer["error"] = "invalid_client";
+        answer["error_description"] = "The OAuth client was not found.";
+        sendJson(res, answer, 401);
+        return;
+    }
+    bool refreshToken = false;
+    if (!granted(state, req, refreshToken)) {
         answer["error"] = "invalid_grant";
         answer["error_description"] = "Token has been expired or revoked.";
         sendJson(res, answer, 400);
@@ -230,8 +361,7 @@ void token(FakeDrive::State& state, httplib::Request const& req, httplib::Respon
     answer["access_token"] = token;
     answer["expires_in"] = state.tokenLife;
     answer["token_type"] = "Bearer";
-    if (req.get_param_value("grant_type") == "authorization_code")
-        answer["refresh_token"] = state.refreshToken;
+    if (refreshToken) answer["refresh_token"] = state.refreshToken;
     sendJson(res, answer);
 }
 
@@ -246,23 +376,31 @@ void addMetadataRoutes(FakeDrive::State& state) {
             for (int i = 0; i < count; ++i) answer["ids"].append(DriveEmulator::newObjectId());
             sendJson(res, answer);
         });
-    s.server->Get(
-        R"(/drive/v3/files/([^/]+))", [&s](httplib::Request const& req, httplib::Response& res) {
-            if (req.get_param_value("alt") == "media") {
-                serveMedia(s, req, res);
+    s.server->Get(R"(/drive/v3/files/([^/]+))", [&s](httplib::Request const& req,
+                                                     httplib::Response& res) {
+        if (req.get_param_value("alt") == "media") {
+            std::unique_lock<std::mutex> guard(s.lock);
+            if (s.redirectMedia > 0) {
+                --s.redirectMedia;
+                res.set_redirect("http://localhost:" + std::to_string(s.port) + "/media/" +
+                                 std::string(req.matches[1]));
                 return;
             }
-            std::lock_guard<std::mutex> guard(s.lock);
-            try {
-                ReadTransaction read(s.store.db());
-                Object object = s.store.get(req.matches[1]).object;
-                auto sha256 = s.sha256ByMd5.find(object.md5);
-                sendJson(res,
-                         fileResource(object, sha256 == s.sha256ByMd5.end() ? "" : sha256->second));
-            } catch (Error const& e) {
-                sendModelError(res, e);
-            }
-        });
+            guard.unlock();
+            serveMedia(s, req, res);
+            return;
+        }
+        std::lock_guard<std::mutex> guard(s.lock);
+        try {
+            ReadTransaction read(s.store.db());
+            Object object = s.store.get(req.matches[1]).object;
+            auto sha256 = s.sha256ByMd5.find(object.md5);
+            sendJson(res, fileResource(object, sha256 == s.sha256ByMd5.end() ? "" : sha256->second,
+                                       nativeTypeOf(s, object.id)));
+        } catch (Error const& e) {
+            sendModelError(res, e);
+        }
+    });
     s.server->Get("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
         std::lock_guard<std::mutex> guard(s.lock);
         try {
@@ -287,7 +425,8 @@ void addMetadataRoutes(FakeDrive::State& state) {
             Json::Value answer(Json::objectValue);
             answer["kind"] = "drive#fileList";
             answer["files"] = Json::Value(Json::arrayValue);
-            for (auto const& object : page.objects) answer["files"].append(fileResource(object));
+            for (auto const& object : page.objects)
+                answer["files"].append(fileResource(object, "", nativeTypeOf(s, object.id)));
             if (!page.nextPageToken.empty()) answer["nextPageToken"] = page.nextPageToken;
             sendJson(res, answer);
         } catch (Error const& e) {
@@ -330,7 +469,15 @@ void addMetadataRoutes(FakeDrive::State& state) {
                              sendModelError(res, e);
                          }
                      });
-    s.server->Get("/drive/v3/about", [&s](httplib::Request const&, httplib::Response& res) {
+    s.server->Get(R"(/media/([^/]+))", [&s](httplib::Request const& req, httplib::Response& res) {
+        serveMedia(s, req, res);
+    });
+    s.server->Get("/drive/v3/about", [&s](httplib::Request const& req, httplib::Response& res) {
+        if (!req.has_param("fields")) {
+            sendError(res, 400, "required",
+                      "The 'fields' parameter is required for this operation.");
+            return;
+        }
         std::lock_guard<std::mutex> guard(s.lock);
         ReadTransaction read(s.store.db());
         DriveEmulator::Account account = s.store.account();
@@ -352,15 +499,19 @@ FakeDrive::FakeDrive(std::string const& dataFolder, std::string const& certFile,
     s.server->set_pre_routing_handler(
         [&s](httplib::Request const& req, httplib::Response& res) { return gate(s, req, res); });
     s.server->set_post_routing_handler([&s](httplib::Request const& req, httplib::Response& res) {
-        if (res.status != 200 && res.status != 201) return;
-        std::lock_guard<std::mutex> guard(s.lock);
-        auto rule = firedRule(s, req, true);
-        if (!rule) return;
-        // The served answer's headers are already made: the failure's replace them.
-        res.headers.erase("Content-Type");
-        res.headers.erase("Content-Length");
-        sendRule(res, *rule);
-        res.set_header("Content-Length", std::to_string(res.body.size()));
+        if (res.status == 200 || res.status == 201) {
+            std::unique_lock<std::mutex> guard(s.lock);
+            if (auto rule = firedRule(s, req, true)) {
+                // The served answer's headers are already made: the failure's
+                // replace them.
+                res.headers.erase("Content-Type");
+                res.headers.erase("Content-Length");
+                sendRule(res, *rule);
+                res.set_header("Content-Length", std::to_string(res.body.size()));
+                return;
+            }
+        }
+        shapeAnswer(s, req, res);
     });
     s.server->Post("/token", [&s](httplib::Request const& req, httplib::Response& res) {
         token(s, req, res);
@@ -437,6 +588,30 @@ void FakeDrive::corruptNextDownload() {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->corruptMedia = true;
 }
+void FakeDrive::redirectNextMedia(int count) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->redirectMedia = count;
+}
+void FakeDrive::acceptClient(std::string const& id, std::string const& secret) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->clients[id] = secret;
+}
+void FakeDrive::flagAbusive(std::string const& id) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->abusive.insert(id);
+}
+void FakeDrive::makeNative(std::string const& id, std::string const& mimeType) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->nativeTypes[id] = mimeType;
+}
+void FakeDrive::padNextAnswer(std::int64_t bytes) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->padNext = bytes;
+}
 Counters& FakeDrive::counters() { return _state->counters; }
+std::string FakeDrive::lastUserAgent() {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    return _state->lastUserAgent;
+}
 
 }  // namespace DriveFake

@@ -28,6 +28,7 @@ struct FailRule {
     int retryAfter = 0;  // seconds; 0: no header
     bool html = false;   // a proxy's HTML page instead of Drive's JSON
     int delayMs = 0;     // > 0: no failure; the request is served after this long
+    int after = 0;       // matching requests served before the rule fires
     // The request is served and committed, then answered with the failure
     // instead (Drive may apply what it fails); it fires only on a request
     // that succeeded with 200 or 201, so on an upload's last chunk.
@@ -36,8 +37,14 @@ struct FailRule {
 
 struct Counters {
     std::atomic<int> tokenGrants{0};
-    std::atomic<int> unauthorized{0};  // 401 answers to API requests
-    std::atomic<int> sessions{0};      // resumable sessions opened
+    std::atomic<int> unauthorized{0};         // 401 answers to API requests
+    std::atomic<int> sessions{0};             // resumable sessions opened
+    std::atomic<std::int64_t> mediaBytes{0};  // content bytes sent by alt=media answers
+    std::atomic<int> redirected{0};           // media requests served at the redirect target
+    std::atomic<int> leakedTokens{0};         // ... that carried an Authorization header
+    std::atomic<int> failuresServed{0};       // answers made by failure rules
+    std::atomic<int> uploadStarts{0};         // uploads begun: sessions and one-request uploads
+    std::atomic<int> prettyPrinted{0};        // API requests without prettyPrint=false
 };
 
 class FakeDrive {
@@ -79,10 +86,27 @@ class FakeDrive {
     // The next `count` alt=media requests are answered whole (200), whatever
     // Range they ask for.
     void ignoreNextRanges(int count);
+    // The object `id` is a Google-native one of `mimeType` from now on
+    // ("application/vnd.google-apps.document", "...shortcut", ...): its
+    // content cannot be downloaded.
+    void makeNative(std::string const& id, std::string const& mimeType);
+    // The token endpoint accepts the OAuth client `id` with `secret` too (it
+    // knows the plug-in's); any other is refused with 401 invalid_client.
+    void acceptClient(std::string const& id, std::string const& secret);
+    // The file `id` is flagged as malware or spam: its content is served only
+    // to requests that acknowledge the risk (acknowledgeAbuse=true).
+    void flagAbusive(std::string const& id);
+    // The next JSON answer ends with `bytes` blanks (still valid JSON).
+    void padNextAnswer(std::int64_t bytes);
+    // The next `count` alt=media requests are redirected to another host
+    // name of the fake ("localhost"), which serves them without a token.
+    void redirectNextMedia(int count);
     // The next alt=media answer carries one byte other than the file's.
     void corruptNextDownload();
 
     Counters& counters();
+    // The User-Agent header of the last API request.
+    std::string lastUserAgent();
 
     // The routes' shared state (fake_state.h).
     struct State;

@@ -10,6 +10,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,12 +32,14 @@ struct UploadSession {
     std::shared_ptr<EVP_MD_CTX> md5;     // of the bytes received so far
     std::shared_ptr<EVP_MD_CTX> sha256;  // the same
     Json::Value finished;                // the file resource once complete
+    std::string fields;                  // the fields mask the session began with
 };
 
 // An authorization code handed out by the consent route, until exchanged.
 struct AuthCode {
-    std::string challenge;    // S256 of the verifier that must come with it
-    std::string redirectUri;  // the exchange must name the same one
+    std::string challenge;     // S256 of the verifier that must come with it
+    std::string redirectUri;   // the exchange must name the same one
+    bool refreshToken = true;  // its exchange hands out a refresh token
 };
 
 struct FakeDrive::State {
@@ -68,6 +71,17 @@ struct FakeDrive::State {
     // otherwise, a file has only its MD5, as Drive's oldest files).
     std::map<std::string, std::string> sha256ByMd5;
     int lagNext = 0;  // listings the next created object misses
+    // OAuth clients the token endpoint knows, id -> secret: the plug-in's.
+    std::map<std::string, std::string> clients{
+        {"418305926774-k2v9q8m4x7c1p0r6t3w5z8b2n4j7h1fd.apps.googleusercontent.com",
+         "Qm7vT2xK_pL9R-04Hd3WaNce"}};
+    std::set<std::string> consented;  // clients the account granted access before
+    std::set<std::string> abusive;    // ids flagged as malware or spam
+    std::string lastUserAgent;        // of the last API request
+    int redirectMedia = 0;            // media requests still to redirect
+    std::int64_t padNext = 0;         // blanks after the next JSON answer
+    // Google-native objects (Docs, shortcuts, ...) by id: their MIME type.
+    std::map<std::string, std::string> nativeTypes;
     bool stopping = false;
     std::condition_variable stopped;  // wakes delayed requests when the fake goes
     std::map<std::string, UploadSession> sessions;
@@ -79,8 +93,12 @@ void sendError(httplib::Response& res, int status, std::string const& reason,
                std::string const& message);
 // The model's refusal as Drive words it.
 void sendModelError(httplib::Response& res, DriveEmulator::Error const& error);
-// Drive's file resource of `object`.
-Json::Value fileResource(DriveEmulator::Object const& object, std::string const& sha256 = "");
+// Drive's file resource of `object`; `nativeType` makes it a Google-native
+// object of that MIME type (no checksum; a shortcut has no size either).
+Json::Value fileResource(DriveEmulator::Object const& object, std::string const& sha256 = "",
+                         std::string const& nativeType = "");
+// The MIME type of a Google-native object, empty for others.
+std::string nativeTypeOf(FakeDrive::State& state, std::string const& id);
 void sendJson(httplib::Response& res, Json::Value const& value, int status = 200);
 
 // Content routes: resumable uploads.

@@ -35,13 +35,48 @@ Json::Value parseMeta(std::string const& body) {
     return value.isObject() ? value : Json::Value(Json::objectValue);
 }
 
+void finish(FakeDrive::State& s, UploadSession& session, httplib::Response& res);
+
+// The metadata and content parts of a multipart/related body; false when
+// the body is not one.
+bool splitMultipart(httplib::Request const& req, std::string& meta, std::string& media) {
+    std::string type = req.get_header_value("Content-Type");
+    size_t at = type.find("boundary=");
+    if (type.rfind("multipart/related", 0) != 0 || at == std::string::npos) return false;
+    std::string delimiter = "--" + type.substr(at + 9);
+    std::vector<std::string> parts;
+    size_t start = req.body.find(delimiter);
+    while (start != std::string::npos) {
+        size_t from = start + delimiter.size();
+        if (req.body.compare(from, 2, "--") == 0) break;
+        size_t end = req.body.find("\r\n" + delimiter, from);
+        if (end == std::string::npos) return false;
+        size_t blank = req.body.find("\r\n\r\n", from);
+        if (blank == std::string::npos || blank > end) return false;
+        parts.push_back(req.body.substr(blank + 4, end - blank - 4));
+        start = end + 2;
+    }
+    if (parts.size() != 2) return false;
+    meta = parts[0];
+    media = parts[1];
+    return true;
+}
+
 void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Response& res,
                   std::string const& updateId) {
-    Json::Value meta = parseMeta(req.body);
+    bool const multipart = req.get_param_value("uploadType") == "multipart";
+    std::string metaText = req.body, media;
+    if (multipart && !splitMultipart(req, metaText, media)) {
+        sendError(res, 400, "badContent", "Malformed multipart body.");
+        return;
+    }
+    Json::Value meta = parseMeta(metaText);
     std::lock_guard<std::mutex> guard(s.lock);
     UploadSession session;
     session.update = !updateId.empty();
-    session.size = std::atoll(req.get_header_value("X-Upload-Content-Length").c_str());
+    session.fields = req.get_param_value("fields");
+    session.size = multipart ? static_cast<std::int64_t>(media.size())
+                             : std::atoll(req.get_header_value("X-Upload-Content-Length").c_str());
     try {
         ReadTransaction read(s.store.db());
         std::int64_t oldSize = 0;
@@ -72,6 +107,20 @@ void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Res
     EVP_DigestInit_ex(session.md5.get(), EVP_md5(), nullptr);
     session.sha256.reset(EVP_MD_CTX_new(), EVP_MD_CTX_free);
     EVP_DigestInit_ex(session.sha256.get(), EVP_sha256(), nullptr);
+    ++s.counters.uploadStarts;
+    if (multipart) {
+        // Metadata and content in one request: stored at once.
+        if (!media.empty() && ::pwrite(session.blob->fd(), media.data(), media.size(), 0) !=
+                                  static_cast<ssize_t>(media.size())) {
+            sendError(res, 500, "backendError", "Cannot store the content.");
+            return;
+        }
+        EVP_DigestUpdate(session.md5.get(), media.data(), media.size());
+        EVP_DigestUpdate(session.sha256.get(), media.data(), media.size());
+        session.received = session.size;
+        finish(s, session, res);
+        return;
+    }
     s.sessions[sid] = std::move(session);
     ++s.counters.sessions;
     std::string path =
@@ -194,7 +243,9 @@ void receiveChunk(FakeDrive::State& s, httplib::Request const& req, httplib::Res
         sendJson(res, session.finished);
         return;
     }
-    if (session.received == session.size) {
+    // Only a chunk completes an upload: "bytes */N" asks for the status,
+    // and Drive answers an unfinished session's with 308, an empty one's too.
+    if (session.received == session.size && range.compare(6, 1, "*") != 0) {
         finish(s, session, res);
         return;
     }
@@ -231,10 +282,17 @@ void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Respo
         try {
             ReadTransaction read(s.store.db());
             DriveEmulator::StoredObject stored = s.store.get(req.matches[1]);
-            if (stored.object.isDir) {
+            if (stored.object.isDir || !nativeTypeOf(s, stored.object.id).empty()) {
                 sendError(res, 403, "fileNotDownloadable",
                           "Only files with binary content can be downloaded. Use Export with Docs "
                           "Editors files.");
+                return;
+            }
+            if (s.abusive.count(stored.object.id) &&
+                req.get_param_value("acknowledgeAbuse") != "true") {
+                sendError(res, 403, "cannotDownloadAbusiveFile",
+                          "This file has been identified as malware or spam and cannot be "
+                          "downloaded.");
                 return;
             }
             size = static_cast<std::int64_t>(stored.object.size);
@@ -280,12 +338,14 @@ void serveMedia(FakeDrive::State& s, httplib::Request const& req, httplib::Respo
     }
     res.set_content_provider(
         static_cast<size_t>(length), "application/octet-stream",
-        [fd, first, corrupt](size_t offset, size_t want, httplib::DataSink& sink) {
+        [fd, first, corrupt, counters = &s.counters](size_t offset, size_t want,
+                                                     httplib::DataSink& sink) {
             char buffer[1 << 16];
             ssize_t n = ::pread(fd, buffer, std::min(want, sizeof buffer),
                                 static_cast<off_t>(first + static_cast<std::int64_t>(offset)));
             if (n <= 0) return false;
             if (corrupt && offset == 0) buffer[0] = static_cast<char>(~buffer[0]);
+            counters->mediaBytes += n;
             return sink.write(buffer, static_cast<size_t>(n));
         },
         [fd](bool) { ::close(fd); });

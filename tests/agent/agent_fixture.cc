@@ -26,6 +26,7 @@ AgentOnFake::AgentOnFake(bool throughProxy, bool tls)
         if (std::system(command.c_str()) != 0) ADD_FAILURE() << "openssl made no certificate";
     }
     fake = std::make_unique<DriveFake::FakeDrive>(data, cert, key);
+    fake->acceptClient("123456789012-abc.apps.example.com", "Qm7vT2xK_pL9R-04Hd3WaNce");
     if (throughProxy) proxy = std::make_unique<DriveFake::CutProxy>(fake->port());
     configure(cert);
 }

@@ -40,9 +40,16 @@ TEST(ErrorMapping, DecidesByReasonNotWording) {
         bool retried;
     } const rows[] = {
         {"user rate limit", 403,
-         driveBody(403, "userRateLimitExceeded", "User rate limit exceeded."), 2000, true},
+         driveBody(403, "userRateLimitExceeded",
+                   "User Rate Limit Exceeded. Rate of requests for user exceed configured project "
+                   "quota."),
+         2000, true},
+        // Drive's daily upload limit: its own sentence under the same reason.
+        {"daily upload limit", 403,
+         driveBody(403, "userRateLimitExceeded", "User rate limit exceeded."), 2000, false},
         {"project rate limit", 403, driveBody(403, "rateLimitExceeded", "Rate limit exceeded."),
          2000, true},
+        {"API usage quota", 403, driveBody(403, "quotaExceeded", "Quota exceeded."), 2000, true},
         {"too many requests", 429, driveBody(429, "rateLimitExceeded", "Rate limit exceeded"), 1,
          true},
         {"full account, other wording", 403,

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -43,6 +44,7 @@ std::pair<int, std::string> host(AgentOnFake const& f, std::string const& args,
 
 // The agent's configuration names the fake's consent page and a client.
 void addClient(AgentOnFake& f) {
+    f.fake->acceptClient("42.apps", "s");
     std::ofstream(f.scratch + "/drive_agent.conf", std::ios::app)
         << "auth_url = " << f.fake->url() << "/auth\nclient_id = 42.apps\nclient_secret = s\n";
 }
@@ -108,6 +110,14 @@ TEST(HostTool, AuthorizeStoresTheRefreshTokenForTheNextCommands) {
     std::string profile = f.scratch + "/profile";
     addClient(f);
     writeFile(profile, "# mine\ncontainer = \"Mine\"\nrefresh_token = \"b2xk\"\n");
+    // The account consented to this client before: Google hands out a new
+    // refresh token only to a request that asks for consent again.
+    httplib::Client earlier("127.0.0.1", f.fake->port());
+    auto before = earlier.Get(
+        "/auth?response_type=code&client_id=42.apps&redirect_uri=http://127.0.0.1:9/&scope="
+        "https%3A%2F%2Fwww.googleapis.com%2Fauth%2Fdrive&access_type=offline&"
+        "code_challenge_method=S256&code_challenge=abc&state=s");
+    ASSERT_TRUE(before && before->status == 302);
     Authorize run(f, profile);
     ASSERT_FALSE(run.url.empty()) << run.output;
     // The browser: the consent page sends it back with a code.
@@ -170,4 +180,42 @@ TEST(HostTool, AuthorizeStoresNothingWhenTheGrantFails) {
         EXPECT_NE(std::string::npos, output.find(c.words)) << c.name << ": " << output;
         EXPECT_EQ("container = \"Mine\"\n", readFile(profile)) << c.name;
     }
+}
+
+TEST(HostTool, GoogleNativeFilesAreNamedAsSkippedNotRestoredOrCompared) {
+    AgentOnFake f;
+    writeFile(f.scratch + "/local", "stored");
+    ASSERT_EQ(0, host(f, "init").first);
+    ASSERT_EQ(0, host(f, "put " + f.scratch + "/local Pool/a").first);
+    std::string pool = f.drive->idByPath("/Backups/nas1.hbk/Pool");
+    f.fake->makeNative(f.drive->put(pool, "doc", "editor data"),
+                       "application/vnd.google-apps.document");
+    auto restore = host(f, "restore Pool " + f.scratch + "/back");
+    EXPECT_EQ(0, restore.first) << restore.second;
+    EXPECT_NE(std::string::npos, restore.second.find("restore: skipped doc (a Google Docs"))
+        << restore.second;
+    EXPECT_EQ("stored", readFile(f.scratch + "/back/a"));
+    EXPECT_FALSE(std::ifstream(f.scratch + "/back/doc").good());
+    writeFile(f.scratch + "/back/doc", "a local file of that name");
+    auto check = host(f, "check " + f.scratch + "/back Pool");
+    EXPECT_EQ(0, check.first) << check.second;
+    EXPECT_NE(std::string::npos, check.second.find("check: skipped doc")) << check.second;
+    EXPECT_EQ(std::string::npos, check.second.find("differs")) << check.second;
+}
+
+TEST(HostTool, DrivesDailyUploadLimitStopsTheRunAtOnceInWords) {
+    AgentOnFake f;
+    std::filesystem::create_directory(f.scratch + "/tree");
+    for (char const* name : {"a", "b", "c"}) writeFile(f.scratch + "/tree/" + name, name);
+    ASSERT_EQ(0, host(f, "init").first);
+    f.fake->addFailure(
+        {"files.create upload", -1, 403, "userRateLimitExceeded", "User rate limit exceeded."});
+    auto copy = host(f, "copy --transfers 1 " + f.scratch + "/tree Pool",
+                     std::string(kDrive) + " TAVO_AGENT_PAUSE_UNIT_MS=1");
+    EXPECT_EQ(7, copy.first) << copy.second;
+    EXPECT_NE(std::string::npos,
+              copy.second.find("Drive's daily upload limit reached; run again tomorrow"))
+        << copy.second;
+    // One upload tried, neither retried nor followed by the others.
+    EXPECT_EQ(1, f.fake->counters().failuresServed.load()) << copy.second;
 }

@@ -9,6 +9,7 @@
 #include "agent_fixture.h"
 #include "background_digest.h"
 #include "backup/error.h"
+#include "googledrive_client.h"
 #include "googledrive_error.h"
 #include "http.h"
 
@@ -185,10 +186,17 @@ TEST(Tls, VerifiedAlwaysAndATestCaOnlyForLoopback) {
     AgentOnFake onFake(false, true);
     auto trusting = onFake.start();
     EXPECT_TRUE(trusting->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
+    // The handshake's User-Agent goes with every request.
+    EXPECT_EQ("Coffervault/1.0", onFake.fake->lastUserAgent());
     onFake.configure("");
     auto plain = onFake.start();
-    EXPECT_EQ(-2,
-              plain->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["error_code"].asInt());
+    // A certificate nobody vouches for (a proxy, a wrong clock) does not pass:
+    // said in words, under a code the plug-in does not retry.
+    Json::Value refused = plain->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}));
+    EXPECT_EQ(-6, refused["error_code"].asInt()) << refused;
+    EXPECT_NE(std::string::npos,
+              refused["error_message"].asString().find("certificate was refused"));
+    EXPECT_FALSE(TAVO::Backup::needRetry(refused));
     for (char const* url : {"https://127.0.0.1:8080/x", "http://[::1]/", "https://localhost"}) {
         EXPECT_TRUE(DriveAgent::isLoopbackUrl(url)) << url;
     }

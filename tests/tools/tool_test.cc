@@ -282,7 +282,7 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         {DriveEmulator::Fault::fail("*", 401).always(),
          {"about"},
          7,
-         "credentials refused: Invalid Credentials (401); a revoked or expired refresh token"},
+         "status expires after 7 days"},
         {DriveEmulator::Fault::fail("uploadFile", 403,
                                     "The user's Drive storage quota has been exceeded.")
              .always(),

@@ -1,0 +1,212 @@
+// The agent against the fake behaving as Drive does where the two could
+// agree and both be wrong: indented answers unless asked otherwise, pages
+// past a megabyte, answers past any sane size.
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <json/reader.h>
+
+#include <chrono>
+
+#include "agent_fixture.h"
+#include "googledrive_client.h"
+
+using namespace AgentTest;
+
+namespace {
+
+constexpr std::int64_t MiB = 1 << 20;
+
+class RealService : public ::testing::Test, public AgentOnFake {};
+
+}  // namespace
+
+TEST_F(RealService, LargePagesAreReadWholeAndNothingAsksForIndentedAnswers) {
+    DriveEmulator::Settings settings = drive->settings();
+    settings.pageSize = 1000;
+    drive->setSettings(settings);
+    std::string folder = drive->mkdir(drive->rootId(), "long names");
+    int const count = 400;  // 400 names of 3,000 bytes: a page of 1.3 MB
+    for (int i = 0; i < count; ++i) {
+        drive->put(folder, std::to_string(i) + std::string(3000, 'n'), "x");
+    }
+    auto agent = start();
+    Json::Value page =
+        agent->call(req({{"fn", "listObjects"}, {"queryFilter", "'" + folder + "' in parents"}}));
+    ASSERT_TRUE(page["success"].asBool()) << page.toStyledString().substr(0, 300);
+    EXPECT_EQ(count, static_cast<int>(page["objects"].size()));
+    writeFile(scratch + "/in", "data");
+    Json::Value up = agent->transfer(EmulatorTest::upload(folder, scratch + "/in")).back();
+    ASSERT_TRUE(up["success"].asBool()) << up;
+    Json::Value down = agent
+                           ->transfer(req({{"fn", "downloadFile"},
+                                           {"id", up["id"].asString()},
+                                           {"outputPath", scratch + "/out"}}))
+                           .back();
+    EXPECT_TRUE(down["success"].asBool()) << down;
+    EXPECT_TRUE(agent->call(req({{"fn", "getAccountInfo"}}))["success"].asBool());
+    EXPECT_TRUE(
+        agent->call(req({{"fn", "createFolder"}, {"name", "d"}, {"parentId", folder}}))["success"]
+            .asBool());
+    EXPECT_EQ(0, fake->counters().prettyPrinted.load());
+}
+
+TEST_F(RealService, AnAnswerPastTheBoundFailsWithAReasonAndIsNotRetried) {
+    auto agent = start();
+    fake->padNextAnswer(std::int64_t{64} << 20);  // the agent's bound
+    Json::Value answer = agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}));
+    EXPECT_FALSE(answer["success"].asBool());
+    EXPECT_EQ(-5, answer["error_code"].asInt()) << answer;
+    EXPECT_NE(std::string::npos, answer["error_message"].asString().find("larger than 64 MiB"));
+    // The agent goes on with the next request.
+    EXPECT_TRUE(agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
+}
+
+TEST_F(RealService, GoogleNativeFilesAndShortcutsHaveNoBytesToDownloadOrCompare) {
+    std::string doc = drive->put(drive->rootId(), "notes", "editor data");
+    std::string shortcut = drive->put(drive->rootId(), "link", "");
+    fake->makeNative(doc, "application/vnd.google-apps.document");
+    fake->makeNative(shortcut, "application/vnd.google-apps.shortcut");
+    auto agent = start();
+    struct Case {
+        std::string id;
+        char const* words;
+    } const cases[] = {{doc, "a Google Docs file: no stored bytes to download"},
+                       {shortcut, "a shortcut (never followed): no stored bytes to download"}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.words);
+        Json::Value meta = agent->call(req({{"fn", "getObjectMeta"}, {"id", c.id}}));
+        EXPECT_EQ(0, meta["properties"]["size"].asInt()) << meta;
+        EXPECT_EQ("", meta["properties"]["md5Checksum"].asString()) << meta;
+        Json::Value down =
+            agent
+                ->transfer(
+                    req({{"fn", "downloadFile"}, {"id", c.id}, {"outputPath", scratch + "/out"}}))
+                .back();
+        EXPECT_EQ(403, down["error_code"].asInt()) << down;
+        EXPECT_EQ(c.words, down["error_message"].asString());
+        Json::Value verdict = down;
+        EXPECT_FALSE(TAVO::Backup::needRetry(verdict));
+    }
+}
+
+TEST_F(RealService, EmptyFilesAreCreatedAndUpdatedInOneRequestEach) {
+    std::string full = drive->put(drive->rootId(), "full", "some bytes");
+    writeFile(scratch + "/empty", "");
+    auto agent = start();
+    Json::Value const requests[] = {
+        req({{"fn", "uploadEmptyFile"},
+             {"name", "e"},
+             {"parentId", drive->rootId()},
+             {"inputPath", scratch + "/empty"}}),
+        req({{"fn", "updateEmptyFile"}, {"id", full}, {"inputPath", scratch + "/empty"}}),
+        req({{"fn", "updateFile"}, {"id", full}, {"inputPath", scratch + "/empty"}}),
+    };
+    int starts = 0;
+    for (Json::Value const& request : requests) {
+        SCOPED_TRACE(request["fn"].asString());
+        Json::Value done = agent->transfer(request).back();
+        ASSERT_TRUE(done["success"].asBool()) << done;
+        EXPECT_EQ(++starts, fake->counters().uploadStarts.load());
+        DriveEmulator::Object stored = drive->stat(done["id"].asString());
+        EXPECT_EQ(0u, stored.size);
+        EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", stored.md5);
+    }
+    EXPECT_EQ(0, fake->counters().sessions.load());
+}
+
+TEST_F(RealService, TransfersGoOnAfterPassingFailuresFromWhereTheyWere) {
+    std::string input = scratch + "/in";
+    writePattern(input, 40 * MiB);
+    auto agent = start({{"TAVO_AGENT_PAUSE_UNIT_MS", "1"}});
+    // The second chunk meets a 429 that asks for a second, then a rate limit.
+    fake->addFailure(
+        {"upload chunk", 1, 429, "rateLimitExceeded", "Rate Limit Exceeded", 1, false, 0, 1});
+    fake->addFailure({"upload chunk", 1, 403, "userRateLimitExceeded", "User rate limit"});
+    auto started = std::chrono::steady_clock::now();
+    Json::Value up = agent->transfer(EmulatorTest::upload(drive->rootId(), input, "x")).back();
+    ASSERT_TRUE(up["success"].asBool()) << up;
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(950));
+    EXPECT_EQ(1, fake->counters().sessions.load());
+    EXPECT_EQ(fileMd5(input), drive->stat(up["id"].asString()).md5);
+
+    // Downloads in 16 MiB answers; each resume meets a failure first.
+    fake->limitMediaAnswers(16 * MiB);
+    fake->addFailure({"files.get media", 1, 503, "backendError", "Backend Error", 0, false, 0, 1});
+    fake->addFailure({"files.get media", 1, 429, "rateLimitExceeded", "Rate Limit Exceeded"});
+    fake->addFailure(
+        {"files.get media", 1, 403, "rateLimitExceeded", "Rate Limit Exceeded", 0, false, 0, 1});
+    fake->redirectNextMedia(1);
+    Json::Value down = agent
+                           ->transfer(req({{"fn", "downloadFile"},
+                                           {"id", up["id"].asString()},
+                                           {"outputPath", scratch + "/out"}}))
+                           .back();
+    ASSERT_TRUE(down["success"].asBool()) << down;
+    EXPECT_EQ(fileMd5(input), fileMd5(scratch + "/out"));
+    EXPECT_EQ(40 * MiB, fake->counters().mediaBytes.load());  // nothing fetched twice
+    // The first answer came from the redirect's host, which never saw the token.
+    EXPECT_EQ(1, fake->counters().redirected.load());
+    EXPECT_EQ(0, fake->counters().leakedTokens.load());
+}
+
+TEST_F(RealService, AnApiUsageQuotaIsARateLimitNotAFullAccount) {
+    auto agent = start();
+    fake->addFailure({"about.get", 1, 403, "quotaExceeded", "Quota exceeded for quota metric."});
+    Json::Value answer = agent->call(req({{"fn", "getAccountInfo"}}));
+    EXPECT_EQ(403, answer["error_code"].asInt()) << answer;
+    EXPECT_EQ("Rate Limit Exceeded", answer["error_message"].asString());
+    EXPECT_TRUE(TAVO::Backup::needRetry(answer));
+}
+
+TEST_F(RealService, AFileFlaggedAsAbusiveIsRestoredByItsOwner) {
+    std::string id = drive->put(drive->rootId(), "flagged", "bytes Drive dislikes");
+    fake->flagAbusive(id);
+    auto agent = start();
+    Json::Value down =
+        agent->transfer(req({{"fn", "downloadFile"}, {"id", id}, {"outputPath", scratch + "/out"}}))
+            .back();
+    ASSERT_TRUE(down["success"].asBool()) << down;
+    EXPECT_EQ("bytes Drive dislikes", readFile(scratch + "/out"));
+}
+
+TEST_F(RealService, TheFakeAnswersOnlyTheFieldsAskedForAndKnowsItsClients) {
+    httplib::Client direct("127.0.0.1", fake->port());
+    std::string grant = "grant_type=refresh_token&refresh_token=1//0gRefreshToken";
+    auto stranger = direct.Post("/token", grant + "&client_id=other&client_secret=x",
+                                "application/x-www-form-urlencoded");
+    ASSERT_TRUE(stranger);
+    EXPECT_EQ(401, stranger->status);
+    auto granted = direct.Post(
+        "/token",
+        grant +
+            "&client_id=123456789012-abc.apps.example.com&client_secret=Qm7vT2xK_pL9R-04Hd3WaNce",
+        "application/x-www-form-urlencoded");
+    ASSERT_TRUE(granted && granted->status == 200);
+    Json::Value token;
+    ASSERT_TRUE(Json::Reader().parse(granted->body, token));
+    httplib::Headers auth{{"Authorization", "Bearer " + token["access_token"].asString()}};
+    std::string id = drive->put(drive->rootId(), "f", "x");
+    struct Case {
+        std::string target;
+        std::string body;  // compact
+    } const cases[] = {
+        {"/drive/v3/files/" + id + "?fields=id&prettyPrint=false", "{\"id\":\"" + id + "\"}"},
+        {"/drive/v3/files?q=name%3D%27f%27&fields=files(name)&prettyPrint=false",
+         "{\"files\":[{\"name\":\"f\"}]}"},
+        {"/drive/v3/about?fields=user(displayName)&prettyPrint=false",
+         "{\"user\":{\"displayName\":\"" + drive->account().userName + "\"}}"},
+    };
+    for (Case const& c : cases) {
+        auto answer = direct.Get(c.target.c_str(), auth);
+        ASSERT_TRUE(answer) << c.target;
+        EXPECT_EQ(c.body, answer->body) << c.target;
+    }
+    // The agent, against this fake, still finds everything it reads.
+    auto agent = start();
+    Json::Value record = agent->call(req({{"fn", "getObjectMeta"}, {"id", id}}));
+    EXPECT_EQ("f", record["name"].asString()) << record;
+    EXPECT_EQ(1, record["properties"]["size"].asInt());
+    EXPECT_EQ(drive->stat(id).md5, record["properties"]["md5Checksum"].asString());
+    EXPECT_LT(0, record["properties"]["lastModified"].asInt64());
+    EXPECT_FALSE(record["properties"]["isTrash"].isNull());
+}
