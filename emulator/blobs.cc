@@ -101,10 +101,13 @@ PendingBlob::PendingBlob(Blobs const& blobs) : _blobs(blobs) {
     for (int attempt = 0; _fd < 0; ++attempt) {
         _name = std::to_string(::getpid()) + "-" + randomToken(24);
         _temp_path = _blobs._folder + "/tmp/" + _name;
+        // Known to the termination handler before it exists: a signal
+        // between the two would leave it behind.
+        setPendingPath(_temp_path);
         _fd = ::open(_temp_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (_fd < 0) setPendingPath("");  // another's name, or none made
         if (_fd < 0 && (errno != EEXIST || attempt > 3)) fail("cannot create", _temp_path);
     }
-    setPendingPath(_temp_path);
 }
 
 PendingBlob::~PendingBlob() {
