@@ -2,6 +2,7 @@
 // in a private folder; optionally through a proxy that drops connections.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,6 +13,8 @@
 #include "fake_drive.h"
 
 namespace AgentTest {
+
+constexpr std::int64_t MiB = 1 << 20;
 
 using EmulatorTest::EmulatorProcess;
 using EmulatorTest::Env;

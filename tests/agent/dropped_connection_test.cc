@@ -10,7 +10,6 @@ using namespace AgentTest;
 
 namespace {
 
-constexpr std::int64_t MiB = 1 << 20;
 // The agent's upload chunk: a drop costs at most one of them.
 constexpr std::int64_t kChunk = 32 * MiB;
 

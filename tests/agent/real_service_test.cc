@@ -14,8 +14,6 @@ using namespace AgentTest;
 
 namespace {
 
-constexpr std::int64_t MiB = 1 << 20;
-
 class RealService : public ::testing::Test, public AgentOnFake {};
 
 }  // namespace

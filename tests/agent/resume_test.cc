@@ -17,8 +17,6 @@ using namespace AgentTest;
 
 namespace {
 
-constexpr std::int64_t MiB = 1 << 20;
-
 class Transfers : public ::testing::Test, public AgentOnFake {};
 
 }  // namespace
