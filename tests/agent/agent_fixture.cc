@@ -69,6 +69,12 @@ void writePattern(std::string const& path, std::int64_t size, unsigned seed) {
     }
 }
 
+Json::Value AgentOnFake::download(EmulatorProcess& agent, std::string const& id) {
+    return agent
+        .transfer(req({{"fn", "downloadFile"}, {"id", id}, {"outputPath", scratch + "/out"}}))
+        .back();
+}
+
 std::string fileMd5(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
     EVP_MD_CTX* ctx = EVP_MD_CTX_new();

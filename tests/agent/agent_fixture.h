@@ -35,6 +35,8 @@ class AgentOnFake {
     // Writes the agent's configuration file: the fake's (or proxy's) URLs
     // and, when given, the CA file.
     void configure(std::string const& caFile);
+    // The last answer of a download of `id` by `agent` into scratch/out.
+    Json::Value download(EmulatorProcess& agent, std::string const& id);
 
     std::string data;     // the account's data folder
     std::string scratch;  // a private folder for local files

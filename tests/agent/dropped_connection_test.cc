@@ -43,11 +43,7 @@ class DroppedConnections : public ::testing::Test, public AgentOnFake {
         auto agent = start();
         proxy->cutEvery(0, cutEvery);
         std::int64_t before = proxy->downstreamBytes();
-        Json::Value last =
-            agent
-                ->transfer(
-                    req({{"fn", "downloadFile"}, {"id", id}, {"outputPath", scratch + "/out"}}))
-                .back();
+        Json::Value last = download(*agent, id);
         ASSERT_TRUE(last["success"].asBool()) << last;
         EXPECT_GE(proxy->cuts(), int(size / cutEvery) - 1);
         EXPECT_LE(proxy->downstreamBytes() - before, size * 105 / 100);

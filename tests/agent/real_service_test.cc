@@ -35,11 +35,7 @@ TEST_F(RealService, LargePagesAreReadWholeAndNothingAsksForIndentedAnswers) {
     writeFile(scratch + "/in", "data");
     Json::Value up = agent->transfer(EmulatorTest::upload(folder, scratch + "/in")).back();
     ASSERT_TRUE(up["success"].asBool()) << up;
-    Json::Value down = agent
-                           ->transfer(req({{"fn", "downloadFile"},
-                                           {"id", up["id"].asString()},
-                                           {"outputPath", scratch + "/out"}}))
-                           .back();
+    Json::Value down = download(*agent, up["id"].asString());
     EXPECT_TRUE(down["success"].asBool()) << down;
     EXPECT_TRUE(agent->call(req({{"fn", "getAccountInfo"}}))["success"].asBool());
     EXPECT_TRUE(
@@ -75,11 +71,7 @@ TEST_F(RealService, GoogleNativeFilesAndShortcutsHaveNoBytesToDownloadOrCompare)
         Json::Value meta = agent->call(req({{"fn", "getObjectMeta"}, {"id", c.id}}));
         EXPECT_EQ(0, meta["properties"]["size"].asInt()) << meta;
         EXPECT_EQ("", meta["properties"]["md5Checksum"].asString()) << meta;
-        Json::Value down =
-            agent
-                ->transfer(
-                    req({{"fn", "downloadFile"}, {"id", c.id}, {"outputPath", scratch + "/out"}}))
-                .back();
+        Json::Value down = download(*agent, c.id);
         EXPECT_EQ(403, down["error_code"].asInt()) << down;
         EXPECT_EQ(c.words, down["error_message"].asString());
         Json::Value verdict = down;
@@ -134,11 +126,7 @@ TEST_F(RealService, TransfersGoOnAfterPassingFailuresFromWhereTheyWere) {
     fake->addFailure(
         {"files.get media", 1, 403, "rateLimitExceeded", "Rate Limit Exceeded", 0, false, 0, 1});
     fake->redirectNextMedia(1);
-    Json::Value down = agent
-                           ->transfer(req({{"fn", "downloadFile"},
-                                           {"id", up["id"].asString()},
-                                           {"outputPath", scratch + "/out"}}))
-                           .back();
+    Json::Value down = download(*agent, up["id"].asString());
     ASSERT_TRUE(down["success"].asBool()) << down;
     EXPECT_EQ(fileMd5(input), fileMd5(scratch + "/out"));
     EXPECT_EQ(40 * MiB, fake->counters().mediaBytes.load());  // nothing fetched twice
@@ -160,9 +148,7 @@ TEST_F(RealService, AFileFlaggedAsAbusiveIsRestoredByItsOwner) {
     std::string id = drive->put(drive->rootId(), "flagged", "bytes Drive dislikes");
     fake->flagAbusive(id);
     auto agent = start();
-    Json::Value down =
-        agent->transfer(req({{"fn", "downloadFile"}, {"id", id}, {"outputPath", scratch + "/out"}}))
-            .back();
+    Json::Value down = download(*agent, id);
     ASSERT_TRUE(down["success"].asBool()) << down;
     EXPECT_EQ("bytes Drive dislikes", readFile(scratch + "/out"));
 }

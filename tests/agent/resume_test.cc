@@ -35,11 +35,7 @@ TEST_F(Transfers, ExpiredSessionStartsAgainAndShortOrIgnoredRangesAreFollowedUp)
     // The second answer starts at the beginning again: the file and its hash
     // must start over with it.
     fake->ignoreNextRanges(2);
-    Json::Value down = agent
-                           ->transfer(req({{"fn", "downloadFile"},
-                                           {"id", up["id"].asString()},
-                                           {"outputPath", scratch + "/out"}}))
-                           .back();
+    Json::Value down = download(*agent, up["id"].asString());
     ASSERT_TRUE(down["success"].asBool()) << down;
     EXPECT_EQ(fileMd5(input), fileMd5(scratch + "/out"));
 }
@@ -165,12 +161,7 @@ TEST(ServiceFailures, DownloadOfOtherBytesIsRefusedWhicheverChecksumTheFileHas) 
     std::string stored = onFake.drive->put(onFake.drive->rootId(), "old", readFile(input));
     for (std::string const& id : {uploaded, stored}) {
         SCOPED_TRACE(id == uploaded ? "SHA-256" : "MD5 only");
-        auto download = [&] {
-            return agent
-                ->transfer(req(
-                    {{"fn", "downloadFile"}, {"id", id}, {"outputPath", onFake.scratch + "/out"}}))
-                .back();
-        };
+        auto download = [&] { return onFake.download(*agent, id); };
         onFake.fake->corruptNextDownload();
         Json::Value damaged = download();
         EXPECT_EQ(-4, damaged["error_code"].asInt()) << damaged;
