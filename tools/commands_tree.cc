@@ -157,8 +157,8 @@ CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap 
 // Deletes the remote object `rpath` below `remoteTop` (a folder with its content).
 FileOutcome deleteRemote(Session& s, std::string const& remoteTop, std::string const& rpath,
                          bool folder) {
-    beginOperation();
     std::string path = joinPath(remoteTop, rpath);
+    beginOperation(path);
     bool ok = folder ? s.agent.removeDirRecursive(path) : s.agent.removeFile(path);
     if (!ok) return failedFile(rpath, interrupted() ? ERR_CANCELED : getError(), Wanted::kFile);
     FileOutcome outcome;
@@ -389,7 +389,7 @@ int copyTree(Session& s, bool deleting) {
             unmade[rpath] = kExitError;
             continue;
         }
-        beginOperation();
+        beginOperation(joinPath(remoteTop, rpath));
         if (s.agent.createDir(joinPath(remoteTop, rpath))) {
             ++created;
         } else {

@@ -58,7 +58,9 @@ int runCommand(Invocation& inv) {
     }
     inv.args.verbose = inv.verbose;
     Session session{*agent, inv.destination, inv.args, &module};
-    beginOperation();
+    std::string subject = inv.command->name;
+    for (std::string const& path : inv.args.paths) subject += " " + path;
+    beginOperation(subject);
     int rc = kExitOk;
     try {
         rc = inv.command->run(session);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <regex>
 
 #include "backup/transfer_agent.h"
 
@@ -21,6 +22,7 @@ std::mutex gMutex;
 int gShownMask = LOG_MASK(LOG_WARNING);
 thread_local bool tHasReason = false;
 thread_local std::string tReason;
+thread_local std::string tSubject;
 
 // glibc's syslog expands %m itself; vsnprintf must not see it.
 std::string expandErrno(char const* format, int savedErrno) {
@@ -50,8 +52,11 @@ void record(int priority, char const* format, va_list args) {
         tHasReason = true;
         tReason = buffer;
     }
+    std::string worded = level == LOG_WARNING ? retryWords(buffer, tSubject) : std::string();
     std::lock_guard<std::mutex> lock(gMutex);
-    if (gShownMask & LOG_MASK(level)) {
+    bool verbose = gShownMask & LOG_MASK(LOG_DEBUG);
+    if (!worded.empty()) fprintf(stderr, "gdrive_host: %s\n", worded.c_str());
+    if ((gShownMask & LOG_MASK(level)) && (worded.empty() || verbose)) {
         fprintf(stderr, "gdrive_host[%d]: %s\n", static_cast<int>(getpid()), buffer);
     }
     errno = savedErrno;
@@ -77,9 +82,26 @@ void showPluginLog(bool verbose) {
         [](std::string const& line) { fprintf(stderr, "trace: %s\n", line.c_str()); });
 }
 
-void beginOperation() {
+void beginOperation(std::string subject) {
     tHasReason = false;
     tReason.clear();
+    tSubject = std::move(subject);
+}
+
+std::string retryWords(std::string const& line, std::string const& subject) {
+    static std::regex const retry(
+        R"(helper answered error (-?\d+) \((.*)\) after (\d+) ms; retry (\d+) of (\d+) in (\d+) ms$)");
+    std::smatch m;
+    if (!std::regex_search(line, m, retry)) return std::string();
+    auto seconds = [](std::string const& ms) {
+        char text[32];
+        snprintf(text, sizeof text, "%.1f s", std::stoll(ms) / 1000.0);
+        return std::string(text);
+    };
+    std::string what = m[2].str().empty() ? "error " + m[1].str() : m[2].str() + " (error " + m[1].str() + ")";
+    return (subject.empty() ? std::string("retrying") : "retrying " + subject) + " in " +
+           seconds(m[6]) + " (retry " + m[4].str() + " of " + m[5].str() + "): " + what +
+           ", answered after " + seconds(m[3]);
 }
 
 LoggedReason loggedReason() { return reasonFromLine(tReason); }

@@ -21,8 +21,9 @@ struct LoggedReason {
 };
 
 // Forgets the errors logged so far: call before each operation of a run,
-// from the thread that runs it.
-void beginOperation();
+// from the thread that runs it. `subject` (a remote path, say) names what the
+// operation works on in the retry lines a person sees.
+void beginOperation(std::string subject = std::string());
 
 // The first error the plug-in logged on this thread since beginOperation():
 // the deepest cause, before the callers' lines that repeat it. A drive
@@ -32,5 +33,10 @@ LoggedReason loggedReason();
 // `line` as a reason: "source:NN " prefixes dropped, an embedded answer
 // {"error_code":N,"error_message":"..."} reduced to its message and code.
 LoggedReason reasonFromLine(std::string const& line);
+
+// The channel's retry warning `line` in a person's words, naming `subject`:
+// what failed, how long the answer took and how long the pause before the
+// next try is. Empty when `line` is not a retry warning.
+std::string retryWords(std::string const& line, std::string const& subject);
 
 }  // namespace gdhost

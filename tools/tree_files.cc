@@ -47,7 +47,7 @@ TransferAgent::ProgressHook progressHook(ProgressLine& line) {
 
 FileOutcome sendTreeFile(TransferAgent& agent, std::string const& local, std::string const& remote,
                          std::string const& shown, ProgressLine& line) {
-    beginOperation();
+    beginOperation(remote);
     if (interrupted()) return transferFailed(shown, Wanted::kFile);
     FileInfo info(remote);
     int64_t before = line.bytes();
@@ -61,7 +61,7 @@ FileOutcome sendTreeFile(TransferAgent& agent, std::string const& local, std::st
 FileOutcome receiveTreeFile(TransferAgent& agent, std::string const& remote,
                             std::string const& local, int64_t size, std::string const& shown,
                             ProgressLine& line) {
-    beginOperation();
+    beginOperation(remote);
     if (interrupted()) return transferFailed(shown, Wanted::kFile);
     FileInfo info(remote);
     int64_t before = line.bytes();

@@ -112,7 +112,7 @@ Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
     std::string const remote = job["remote"].asString();
     Json::Value result(Json::objectValue);
     bool ok = false;
-    beginOperation();
+    beginOperation(remote);
     setError(ERR_NONE);
     if (interrupted()) {
         setError(ERR_CANCELED);

@@ -280,6 +280,7 @@ bool AgentClient::sendRequest(Json::Value const& request) {
         dropChannel(_send_failure);
         return false;
     }
+    _sent_at = Clock::now();
     return true;
 }
 
@@ -336,11 +337,16 @@ bool AgentClient::readAnswer(Json::Value& response, bool& retry,
         _retry_streak = 0;
         return false;
     }
-    // Warned, not debugged: a person waiting on a command sees why it is slow.
+    // Warned, not debugged: a person waiting on a command sees why it is slow,
+    // and how long the answer took (the helper may have waited on the service)
+    // as well as the pause that follows.
     int units = backoffUnits(_retry_streak);
-    syslog(LOG_WARNING, "%s:%d helper answered error %d (%s); retry %d of %d after %lld ms",
+    long long const tookMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - _sent_at).count();
+    syslog(LOG_WARNING, "%s:%d helper answered error %d (%s) after %lld ms; retry %d of %d in %lld ms",
            kLogSource, __LINE__, response.get("error_code", -1).asInt(),
-           response.get("error_message", "").asString().c_str(), _retry_streak, _max_attempts - 1,
+           response.get("error_message", "").asString().c_str(), tookMs, _retry_streak,
+           _max_attempts - 1,
            static_cast<long long>(units) *
                envMilliseconds("TAVO_AGENT_PAUSE_UNIT_MS", kDefaultPauseUnitMs));
     if (!pause(units)) {

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <boost/function.hpp>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -167,6 +168,8 @@ class AgentClient {
     size_t _read_pos = 0;
     size_t _read_end = 0;
     char const* _send_failure = nullptr;  // why the last sendRequest() failed
+    // When the last request was sent: a retry line says how long its answer took.
+    std::chrono::steady_clock::time_point _sent_at{};
 };
 
 }  // namespace Backup

@@ -255,6 +255,7 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
     write(path("file"), "content");
     mkfifo(path("fifo").c_str(), 0600);
     fs::create_directory(path("folder"));
+    write(path("folder/f"), "f");
     fs::create_symlink(path("file"), path("link"));
     write(path("profile"), "target = nas1.hbk\ncolour = blue\n");
     DriveEmulator::Fault const none = DriveEmulator::Fault::delay("none", 0);
@@ -289,7 +290,11 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
          {"put", path("file"), "x"},
          7,
          "put x: error 2002, quota exceeded"},
-        {DriveEmulator::Fault::fail("*", 503).forNext(2), {"ls"}, 0, "retry 2 of 9"},
+        {DriveEmulator::Fault::fail("*", 503).forNext(2), {"ls"}, 0, "retrying ls in 0.0 s (retry 2 of 9): "},
+        {DriveEmulator::Fault::fail("uploadFile", 503).forNext(1),
+         {"copy", path("folder"), "c"},
+         0,
+         "retrying c/f in 0.0 s (retry 1 of 9): "},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.words);
