@@ -92,6 +92,8 @@ std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConf
                 config.clientId = v;
             else if (key == "client_secret")
                 config.clientSecret = v;
+            else if (key == "shared_drive")
+                config.sharedDrive = v;
             else if (key == "stall_seconds")
                 config.stallSeconds = std::max(1L, std::atol(v.c_str()));
         }

@@ -21,6 +21,9 @@ struct AgentConfig {
     std::string accessToken;   // may be empty
     std::string userAgent;     // TAVO_USER_AGENT of the handshake, sent with every request
     long stallSeconds = 60;    // a connection that moves nothing this long is given up
+    // The id of a shared drive whose root stands for the account's root; empty:
+    // My Drive.
+    std::string sharedDrive;
 };
 
 using EnvLookup = std::function<char const*(char const* name)>;
@@ -28,7 +31,8 @@ using EnvLookup = std::function<char const*(char const* name)>;
 // Reads the configuration: the environment of the handshake, then the first
 // file found of $DRIVE_AGENT_CONF, "drive_agent.conf" beside `argv0`,
 // "$TAVO_ROOT/usr/bin/drive_agent.conf" (lines "key = value": api_url,
-// token_url, auth_url, ca_file, client_id, client_secret, stall_seconds). Returns the
+// token_url, auth_url, ca_file, client_id, client_secret, stall_seconds,
+// shared_drive). Returns the
 // reason the agent cannot start, or empty. Plain http:// is accepted only for
 // loopback hosts.
 std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConfig& config);

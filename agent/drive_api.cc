@@ -56,6 +56,18 @@ Json::Value DriveApi::call(HttpRequest const& request) {
     return response.body.empty() ? Json::Value() : parseJson(response.body);
 }
 
+std::string DriveApi::resolveRoot(std::string const& id) const {
+    return id == "root" && !_config.sharedDrive.empty() ? _config.sharedDrive : id;
+}
+
+std::string DriveApi::listScope() const {
+    if (_config.sharedDrive.empty()) return "";
+    // A shared drive's items are left out of every listing unless all three
+    // say so; corpora=drive keeps the search to that one drive.
+    return "&supportsAllDrives=true&includeItemsFromAllDrives=true&corpora=drive&driveId=" +
+           _http.escape(_config.sharedDrive);
+}
+
 Json::Value parseJson(std::string const& text) {
     Json::CharReaderBuilder builder;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());

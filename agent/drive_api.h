@@ -37,6 +37,11 @@ class DriveApi {
 
     Http& http() { return _http; }
     AgentConfig const& config() const { return _config; }
+    // `id` with "root" standing for the configured shared drive's root.
+    std::string resolveRoot(std::string const& id) const;
+    // The parameters a files.list needs to see the configured shared drive's
+    // items (and only them); empty for My Drive.
+    std::string listScope() const;
 
   private:
     Http& _http;

@@ -12,6 +12,8 @@ namespace DriveAgent {
 
 char const* const kQuotaMessage = "The user's Drive storage quota has been exceeded.";
 char const* const kDailyLimitMessage = "Drive's daily upload limit reached; run again tomorrow";
+char const* const kSharedDriveFullMessage =
+    "the shared drive holds Drive's limit of 400,000 items; nothing more can be stored in it";
 
 namespace {
 
@@ -88,6 +90,7 @@ AgentFailure driveFailure(long status, std::string const& body) {
         reason == "quotaExceeded") {
         return AgentFailure(403, "Rate Limit Exceeded");
     }
+    if (reason == "teamDriveFileLimitExceeded") return AgentFailure(403, kSharedDriveFullMessage);
     if (reason == "storageQuotaExceeded") {
         return AgentFailure(403, kQuotaMessage);
     }

@@ -16,6 +16,9 @@ extern char const* const kQuotaMessage;
 // What the agent answers (403) when Drive's daily upload allowance is spent:
 // no retry helps before the next day, and the host tool stops its run on it.
 extern char const* const kDailyLimitMessage;
+// What the agent answers (403) when a shared drive holds as many items as
+// Drive allows: nothing more can be stored there until some are removed.
+extern char const* const kSharedDriveFullMessage;
 
 // The failure a Drive API answer with `status` (400 or above) and `body`
 // stands for: a rate limit becomes 403 "User Rate Limit Exceeded" or "Rate

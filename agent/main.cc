@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -103,7 +104,12 @@ class Agent {
                                         member + (value.isNull() ? "'" : "' must be a string"));
             }
         }
-        auto arg = [&](char const* name) { return request.get(name, "").asString(); };
+        auto arg = [&](char const* name) {
+            std::string value = request.get(name, "").asString();
+            if (!strcmp(name, "id") || !strcmp(name, "parentId")) return _api.resolveRoot(value);
+            if (!strcmp(name, "queryFilter")) return rootInQuery(value);
+            return value;
+        };
         std::string const name = fn.asString();
         if (name == "getObjectMeta") return getObjectMeta(_api, arg("id"));
         if (name == "listObjects") return listObjects(_api, arg("queryFilter"), arg("pageToken"));
@@ -115,6 +121,17 @@ class Agent {
         bool const empty = name == "uploadEmptyFile" || name == "updateEmptyFile";
         UploadTarget target{arg("id"), arg("name"), arg("parentId")};
         return uploadContent(_api, _ids, target, arg("inputPath"), empty, _out);
+    }
+
+    // The plug-in names the account's root "root" in its queries too.
+    std::string rootInQuery(std::string query) const {
+        std::string const root = "'root' in parents";
+        std::string const shared = "'" + _api.resolveRoot("root") + "' in parents";
+        for (size_t at = query.find(root); at != std::string::npos;
+             at = query.find(root, at + shared.size())) {
+            query.replace(at, root.size(), shared);
+        }
+        return query;
     }
 
     Http _http;

@@ -50,6 +50,7 @@ Json::Value listObjects(DriveApi& api, std::string const& query, std::string con
     std::string params = "q=" + http.escape(q) + "&pageSize=1000&fields=" +
                          http.escape(std::string("nextPageToken,files(") + kFileFields + ")");
     if (!pageToken.empty()) params += "&pageToken=" + http.escape(pageToken);
+    params += api.listScope();
     Json::Value answer = api.call(api.api("GET", "files", params));
     Json::Value response(Json::objectValue);
     response["success"] = true;

@@ -13,6 +13,8 @@ namespace gdhost {
 using namespace TAVO::Backup;
 
 char const* const kDailyUploadLimit = "Drive's daily upload limit reached; run again tomorrow";
+char const* const kSharedDriveFull =
+    "the shared drive holds Drive's limit of 400,000 items; nothing more can be stored in it";
 
 char const* meaningOf(int engineCode) {
     switch (engineCode) {
@@ -113,13 +115,14 @@ Failure describeFailure(int engineCode, Wanted wanted) {
         (engineCode == ERR_GENERAL && reason.text.find(strerror(ENOSPC)) != std::string::npos);
     failure.stopsRun = engineCode == ERR_CREDENTIALS || engineCode == ERR_REMOTE_QUOTA ||
                        diskFull || failure.exitCode == kExitCanceled;
-    // The plug-in maps it as any refusal; every further upload today would
-    // meet it too.
-    if (engineCode == ERR_REMOTE_REFUSED &&
-        reason.text.find(kDailyUploadLimit) != std::string::npos) {
-        failure.words = kDailyUploadLimit;
-        failure.exitCode = kExitFatal;
-        failure.stopsRun = true;
+    // The plug-in maps these as any refusal; every further upload (today, or
+    // until the shared drive is cleared) would meet them too.
+    for (char const* limit : {kDailyUploadLimit, kSharedDriveFull}) {
+        if (engineCode == ERR_REMOTE_REFUSED && reason.text.find(limit) != std::string::npos) {
+            failure.words = limit;
+            failure.exitCode = kExitFatal;
+            failure.stopsRun = true;
+        }
     }
     return failure;
 }

@@ -43,6 +43,8 @@ struct Failure {
 // What the drive agent says when Drive's daily upload allowance is spent;
 // the run stops on it with kExitFatal.
 extern char const* const kDailyUploadLimit;
+// The drive agent's words for a shared drive that holds all the items it may.
+extern char const* const kSharedDriveFull;
 
 // Describes the failure of the operation begun last on this thread
 // (beginOperation()): `engineCode` and the reason the plug-in logged.

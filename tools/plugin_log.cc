@@ -98,7 +98,8 @@ std::string retryWords(std::string const& line, std::string const& subject) {
         snprintf(text, sizeof text, "%.1f s", std::stoll(ms) / 1000.0);
         return std::string(text);
     };
-    std::string what = m[2].str().empty() ? "error " + m[1].str() : m[2].str() + " (error " + m[1].str() + ")";
+    std::string what =
+        m[2].str().empty() ? "error " + m[1].str() : m[2].str() + " (error " + m[1].str() + ")";
     return (subject.empty() ? std::string("retrying") : "retrying " + subject) + " in " +
            seconds(m[6]) + " (retry " + m[4].str() + " of " + m[5].str() + "): " + what +
            ", answered after " + seconds(m[3]);

@@ -194,6 +194,7 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
         sendError(res, 401, "authError", "Invalid Credentials");
         return httplib::Server::HandlerResponse::Handled;
     }
+    if (sharedDriveRefuses(state, req, res)) return httplib::Server::HandlerResponse::Handled;
     return httplib::Server::HandlerResponse::Unhandled;
 }
 
@@ -425,8 +426,10 @@ void addMetadataRoutes(FakeDrive::State& state) {
             Json::Value answer(Json::objectValue);
             answer["kind"] = "drive#fileList";
             answer["files"] = Json::Value(Json::arrayValue);
-            for (auto const& object : page.objects)
+            for (auto const& object : page.objects) {
+                if (!listedFor(s, req, object.id)) continue;
                 answer["files"].append(fileResource(object, "", nativeTypeOf(s, object.id)));
+            }
             if (!page.nextPageToken.empty()) answer["nextPageToken"] = page.nextPageToken;
             sendJson(res, answer);
         } catch (Error const& e) {
@@ -434,6 +437,7 @@ void addMetadataRoutes(FakeDrive::State& state) {
         }
     });
     s.server->Post("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
+        if (createRefused(s, req, res)) return;
         Json::Value meta = parseBody(req.body);
         std::lock_guard<std::mutex> guard(s.lock);
         try {

@@ -103,6 +103,12 @@ class FakeDrive {
     void redirectNextMedia(int count);
     // The next alt=media answer carries one byte other than the file's.
     void corruptNextDownload();
+    // The folder `id` plays the root of a shared drive from now on: what lies
+    // below it is served only to requests with supportsAllDrives=true, listed
+    // only with includeItemsFromAllDrives=true and corpora=drive (driveId
+    // `id`) or allDrives, and at most `itemLimit` items can be created in it
+    // (403 teamDriveFileLimitExceeded past that; Drive's limit is 400,000).
+    void makeSharedDrive(std::string const& id, int itemLimit);
 
     Counters& counters();
     // The User-Agent header of the last API request.

@@ -86,6 +86,11 @@ struct FakeDrive::State {
     std::condition_variable stopped;  // wakes delayed requests when the fake goes
     std::map<std::string, UploadSession> sessions;
     Counters counters;
+    // The folder that plays a shared drive's root (empty: none), how many
+    // items may be created in it and how many were.
+    std::string sharedDrive;
+    int sharedDriveLimit = 0;
+    int sharedDriveItems = 0;
 };
 
 // Drive's error body for `status`, with `reason` and `message`.
@@ -100,6 +105,19 @@ Json::Value fileResource(DriveEmulator::Object const& object, std::string const&
 // The MIME type of a Google-native object, empty for others.
 std::string nativeTypeOf(FakeDrive::State& state, std::string const& id);
 void sendJson(httplib::Response& res, Json::Value const& value, int status = 200);
+
+// Shared drive rules (fake_shared_drive.cc), with the state's lock held.
+// Whether `id` lies in the shared drive (is its root or below it).
+bool inSharedDrive(FakeDrive::State& state, std::string id);
+// Answers `req` with Drive's refusal when it touches the shared drive without
+// saying it supports shared drives, lists with contradictory parameters, or
+// creates an item past the drive's limit; false when it may be served.
+bool sharedDriveRefuses(FakeDrive::State& state, httplib::Request const& req,
+                        httplib::Response& res);
+// sharedDriveRefuses for a create, once its body is read; takes the lock.
+bool createRefused(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res);
+// Whether the listing `req` shows the object `id`.
+bool listedFor(FakeDrive::State& state, httplib::Request const& req, std::string const& id);
 
 // Content routes: resumable uploads.
 void addTransferRoutes(FakeDrive::State& state);

@@ -260,6 +260,7 @@ void addTransferRoutes(FakeDrive::State& state) {
     auto& s = state;
     s.server->Post("/upload/drive/v3/files",
                    [&s](httplib::Request const& req, httplib::Response& res) {
+                       if (createRefused(s, req, res)) return;
                        startSession(s, req, res, "");
                    });
     s.server->Patch(R"(/upload/drive/v3/files/([^/]+))",

@@ -343,7 +343,8 @@ bool AgentClient::readAnswer(Json::Value& response, bool& retry,
     int units = backoffUnits(_retry_streak);
     long long const tookMs =
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - _sent_at).count();
-    syslog(LOG_WARNING, "%s:%d helper answered error %d (%s) after %lld ms; retry %d of %d in %lld ms",
+    syslog(LOG_WARNING,
+           "%s:%d helper answered error %d (%s) after %lld ms; retry %d of %d in %lld ms",
            kLogSource, __LINE__, response.get("error_code", -1).asInt(),
            response.get("error_message", "").asString().c_str(), tookMs, _retry_streak,
            _max_attempts - 1,

@@ -6,6 +6,7 @@
 #include <json/reader.h>
 
 #include <chrono>
+#include <fstream>
 
 #include "agent_fixture.h"
 #include "googledrive_client.h"
@@ -193,4 +194,38 @@ TEST_F(RealService, TheFakeAnswersOnlyTheFieldsAskedForAndKnowsItsClients) {
     EXPECT_EQ(drive->stat(id).md5, record["properties"]["md5Checksum"].asString());
     EXPECT_LT(0, record["properties"]["lastModified"].asInt64());
     EXPECT_FALSE(record["properties"]["isTrash"].isNull());
+}
+
+TEST_F(RealService, ADestinationInASharedDriveLivesBelowTheDrivesRootAndWithinItsLimit) {
+    std::string const team = drive->mkdir(drive->rootId(), "Team");
+    drive->put(drive->rootId(), "mine", "in My Drive");
+    fake->makeSharedDrive(team, 3);
+    std::ofstream(scratch + "/drive_agent.conf", std::ios::app)
+        << "shared_drive = " << team << "\n";
+    auto agent = start();
+    EXPECT_EQ(team, agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["id"].asString());
+    Json::Value folder =
+        agent->call(req({{"fn", "createFolder"}, {"name", "Backups"}, {"parentId", "root"}}));
+    ASSERT_TRUE(folder["success"].asBool()) << folder;
+    Json::Value top =
+        agent->call(req({{"fn", "listObjects"}, {"queryFilter", "'root' in parents"}}));
+    ASSERT_EQ(1u, top["objects"].size()) << top;  // neither "mine" nor the drive itself
+    EXPECT_EQ("Backups", top["objects"][0]["name"].asString());
+    writeFile(scratch + "/in", "backup data");
+    std::string const into = folder["id"].asString();
+    Json::Value up = agent->transfer(EmulatorTest::upload(into, scratch + "/in")).back();
+    ASSERT_TRUE(up["success"].asBool()) << up;
+    EXPECT_TRUE(download(*agent, up["id"].asString())["success"].asBool());
+    EXPECT_TRUE(
+        agent->call(req({{"fn", "createFolder"}, {"name", "third"}, {"parentId", into}}))["success"]
+            .asBool());
+    Json::Value full =
+        agent->transfer(EmulatorTest::upload(into, scratch + "/in", "fourth")).back();
+    EXPECT_EQ(403, full["error_code"].asInt()) << full;
+    EXPECT_EQ(
+        "the shared drive holds Drive's limit of 400,000 items; nothing more can be stored in it",
+        full["error_message"].asString());
+    EXPECT_FALSE(TAVO::Backup::needRetry(full));
+    EXPECT_TRUE(agent->call(req({{"fn", "deleteObject"}, {"id", up["id"].asString()}}))["success"]
+                    .asBool());
 }
