@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "drive_errors.h"
+#include "drive_text.h"
 
 namespace DriveAgent {
 
@@ -107,7 +108,8 @@ Json::Value objectRecord(Json::Value const& file) {
     Json::Value record(Json::objectValue);
     record["id"] = file.get("id", "").asString();
     Json::Value const& parents = file["parents"];
-    if (parents.isArray() && !parents.empty()) record["name"] = file.get("name", "").asString();
+    if (parents.isArray() && !parents.empty())
+        record["name"] = fromDriveText(file.get("name", "").asString());
     Json::Value& list = record["parents"] = Json::Value(Json::arrayValue);
     if (parents.isArray()) {
         for (auto const& parent : parents) list.append(parent.asString());
@@ -153,6 +155,10 @@ std::string notDownloadable(std::string const& mimeType) {
 std::string toLine(Json::Value const& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
+    // Strings go out as their bytes: a name that is not UTF-8 reaches the
+    // plug-in unchanged (JsonCpp's escaping would garble it), and what goes
+    // to Drive is valid UTF-8 already (toDriveText).
+    builder["emitUTF8"] = true;
     return Json::writeString(builder, value);
 }
 

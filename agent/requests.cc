@@ -1,6 +1,7 @@
 #include "requests.h"
 
 #include "agent_failure.h"
+#include "drive_text.h"
 
 namespace DriveAgent {
 
@@ -46,7 +47,8 @@ Json::Value getObjectMeta(DriveApi& api, std::string const& id) {
 
 Json::Value listObjects(DriveApi& api, std::string const& query, std::string const& pageToken) {
     Http& http = api.http();
-    std::string q = query.empty() ? "trashed = false" : "(" + query + ") and trashed = false";
+    std::string q =
+        query.empty() ? "trashed = false" : "(" + toDriveText(query) + ") and trashed = false";
     std::string params = "q=" + http.escape(q) + "&pageSize=1000&fields=" +
                          http.escape(std::string("nextPageToken,files(") + kFileFields + ")");
     if (!pageToken.empty()) params += "&pageToken=" + http.escape(pageToken);
@@ -66,7 +68,7 @@ Json::Value createFolder(DriveApi& api, IdPool& ids, std::string const& name,
                          std::string const& parentId) {
     Json::Value body(Json::objectValue);
     body["id"] = ids.forCreate(parentId, name, true);
-    body["name"] = name;
+    body["name"] = toDriveText(name);
     body["mimeType"] = "application/vnd.google-apps.folder";
     body["parents"].append(parentId);
     HttpRequest request = api.apiJson("POST", "files", fileQuery(api), body);

@@ -12,6 +12,7 @@
 #include "agent_failure.h"
 #include "background_digest.h"
 #include "drive_errors.h"
+#include "drive_text.h"
 
 namespace DriveAgent {
 
@@ -94,7 +95,7 @@ HttpRequest Session::startRequest(std::string const& uploadType) {
     if (create) {
         if (_new_id.empty()) _new_id = _ids.forCreate(_target.parentId, _target.name, false);
         meta["id"] = _new_id;
-        meta["name"] = _target.name;
+        meta["name"] = toDriveText(_target.name);
         meta["parents"].append(_target.parentId);
     } else {
         path += "/" + _api.http().escape(_made_before ? _new_id : _target.id);

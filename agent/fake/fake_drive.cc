@@ -194,6 +194,10 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
         sendError(res, 401, "authError", "Invalid Credentials");
         return httplib::Server::HandlerResponse::Handled;
     }
+    if (!isUtf8(req.get_param_value("q"))) {
+        sendError(res, 400, "invalid", "Invalid Value");
+        return httplib::Server::HandlerResponse::Handled;
+    }
     if (sharedDriveRefuses(state, req, res)) return httplib::Server::HandlerResponse::Handled;
     return httplib::Server::HandlerResponse::Unhandled;
 }

@@ -47,6 +47,10 @@ struct Counters {
     std::atomic<int> prettyPrinted{0};        // API requests without prettyPrint=false
 };
 
+// Whether `text` is valid UTF-8 (lead and continuation bytes), as Drive
+// wants its JSON bodies and queries.
+bool isUtf8(std::string const& text);
+
 class FakeDrive {
   public:
     // Serves the account in `dataFolder` (an emulator data folder with an

@@ -114,7 +114,8 @@ bool inSharedDrive(FakeDrive::State& state, std::string id);
 // creates an item past the drive's limit; false when it may be served.
 bool sharedDriveRefuses(FakeDrive::State& state, httplib::Request const& req,
                         httplib::Response& res);
-// sharedDriveRefuses for a create, once its body is read; takes the lock.
+// Drive's refusal of a create once its body is read: a JSON body that is not
+// UTF-8, or sharedDriveRefuses; takes the lock.
 bool createRefused(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res);
 // Whether the listing `req` shows the object `id`.
 bool listedFor(FakeDrive::State& state, httplib::Request const& req, std::string const& id);

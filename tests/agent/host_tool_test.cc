@@ -4,6 +4,7 @@
 // the browser.
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <json/reader.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -218,4 +219,21 @@ TEST(HostTool, DrivesDailyUploadLimitStopsTheRunAtOnceInWords) {
         << copy.second;
     // One upload tried, neither retried nor followed by the others.
     EXPECT_EQ(1, f.fake->counters().failuresServed.load()) << copy.second;
+}
+
+TEST(HostTool, ANameThatIsNotUtf8IsBackedUpCheckedAndRestoredByteForByte) {
+    AgentOnFake f;
+    std::string const name = "latin1-\xe9t\xe9";
+    std::filesystem::create_directory(f.scratch + "/tree");
+    writeFile(f.scratch + "/tree/" + name, "old share");
+    ASSERT_EQ(0, host(f, "init").first);
+    auto copy = host(f, "copy " + f.scratch + "/tree Pool");
+    ASSERT_EQ(0, copy.first) << copy.second;
+    auto check = host(f, "check --json " + f.scratch + "/tree Pool");
+    EXPECT_EQ(0, check.first) << check.second;
+    Json::Value report;
+    EXPECT_TRUE(Json::Reader().parse(check.second, report)) << check.second;
+    auto restore = host(f, "restore Pool " + f.scratch + "/back");
+    ASSERT_EQ(0, restore.first) << restore.second;
+    EXPECT_EQ("old share", readFile(f.scratch + "/back/" + name));
 }

@@ -229,3 +229,29 @@ TEST_F(RealService, ADestinationInASharedDriveLivesBelowTheDrivesRootAndWithinIt
     EXPECT_TRUE(agent->call(req({{"fn", "deleteObject"}, {"id", up["id"].asString()}}))["success"]
                     .asBool());
 }
+
+TEST_F(RealService, NamesThatAreNotUtf8TravelAsValidTextAndComeBackByteForByte) {
+    auto agent = start();
+    std::string const root = drive->rootId();
+    // Latin-1, bytes never valid in UTF-8, valid UTF-8, and one of the
+    // stand-ins' own code points (U+10FE80), which must not be taken for one.
+    for (std::string name :
+         {"latin1-\xe9t\xe9", "\xff\xfe", "\xc3\xa9t\xc3\xa9", "\xf4\x8f\xba\x80"}) {
+        SCOPED_TRACE(name);
+        Json::Value made =
+            agent->call(req({{"fn", "createFolder"}, {"name", name}, {"parentId", root}}));
+        ASSERT_TRUE(made["success"].asBool()) << made;
+        EXPECT_EQ(name, made["name"].asString());
+        std::string stored = drive->stat(made["id"].asString()).name;
+        EXPECT_TRUE(DriveFake::isUtf8(stored));
+        EXPECT_EQ(name == "\xc3\xa9t\xc3\xa9", stored == name);
+        Json::Value found = agent->call(
+            req({{"fn", "listObjects"},
+                 {"queryFilter", "name = '" + name + "' and '" + root + "' in parents"}}));
+        ASSERT_EQ(1u, found["objects"].size()) << found;
+        EXPECT_EQ(name, found["objects"][0]["name"].asString());
+    }
+    writeFile(scratch + "/in", "x");
+    Json::Value up = agent->transfer(EmulatorTest::upload(root, scratch + "/in", "caf\xe9")).back();
+    EXPECT_EQ("caf\xe9", up["name"].asString()) << up;
+}

@@ -68,6 +68,7 @@ void EmulatorProcess::writeLine(std::string const& line) {
 void EmulatorProcess::send(Json::Value const& request) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
+    builder["emitUTF8"] = true;  // strings as their bytes, as the plug-in sends them
     writeLine(Json::writeString(builder, request));
 }
 
