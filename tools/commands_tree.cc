@@ -390,7 +390,7 @@ int copyTree(Session& s, bool deleting) {
             continue;
         }
         beginOperation(joinPath(remoteTop, rpath));
-        if (s.agent.createDir(joinPath(remoteTop, rpath))) {
+        if (createFolderOnceMore(s.agent, joinPath(remoteTop, rpath))) {
             ++created;
         } else {
             FileOutcome failed =

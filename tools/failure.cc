@@ -115,6 +115,9 @@ Failure describeFailure(int engineCode, Wanted wanted) {
         (engineCode == ERR_GENERAL && reason.text.find(strerror(ENOSPC)) != std::string::npos);
     failure.stopsRun = engineCode == ERR_CREDENTIALS || engineCode == ERR_REMOTE_QUOTA ||
                        diskFull || failure.exitCode == kExitCanceled;
+    failure.passing = failure.exitCode == kExitTemporary ||
+                      (engineCode == ERR_GENERAL &&
+                       reason.text.find("helper channel closed") != std::string::npos);
     // The plug-in maps these as any refusal; every further upload (today, or
     // until the shared drive is cleared) would meet them too.
     for (char const* limit : {kDailyUploadLimit, kSharedDriveFull}) {

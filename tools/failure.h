@@ -38,6 +38,9 @@ struct Failure {
     // True for failures that every further file would meet too (credentials
     // refused, quota exceeded, local disk full, cancelled): a tree stops.
     bool stopsRun = false;
+    // True for failures that may pass: the drive agent went away, or the
+    // service kept failing for a while; the same request may work once more.
+    bool passing = false;
 };
 
 // What the drive agent says when Drive's daily upload allowance is spent;

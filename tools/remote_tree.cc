@@ -1,11 +1,14 @@
 #include "remote_tree.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <list>
 #include <sstream>
 
 #include "backup/error.h"
+#include "failure.h"
 #include "interrupt.h"
+#include "plugin_log.h"
 
 namespace gdhost {
 
@@ -78,13 +81,23 @@ bool remoteEntries(TransferAgent& agent, std::string const& top, bool missingIsE
     return ok || (missingIsEmpty && getError() == ERR_REMOTE_NOT_FOUND);
 }
 
+bool createFolderOnceMore(TransferAgent& agent, std::string const& path) {
+    if (agent.createDir(path)) return true;
+    Failure const failure = describeFailure(getError(), Wanted::kFolder);
+    if (interrupted() || !failure.passing) return false;
+    fprintf(stderr, "gdrive_host: asking once more for folder %s (%s)\n", path.c_str(),
+            failure.words.c_str());
+    beginOperation(path);
+    return agent.createDir(path);
+}
+
 bool makeRemoteFolders(TransferAgent& agent, std::string const& path) {
     std::string prefix;
     std::stringstream parts(path);
     std::string part;
     while (std::getline(parts, part, '/')) {
         prefix = joinPath(prefix, part);
-        if (!agent.createDir(prefix)) return false;
+        if (!createFolderOnceMore(agent, prefix)) return false;
     }
     return true;
 }

@@ -45,6 +45,13 @@ bool remoteEntries(TAVO::Backup::TransferAgent& agent, std::string const& top, b
                    std::map<std::string, TAVO::Backup::FileInfo>& entries,
                    std::function<void()> const& onFolder = nullptr);
 
+// Creates the folder `path` (its parent exists); after a failure that may
+// pass (the drive agent went away, say) asks once more, through the new
+// drive agent the plug-in then starts. The plug-in looks for the folder
+// before it makes one, so a first attempt that was applied is found, not
+// repeated. False with the engine's error code set when both failed.
+bool createFolderOnceMore(TAVO::Backup::TransferAgent& agent, std::string const& path);
+
 // Creates the folder `path` and every missing parent. False with the engine's
 // error code set on the first failure.
 bool makeRemoteFolders(TAVO::Backup::TransferAgent& agent, std::string const& path);

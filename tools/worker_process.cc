@@ -124,7 +124,8 @@ Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
         result["entries"] = Json::Value(Json::arrayValue);
         for (FileInfo const& info : listed) result["entries"].append(entryOf(info));
     } else if (op == "mkdir") {
-        ok = job["parents"].asBool() ? makeRemoteFolders(agent, remote) : agent.createDir(remote);
+        ok = job["parents"].asBool() ? makeRemoteFolders(agent, remote)
+                                     : createFolderOnceMore(agent, remote);
     } else if (op == "remove") {
         ok = job["folder"].asBool() ? agent.removeDirRecursive(remote) : agent.removeFile(remote);
     } else if (op == "send" || op == "recv") {

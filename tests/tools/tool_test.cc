@@ -290,11 +290,19 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
          {"put", path("file"), "x"},
          7,
          "put x: error 2002, quota exceeded"},
-        {DriveEmulator::Fault::fail("*", 503).forNext(2), {"ls"}, 0, "retrying ls in 0.0 s (retry 2 of 9): "},
+        {DriveEmulator::Fault::fail("*", 503).forNext(2),
+         {"ls"},
+         0,
+         "retrying ls in 0.0 s (retry 2 of 9): "},
         {DriveEmulator::Fault::fail("uploadFile", 503).forNext(1),
          {"copy", path("folder"), "c"},
          0,
          "retrying c/f in 0.0 s (retry 1 of 9): "},
+        // The drive agent made the folder, then went away: asked once more, found.
+        {DriveEmulator::Fault::exitAfterApply("createFolder"),
+         {"copy", path("folder"), "d"},
+         0,
+         "asking once more for folder d (error 1, general failure: helper channel closed"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.words);
