@@ -55,7 +55,10 @@ FileOutcome sendTreeFile(TransferAgent& agent, std::string const& local, std::st
         return transferFailed(shown, Wanted::kFile);
     }
     line.fileDone(info.getSize() - (line.bytes() - before));
-    return doneFile(shown);
+    FileOutcome done = doneFile(shown);
+    done.md5 = info.getChecksum();
+    done.remoteMtime = info.getMtime();
+    return done;
 }
 
 FileOutcome receiveTreeFile(TransferAgent& agent, std::string const& remote,
