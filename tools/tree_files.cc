@@ -36,7 +36,9 @@ FileOutcome transferFailed(std::string const& shown, Wanted wanted) {
 
 }  // namespace
 
-mode_t newFileMode() { return 0666 & ~gUmask; }
+mode_t underUmask(mode_t mode) { return mode & 0777 & ~gUmask; }
+
+mode_t newFileMode() { return underUmask(0666); }
 
 TransferAgent::ProgressHook progressHook(ProgressLine& line) {
     return [&line](long bytes) {

@@ -79,7 +79,7 @@ bool applyStoredMeta(std::string const& local, TAVO::Backup::FileInfo const& rem
         times[1].tv_sec = remote.getMtime();
         times[1].tv_nsec = 0;
     }
-    mode_t const mode = stored ? (stored->mode & 0777) : newFileMode();
+    mode_t const mode = stored ? underUmask(stored->mode) : newFileMode();
     return chmod(local.c_str(), mode) == 0 && utimensat(AT_FDCWD, local.c_str(), times, 0) == 0;
 }
 

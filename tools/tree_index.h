@@ -54,8 +54,9 @@ class TreeIndex {
 
 // Gives the restored file `local` the time of the remote file `remote`
 // (to the nanosecond when `stored` records it, else to the second) and the
-// mode `stored` recorded (read, write and execute bits), else the mode a new
-// file gets under the umask. Stops at the first failure; false with errno set.
+// mode `stored` recorded (its read, write and execute bits, an execute bit
+// too), else that of a new file, under the umask either way. Stops at the
+// first failure; false with errno set.
 bool applyStoredMeta(std::string const& local, TAVO::Backup::FileInfo const& remote,
                      StoredFile const* stored);
 
