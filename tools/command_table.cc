@@ -2,6 +2,7 @@
 
 #include "commands.h"
 #include "destination_lock.h"
+#include "exclude_rules.h"
 #include "failure.h"
 
 namespace gdhost {
@@ -58,11 +59,18 @@ void filters(CLI::App& c, CommandArgs& a) {
                  "leave out what matches this glob (* within a name, ** across folders, a "
                  "leading / anchors at the top, a trailing / matches folders only)")
         ->allow_extra_args(false)
-        ->type_name("PATTERN");
+        ->type_name("PATTERN")
+        ->check(CLI::Validator(
+            [](std::string& pattern) {
+                std::string error;
+                return ExcludeRules().add(pattern, error) ? "" : error;
+            },
+            ""));
     c.add_option("--exclude-from", a.excludeFrom,
                  "read exclude patterns from FILE, one a line (# starts a comment)")
         ->allow_extra_args(false)
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
 }
 
 void json(CLI::App& c, CommandArgs& a) {

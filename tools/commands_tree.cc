@@ -50,7 +50,7 @@ bool readRules(Session& s, char const* command, ExcludeRules& rules) {
     bool ok = true;
     for (auto const& pattern : s.args.excludes) ok = ok && rules.add(pattern, error);
     for (auto const& file : s.args.excludeFrom) ok = ok && rules.addFrom(file, error);
-    if (!ok) reportProblem(std::string(command) + ": " + error, kExitUsage);
+    if (!ok) reportProblem(std::string(command) + ": exclude " + error, kExitUsage);
     return ok;
 }
 

@@ -75,7 +75,7 @@ bool ExcludeRules::add(std::string pattern, std::string& error) {
     rule.folderOnly = !pattern.empty() && pattern.back() == '/';
     if (rule.folderOnly) pattern.pop_back();
     if (pattern.empty()) {
-        error = "--exclude: an empty pattern matches nothing";
+        error = "an empty pattern matches nothing";
         return false;
     }
     for (size_t i = 0; i < pattern.size(); ++i) {
@@ -84,7 +84,7 @@ bool ExcludeRules::add(std::string pattern, std::string& error) {
         } else if (pattern[i] == '[') {
             i = setEnd(pattern, i);
             if (i == std::string::npos) {
-                error = "--exclude " + pattern + ": a \"[\" is not closed";
+                error = pattern + ": a \"[\" is not closed";
                 return false;
             }
         }
@@ -97,7 +97,7 @@ bool ExcludeRules::add(std::string pattern, std::string& error) {
 bool ExcludeRules::addFrom(std::string const& file, std::string& error) {
     std::ifstream in(file);
     if (!in) {
-        error = "--exclude-from " + file + ": " + strerror(errno);
+        error = file + ": " + strerror(errno);
         return false;
     }
     for (std::string line; std::getline(in, line);) {
