@@ -391,6 +391,9 @@ TEST_F(ToolTest, IndexedCopyAndResumedRestoreKeepTimes) {
     ASSERT_EQ(stat(path("back/Pool/0/bucket.1").c_str(), &restored), 0);
     EXPECT_EQ(restored.st_mtim.tv_sec, 1577934245);
     EXPECT_EQ(restored.st_mtim.tv_nsec, 123456789);  // recorded: to the nanosecond
+    ASSERT_EQ(run({"get", "backup/Pool/0/bucket.1", path("got")}).code, 0);
+    ASSERT_EQ(stat(path("got").c_str(), &restored), 0);
+    EXPECT_EQ(restored.st_mtim.tv_nsec, 123456789);
     ASSERT_EQ(stat(path("back/Control/with space/été.txt").c_str(), &restored), 0);
     EXPECT_EQ(restored.st_mtim.tv_sec, before.st_mtim.tv_sec);
     EXPECT_EQ(fs::status(path("back/a/b/c/d/deep")).permissions(), fs::perms(0750));
