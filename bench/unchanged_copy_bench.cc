@@ -7,6 +7,7 @@
 //     copy_over_find     the unchanged copy's time over that of
 //                        `find TREE -printf '%s %T@\n' >/dev/null`, the
 //                        median of three alternated pairs (_min, _max)
+//     copy1_over_find    the same with --transfers 1 (no workers)
 //     listing_over_find  `ls -R` of the remote copy over find: the part of
 //                        the copy that is the service's listing
 //     tree_files_opened  files of the tree that the unchanged copy, its
@@ -118,20 +119,24 @@ void BM_UnchangedCopy(benchmark::State& state) {
         double const init = timed(data, host({"init"}));
         double const first = timed(data, host({"copy", tree, "backup"}));
         if (init < 0 || first < 0) state.SkipWithError("the first copy failed");
-        std::vector<double> ratios, listings;
-        double copy = 0, found = 0, listed = 0;
+        std::vector<double> ratios, serial, listings;
+        double copy = 0, found = 0, listed = 0, copy1 = 0;
         for (int pair = 0; pair < 3; ++pair) {
             // Alternated, so that neither always runs on the warmer cache.
             double const f1 = pair % 2 ? timed(data, find) : 0;
             copy = timed(data, host({"copy", tree, "backup"}));
             found = pair % 2 ? f1 : timed(data, find);
             listed = timed(data, host({"ls", "-R", "backup"}));
-            if (copy < 0 || found < 0 || listed < 0) state.SkipWithError("a command failed");
+            copy1 = timed(data, host({"copy", "--transfers", "1", tree, "backup"}));
+            if (copy < 0 || found < 0 || listed < 0 || copy1 < 0)
+                state.SkipWithError("a command failed");
             ratios.push_back(copy / found);
+            serial.push_back(copy1 / found);
             listings.push_back(listed / found);
         }
         std::sort(ratios.begin(), ratios.end());
         std::sort(listings.begin(), listings.end());
+        std::sort(serial.begin(), serial.end());
         int64_t const opened = access("/usr/bin/strace", X_OK) == 0
                                    ? treeFilesOpened(data, tree, {"copy", tree, "backup"})
                                    : -1;
@@ -139,10 +144,12 @@ void BM_UnchangedCopy(benchmark::State& state) {
         state.counters["copy_over_find"] = ratios[1];
         state.counters["copy_over_find_min"] = ratios.front();
         state.counters["copy_over_find_max"] = ratios.back();
+        state.counters["copy1_over_find"] = serial[1];
         state.counters["listing_over_find"] = listings[1];
         state.counters["tree_files_opened"] = static_cast<double>(opened);
         state.counters["first_copy_s"] = first;
         state.counters["copy_s"] = copy;
+        state.counters["copy1_s"] = copy1;
         state.counters["find_s"] = found;
         state.counters["listing_s"] = listed;
     }
