@@ -409,7 +409,7 @@ Object Store::createFile(std::string const& parentId, std::string const& name,
     stored.object.name = name;
     stored.object.parents = {parent.object.id};
     stored.object.size = static_cast<std::uint64_t>(content.size);
-    stored.object.mtime = now();
+    stored.object.mtime = content.mtime ? content.mtime : now();
     stored.object.md5 = content.md5;
     stored.object.trashed = parent.object.trashed;
     stored.blob = content.blob;
@@ -425,7 +425,7 @@ std::string Store::updateFile(std::string const& id, NewContent const& content) 
     _db.query("UPDATE objects SET size = ?, md5 = ?, mtime = ?, blob = ? WHERE id = ?")
         .bind(1, content.size)
         .bind(2, content.md5)
-        .bind(3, now())
+        .bind(3, content.mtime ? content.mtime : now())
         .bind(4, content.blob)
         .bind(5, stored.object.id)
         .run();

@@ -33,6 +33,9 @@ struct NewContent {
     std::string blob;  // empty for empty contents
     std::int64_t size = 0;
     std::string md5;
+    // The local file's modification time (seconds), which an upload keeps
+    // as the file's; 0 stamps the time of the store.
+    std::int64_t mtime = 0;
 };
 
 struct ListPage {

@@ -159,7 +159,11 @@ void Server::upload(Request const& request, FiredFaults const& fired) {
         }
     }
 
-    NewContent content{"", 0, kEmptyMd5};
+    NewContent content{"", 0, kEmptyMd5, 0};
+    // Drive keeps the modification time a client gives at upload; ours is
+    // that of the local file, so a restore can give it back.
+    struct stat local {};
+    if (::stat(inputPath.c_str(), &local) == 0) content.mtime = local.st_mtime;
     std::optional<PendingBlob> blob;
     std::optional<ProgressSender> progress;
     if (request.empty) {
@@ -171,6 +175,7 @@ void Server::upload(Request const& request, FiredFaults const& fired) {
         if (in.get() < 0) localFailure("cannot read", inputPath);
         struct stat st;
         if (::fstat(in.get(), &st) != 0) localFailure("cannot read", inputPath);
+        content.mtime = st.st_mtime;
         {
             ReadTransaction read(_store.db());
             _store.checkQuota(static_cast<std::int64_t>(st.st_size) - oldSize);
@@ -182,7 +187,7 @@ void Server::upload(Request const& request, FiredFaults const& fired) {
         CopyResult copied = copyWithMd5(in.get(), blob->fd(), settings.progressBytes,
                                         progress->callback(), [this] { return clientGone(); });
         if (copied.bytes > 0) {
-            content = NewContent{blob->name(), copied.bytes, copied.md5};
+            content = NewContent{blob->name(), copied.bytes, copied.md5, content.mtime};
             blob->publish(settings.fsync);
         }
     }

@@ -12,7 +12,7 @@
 #include <memory>
 #include <set>
 
-#include "backup/path.h"
+#include "durable_file.h"
 
 namespace gdhost {
 
@@ -55,36 +55,9 @@ std::map<std::string, std::string> mergeCacheLines(
 
 bool writeCacheLines(std::string const& path, std::map<std::string, std::string> const& lines,
                      std::string& error) {
-    std::string temp = path + ".merge.XXXXXX";
-    int fd = mkstemp(&temp[0]);
-    if (fd < 0) {
-        error = "cannot create a file beside " + path + ": " + strerror(errno);
-        return false;
-    }
     std::string text;
     for (auto const& entry : lines) text += entry.second + "\n";
-    size_t done = 0;
-    bool ok = true;
-    while (ok && done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        ok = n > 0;
-        if (ok) done += static_cast<size_t>(n);
-    }
-    ok = ok && fchmod(fd, 0600) == 0 && fsync(fd) == 0;
-    ok = close(fd) == 0 && ok;
-    ok = ok && rename(temp.c_str(), path.c_str()) == 0;
-    if (!ok) {
-        error = "cannot write " + path + ": " + strerror(errno);
-        unlink(temp.c_str());
-        return false;
-    }
-    int folder = open(TAVO::Backup::Path::dirname(path).c_str(), O_RDONLY | O_DIRECTORY);
-    if (folder >= 0) {
-        fsync(folder);
-        close(folder);
-    }
-    return true;
+    return replaceFileDurably(path, text, error);
 }
 
 bool copyWholeFile(std::string const& from, std::string const& to) {

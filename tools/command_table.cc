@@ -2,6 +2,7 @@
 
 #include "commands.h"
 #include "destination_lock.h"
+#include "exclude_rules.h"
 #include "failure.h"
 
 namespace gdhost {
@@ -45,6 +46,31 @@ void transfers(CLI::App& c, CommandArgs& a) {
             },
             "INT in [1 - 64]"))
         ->capture_default_str();
+}
+
+void checksum(CLI::App& c, CommandArgs& a) {
+    c.add_flag("--checksum", a.checksum,
+               "compare every file by MD5 (reads them all), not by the stored index");
+}
+
+// --exclude and --exclude-from, each repeatable and one word an occurrence.
+void filters(CLI::App& c, CommandArgs& a) {
+    c.add_option("--exclude", a.excludes,
+                 "leave out what matches this glob (* within a name, ** across folders, a "
+                 "leading / anchors at the top, a trailing / matches folders only)")
+        ->allow_extra_args(false)
+        ->type_name("PATTERN")
+        ->check(CLI::Validator(
+            [](std::string& pattern) {
+                std::string error;
+                return ExcludeRules().add(pattern, error) ? "" : error;
+            },
+            ""));
+    c.add_option("--exclude-from", a.excludeFrom,
+                 "read exclude patterns from FILE, one a line (# starts a comment)")
+        ->allow_extra_args(false)
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
 }
 
 void json(CLI::App& c, CommandArgs& a) {
@@ -104,11 +130,13 @@ std::vector<Command> const& commandTable() {
         {"get", "fetch one file",
          [](CLI::App& c, CommandArgs& a) { twoPaths("REMOTE", "LOCAL", c, a); }, runGet},
         {"copy",
-         "send a local tree; unchanged files (size and MD5) are skipped; never deletes (a file "
-         "deleted locally stays on the remote: use sync)",
+         "send a local tree; unchanged files (as stored before, else by size and MD5) are "
+         "skipped; never deletes (a file deleted locally stays on the remote: use sync)",
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent, send nothing");
+             checksum(c, a);
+             filters(c, a);
              transfers(c, a);
          },
          changing<runCopy>},
@@ -118,12 +146,20 @@ std::vector<Command> const& commandTable() {
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              c.add_flag("-n,--dry-run", a.dryRun, "say what would be sent and deleted, do nothing");
+             checksum(c, a);
+             filters(c, a);
+             c.add_flag("--delete-excluded", a.deleteExcluded,
+                        "delete remote objects the filters exclude too");
              transfers(c, a);
          },
          changing<runSync>},
-        {"restore", "fetch a remote tree into a local folder",
+        {"restore",
+         "fetch a remote tree into a local folder; local files that already hold the remote's "
+         "content are left alone",
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("REMOTEDIR", "LOCALDIR", c, a);
+             c.add_flag("--force", a.force, "fetch every file, even those already there");
+             filters(c, a);
              transfers(c, a);
          },
          runRestore},
@@ -131,6 +167,7 @@ std::vector<Command> const& commandTable() {
          [](CLI::App& c, CommandArgs& a) {
              twoPaths("LOCALDIR", "REMOTEDIR", c, a);
              json(c, a);
+             filters(c, a);
              transfers(c, a);
          },
          runCheck},

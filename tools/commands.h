@@ -28,7 +28,11 @@ struct CommandArgs {
     bool force = false;
     bool quiet = false;
     bool verbose = false;
-    int transfers = 4;  // worker processes for copy, sync, restore and check
+    bool checksum = false;                 // copy, sync: compare by MD5, never by the stored index
+    bool deleteExcluded = false;           // sync: delete what the filters exclude too
+    std::vector<std::string> excludes;     // --exclude patterns
+    std::vector<std::string> excludeFrom;  // --exclude-from files
+    int transfers = 4;                     // worker processes for copy, sync, restore and check
 };
 
 // What a running command works with.

@@ -10,6 +10,7 @@
 #include "failure.h"
 #include "output_format.h"
 #include "remote_tree.h"
+#include "stored_index.h"
 
 namespace gdhost {
 
@@ -114,7 +115,10 @@ int runCache(Session& s) {
         return kExitOk;
     }
     if (action == "drop") {
-        if (unlink(file.c_str()) != 0 && errno != ENOENT) {
+        // The stored index goes with it: it describes what that cache knew.
+        std::string const index = StoredIndex::fileFor(file);
+        if ((unlink(file.c_str()) != 0 && errno != ENOENT) ||
+            (unlink(index.c_str()) != 0 && errno != ENOENT)) {
             return reportProblem("cache drop: cannot remove " + file, kExitError);
         }
         printf("node cache dropped; the next run resolves paths from the service\n");

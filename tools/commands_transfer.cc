@@ -1,7 +1,9 @@
 // Commands that move one file: put, get.
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "backup/error.h"
 #include "backup/path.h"
@@ -11,6 +13,7 @@
 #include "partial_files.h"
 #include "remote_tree.h"
 #include "tree_files.h"
+#include "tree_index.h"
 
 namespace gdhost {
 
@@ -101,6 +104,12 @@ int runGet(Session& s) {
     ProgressLine line("received", info.getSize(), 1, s.args.quiet);
     FileOutcome outcome = receiveTreeFile(s.agent, remote, local, info.getSize(), remote, line);
     if (outcome.kind == FileOutcome::kFailed) return reportOutcome("get", outcome);
+    // The time the file had when it was stored, and the mode if it was recorded.
+    TreeIndex index(s.destination, ".", "", true);
+    if (!applyStoredMeta(local, info, index.recordOf(remote, info))) {
+        fprintf(stderr, "gdrive_host: get: %s: cannot set its time or mode: %s\n", local.c_str(),
+                strerror(errno));
+    }
     line.finish(" to " + local);
     return kExitOk;
 }

@@ -1,6 +1,9 @@
 // Commands that move or compare a whole tree: copy, sync, restore, check.
 // Each file is tried; failures are listed at the end with their reasons,
 // and the exit code is that of the worst.
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -10,6 +13,7 @@
 
 #include "backup/error.h"
 #include "commands.h"
+#include "exclude_rules.h"
 #include "failure.h"
 #include "interrupt.h"
 #include "local_files.h"
@@ -19,6 +23,7 @@
 #include "plugin_log.h"
 #include "remote_tree.h"
 #include "tree_files.h"
+#include "tree_index.h"
 #include "workers.h"
 
 namespace gdhost {
@@ -36,6 +41,45 @@ bool readLocalTree(char const* command, std::string const& top, LocalTree& tree,
     if (listLocalTree(top, tree, error, code)) return true;
     reportProblem(std::string(command) + " " + top + ": " + error, code);
     return false;
+}
+
+// The command's --exclude and --exclude-from rules; false with the problem
+// printed when one is refused (a usage error: nothing has been done).
+bool readRules(Session& s, char const* command, ExcludeRules& rules) {
+    std::string error;
+    bool ok = true;
+    for (auto const& pattern : s.args.excludes) ok = ok && rules.add(pattern, error);
+    for (auto const& file : s.args.excludeFrom) ok = ok && rules.addFrom(file, error);
+    if (!ok) reportProblem(std::string(command) + ": exclude " + error, kExitUsage);
+    return ok;
+}
+
+// Leaves out of `tree` what `rules` exclude: it is neither sent, compared nor
+// counted, and a folder it could not read is no reason to delete nothing.
+void dropExcluded(LocalTree& tree, ExcludeRules const& rules) {
+    if (rules.empty()) return;
+    auto const out = [&](auto& list, auto excluded) {
+        list.erase(
+            std::remove_if(list.begin(), list.end(), [&](auto const& e) { return excluded(e); }),
+            list.end());
+    };
+    out(tree.entries, [&](LocalEntry const& e) { return rules.excludes(e.rpath, e.isFolder); });
+    auto const named = [&](std::pair<std::string, std::string> const& e) {
+        return rules.excludes(e.first, false);
+    };
+    out(tree.skipped, named);
+    out(tree.unknown, named);
+    out(tree.unreadable, [&](std::pair<std::string, std::string> const& e) {
+        return rules.excludes(e.first, true);
+    });
+}
+
+// Leaves out of a remote listing what `rules` exclude.
+void dropExcluded(RemoteMap& remote, ExcludeRules const& rules) {
+    if (rules.empty()) return;
+    for (auto it = remote.begin(); it != remote.end();) {
+        it = rules.excludes(it->first, it->second.isDirType()) ? remote.erase(it) : std::next(it);
+    }
 }
 
 void addUnreadable(LocalTree const& tree, RunReport& report) {
@@ -110,7 +154,7 @@ struct CopyPlan {
 };
 
 CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap const& remote,
-                  RunReport& report, LocalHashes const* hashes) {
+                  RunReport& report, LocalHashes const* hashes, TreeIndex& index) {
     CopyPlan plan;
     std::set<std::string> local;
     for (auto const& entry : tree.entries) {
@@ -127,8 +171,10 @@ CopyPlan planCopy(std::string const& localTop, LocalTree const& tree, RemoteMap 
             // A Doc or a shortcut of the same name: nothing to compare, and
             // overwriting it would destroy what the person made in Drive.
             skipNoStoredBytes("copy", entry.rpath, report);
-        } else if (present && sameContent(localTop + "/" + entry.rpath, entry.size, found->second,
-                                          hashes ? hashes->md5(entry.rpath) : nullptr)) {
+        } else if (present && (index.vouches(entry, found->second) ||
+                               sameContent(localTop + "/" + entry.rpath, entry.size, found->second,
+                                           hashes ? hashes->md5(entry.rpath) : nullptr))) {
+            index.stored(entry, found->second.getChecksum(), found->second.getMtime());
             FileOutcome unchanged;
             unchanged.kind = FileOutcome::kUnchanged;
             report.add(unchanged);
@@ -301,12 +347,28 @@ int dryRun(Session& s, std::string const& localTop, RemoteMap const& remote, Cop
     return closeReport(s, report, "");
 }
 
-int copyTree(Session& s, bool deleting) {
+// Records each file sent in `index`, as the report hears of it.
+void recordSent(RunReport& report, LocalTree const& tree, CopyPlan const& plan, TreeIndex& index) {
+    auto sending = std::make_shared<std::map<std::string, LocalEntry const*>>();
+    std::set<std::string> const files(plan.files.begin(), plan.files.end());
+    for (LocalEntry const& e : tree.entries)
+        if (files.count(e.rpath)) (*sending)[e.rpath] = &e;
+    report.watch([sending, &index](FileOutcome const& outcome) {
+        auto found = sending->find(outcome.path);
+        if (outcome.kind == FileOutcome::kDone && found != sending->end())
+            index.stored(*found->second, outcome.md5, outcome.remoteMtime);
+    });
+}
+
+int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     char const* command = deleting ? "sync" : "copy";
     std::string localTop = s.path(0), remoteTop = remotePath(s.path(1));
+    ExcludeRules rules;
+    if (!readRules(s, command, rules)) return kExitUsage;
     LocalTree tree;
     int code = kExitOk;
     if (!readLocalTree(command, localTop, tree, code)) return code;
+    dropExcluded(tree, rules);
     RemoteMap remote;
     std::unique_ptr<TreeWorkers> workers;
     if (transfersOf(s) > 1) workers.reset(new TreeWorkers(s));
@@ -315,7 +377,7 @@ int copyTree(Session& s, bool deleting) {
     for (LocalEntry const& e : tree.entries) {
         if (e.isFolder) {
             folders.push_back(e.rpath);
-        } else if (workers) {
+        } else if (workers && !index.localMatch(e)) {
             sizes[e.rpath] = e.size;
         }
     }
@@ -341,6 +403,9 @@ int copyTree(Session& s, bool deleting) {
         return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     }
     listing.reset();
+    // What is excluded stays on the remote as it is, unless sync is told to
+    // delete it: then it counts as a file the local tree no longer has.
+    if (!(deleting && s.args.deleteExcluded)) dropExcluded(remote, rules);
     RunReport report("sent");
     for (auto const& [name, why] : tree.skipped) {
         fprintf(stderr, "gdrive_host: %s: skipped %s (%s; its remote copy is kept)\n", command,
@@ -353,7 +418,7 @@ int copyTree(Session& s, bool deleting) {
     while (hashes.step()) {
         // What the listing did not leave time for.
     }
-    CopyPlan plan = planCopy(localTop, tree, remote, report, &hashes);
+    CopyPlan plan = planCopy(localTop, tree, remote, report, &hashes, index);
     report.plan(static_cast<int64_t>(plan.files.size()));
     // An unreadable folder must never look like an empty one.
     bool mayDelete = deleting && tree.unreadable.empty();
@@ -364,6 +429,8 @@ int copyTree(Session& s, bool deleting) {
     }
     if (!mayDelete) plan.extras.clear();
     if (s.args.dryRun) return dryRun(s, localTop, remote, plan, report, deleting);
+    planned = true;
+    recordSent(report, tree, plan, index);
     if (workers)
         return copyOnWorkers(s, workers, remoteTop, localTop, remote, plan, report, deleting);
     if (!remoteTop.empty() && !makeRemoteFolders(s.agent, remoteTop)) {
@@ -425,21 +492,79 @@ int copyTree(Session& s, bool deleting) {
 
 }  // namespace
 
-int runCopy(Session& s) { return copyTree(s, false); }
+// A copy or sync with the stored index: loaded before the local walk, so that
+// a file changed during the run is never recorded as unchanged, and written
+// once the run's node cache is, so that it is not older than the cache.
+int copyIndexed(Session& s, bool deleting) {
+    TreeIndex index(s.destination, s.path(0), remotePath(s.path(1)), !s.args.checksum);
+    bool planned = false;
+    int rc = copyTree(s, deleting, index, planned);
+    if (planned) {
+        s.agent.flushCache();
+        index.save();
+    }
+    return rc;
+}
 
-int runSync(Session& s) { return copyTree(s, true); }
+int runCopy(Session& s) { return copyIndexed(s, false); }
+
+int runSync(Session& s) { return copyIndexed(s, true); }
+
+// True when the local file `local` already holds the remote file `remote`
+// (the restore of `rpath` ran before): the index vouches for it, else its
+// size and MD5 are the remote's.
+bool alreadyRestored(std::string const& local, std::string const& rpath, FileInfo const& remote,
+                     TreeIndex const& index) {
+    struct stat st {};
+    if (lstat(local.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size != remote.getSize())
+        return false;
+    LocalEntry entry{rpath,     false, st.st_size, nanosOf(st.st_mtim), nanosOf(st.st_ctim),
+                     st.st_mode};
+    return index.vouches(entry, remote) || fileMd5(local) == remote.getChecksum();
+}
+
+// Gives each file received the time (and the recorded mode) of its remote
+// file, as the report hears of it.
+void keepTimes(RunReport& report, std::string const& localTop, RemoteMap const& remote,
+               TreeIndex const& index) {
+    report.watch([&, localTop](FileOutcome const& outcome) {
+        auto found = remote.find(outcome.path);
+        if (outcome.kind != FileOutcome::kDone || found == remote.end()) return;
+        std::string const local = localTop + "/" + outcome.path;
+        if (!applyStoredMeta(local, found->second, index.recordOf(outcome.path, found->second))) {
+            fprintf(stderr, "gdrive_host: restore: %s: cannot set its time or mode: %s\n",
+                    outcome.path.c_str(), strerror(errno));
+        }
+    });
+}
 
 int runRestore(Session& s) {
     std::string remoteTop = remotePath(s.path(0)), localTop = s.path(1);
+    ExcludeRules rules;
+    if (!readRules(s, "restore", rules)) return kExitUsage;
+    TreeIndex index(s.destination, localTop, remoteTop, true);
     RemoteMap remote;
     bool const parallel = transfersOf(s) > 1;
     if (parallel ? !TreeWorkers(s).list(remoteTop, false, remote)
                  : !remoteEntries(s.agent, remoteTop, false, remote)) {
         return reportFailure("restore", remoteTop, getError(), Wanted::kFolder);
     }
+    dropExcluded(remote, rules);
+    RunReport report("received");
+    // A restore run again (it was stopped, or the tree is partly there)
+    // fetches only what is missing or differs.
+    std::set<std::string> present;
     int64_t bytes = 0, files = 0;
     for (auto const& [rpath, info] : remote) {
-        if (!info.isDirType() && !hasNoStoredBytes(info)) bytes += info.getSize(), ++files;
+        if (info.isDirType() || hasNoStoredBytes(info)) continue;
+        if (!s.args.force && alreadyRestored(localTop + "/" + rpath, rpath, info, index)) {
+            present.insert(rpath);
+            FileOutcome unchanged;
+            unchanged.kind = FileOutcome::kUnchanged;
+            report.add(unchanged);
+            continue;
+        }
+        bytes += info.getSize(), ++files;
     }
     if (!makeLocalFolders(localTop)) {
         // As copy from a file: the wrong kind of local path is a usage error.
@@ -448,8 +573,8 @@ int runRestore(Session& s) {
                                  (file ? "a file is in the way" : strerror(errno)),
                              file ? kExitUsage : kExitError);
     }
-    RunReport report("received");
     report.plan(files);
+    keepTimes(report, localTop, remote, index);
     ProgressLine line("received", bytes, files, s.args.quiet);
     std::set<std::string> cleaned;
     std::deque<Json::Value> receives;
@@ -468,6 +593,7 @@ int runRestore(Session& s) {
             skipNoStoredBytes("restore", rpath, report);
             continue;
         }
+        if (present.count(rpath)) continue;
         std::string folder = local.substr(0, local.find_last_of('/'));
         if (cleaned.insert(folder).second) removeLeftoverDownloads(folder);
         if (parallel) {
@@ -488,14 +614,18 @@ int runRestore(Session& s) {
 
 int runCheck(Session& s) {
     std::string localTop = s.path(0), remoteTop = remotePath(s.path(1));
+    ExcludeRules rules;
+    if (!readRules(s, "check", rules)) return kExitUsage;
     LocalTree tree;
     int code = kExitOk;
     if (!readLocalTree("check", localTop, tree, code)) return code;
+    dropExcluded(tree, rules);
     RemoteMap remote;
     if (transfersOf(s) > 1 ? !TreeWorkers(s).list(remoteTop, false, remote)
                            : !remoteEntries(s.agent, remoteTop, false, remote)) {
         return reportFailure("check", remoteTop, getError(), Wanted::kFolder);
     }
+    dropExcluded(remote, rules);
     RunReport report("matched");
     addUnreadable(tree, report);
     Json::Value differ(Json::arrayValue), missingRemote(Json::arrayValue),

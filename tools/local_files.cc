@@ -96,7 +96,8 @@ void walk(fs::path const& top, std::string const& rpath, LocalTree& tree) {
             tree.entries.push_back({childPath, true, 0});
             walk(top, childPath, tree);
         } else if (S_ISREG(st.st_mode)) {
-            tree.entries.push_back({childPath, false, static_cast<int64_t>(st.st_size)});
+            tree.entries.push_back({childPath, false, static_cast<int64_t>(st.st_size),
+                                    nanosOf(st.st_mtim), nanosOf(st.st_ctim), st.st_mode});
         } else {
             tree.skipped.emplace_back(childPath, whyNotRegular(st.st_mode));
         }

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,7 +35,13 @@ struct LocalEntry {
     std::string rpath;
     bool isFolder = false;
     int64_t size = 0;
+    // As the walk found them: what the stored index compares.
+    int64_t mtimeNs = 0, ctimeNs = 0;
+    mode_t mode = 0;
 };
+
+// Nanoseconds since the epoch of a stat time.
+inline int64_t nanosOf(timespec const& t) { return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec; }
 
 // What a walk of a local tree found.
 struct LocalTree {

@@ -36,6 +36,8 @@ Json::Value treeJob(char const* op, std::string const& remote, std::string const
 FileOutcome outcomeOf(Json::Value const& job, Json::Value const& result) {
     FileOutcome outcome;
     outcome.path = job["shown"].asString();
+    outcome.md5 = result["md5"].asString();
+    outcome.remoteMtime = result["mtime"].asInt64();
     if (result["ok"].asBool()) return outcome;
     int code = result["code"].asInt();
     if (!result.isMember("words")) {

@@ -48,6 +48,7 @@ int severityOf(int exitCode) {
 RunReport::RunReport(std::string doneWord) : _done_word(std::move(doneWord)) {}
 
 void RunReport::add(FileOutcome const& outcome) {
+    if (_watcher) _watcher(outcome);
     std::lock_guard<std::mutex> lock(_mutex);
     ++_counts[outcome.kind];
     if (outcome.kind != FileOutcome::kFailed) return;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,6 +18,10 @@ struct FileOutcome {
     enum Kind { kDone, kUnchanged, kSkipped, kFailed } kind = kDone;
     std::string path;  // as the person knows it (relative to the tree's top)
     Failure failure;   // for kFailed
+    // For a file sent: the remote file's MD5 and modification time as the
+    // store left them (what the stored index records).
+    std::string md5;
+    int64_t remoteMtime = 0;
 };
 
 // The outcome of a failed file: its path and the failure described from the
@@ -33,6 +38,9 @@ class RunReport {
     explicit RunReport(std::string doneWord);
 
     void add(FileOutcome const& outcome);
+    // Has `watcher` called with each outcome added from then on, in the
+    // thread that adds it.
+    void watch(std::function<void(FileOutcome const&)> watcher) { _watcher = std::move(watcher); }
     // True once a failure that every further file would meet was added: the
     // run stops there.
     bool stopped() const;
@@ -57,6 +65,7 @@ class RunReport {
     int64_t _planned = 0, _failedFiles = 0;
     std::vector<FileOutcome> _failures;
     bool _stopped = false;
+    std::function<void(FileOutcome const&)> _watcher;
 };
 
 // How bad an exit code is, for choosing the worst of several.

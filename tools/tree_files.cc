@@ -36,7 +36,9 @@ FileOutcome transferFailed(std::string const& shown, Wanted wanted) {
 
 }  // namespace
 
-mode_t newFileMode() { return 0666 & ~gUmask; }
+mode_t underUmask(mode_t mode) { return mode & 0777 & ~gUmask; }
+
+mode_t newFileMode() { return underUmask(0666); }
 
 TransferAgent::ProgressHook progressHook(ProgressLine& line) {
     return [&line](long bytes) {
@@ -55,7 +57,10 @@ FileOutcome sendTreeFile(TransferAgent& agent, std::string const& local, std::st
         return transferFailed(shown, Wanted::kFile);
     }
     line.fileDone(info.getSize() - (line.bytes() - before));
-    return doneFile(shown);
+    FileOutcome done = doneFile(shown);
+    done.md5 = info.getChecksum();
+    done.remoteMtime = info.getMtime();
+    return done;
 }
 
 FileOutcome receiveTreeFile(TransferAgent& agent, std::string const& remote,

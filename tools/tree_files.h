@@ -43,7 +43,9 @@ bool hasNoStoredBytes(TAVO::Backup::FileInfo const& remote);
 // counts it as skipped in `report`.
 void skipNoStoredBytes(char const* command, std::string const& path, RunReport& report);
 
-// The mode of a new file under the umask the tool started with (0666 & ~umask).
+// The permission bits of `mode` that the umask the tool started with lets
+// through; newFileMode() is those of 0666, the mode of a new file.
+mode_t underUmask(mode_t mode);
 mode_t newFileMode();
 
 }  // namespace gdhost

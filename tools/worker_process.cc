@@ -98,6 +98,8 @@ bool runTransfer(TransferAgent& agent, Json::Value const& job, int results, Json
     if (send) {
         if (!agent.sendFile(local, remote, progress.hook(), true, info)) return false;
         result["bytes"] = static_cast<Json::Int64>(info.getSize() - progress.reported());
+        result["md5"] = info.getChecksum();
+        result["mtime"] = static_cast<Json::Int64>(info.getMtime());
         return true;
     }
     DownloadClaim claim(local.substr(0, local.find_last_of('/')));

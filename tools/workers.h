@@ -38,7 +38,7 @@ namespace gdhost {
 // "exit" and "stops" (the failure as describeFailure gives it, "folder"
 // saying what was wanted); "entries" for "list" (objects with "name", "dir",
 // "size", "mtime", "md5"); "bytes" moved and not yet reported for "send"
-// and "recv".
+// and "recv"; "md5" and "mtime" of the stored file for "send".
 class WorkerPool {
   public:
     // Called for each result; may queue more jobs. Returning false stops

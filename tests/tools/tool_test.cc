@@ -192,6 +192,7 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
         {{"-q", "-v", "ls"}, 2, "", "excludes"},
         {{"--target", "a/b", "init"}, 2, "", "one folder"},
         {{"copy", "--transfers", "abc", "a", "b"}, 2, "", "from 1 to 64, not abc"},
+        {{"sync", "--exclude", "[ab", "a", "b"}, 2, "", "[ab: a \"[\" is not closed"},
         {{"--profile", path("bare"), "init"}, 2, "", "profile line 2: no \"=\""},
         {{"--profile", path("open"), "init"}, 2, "", "profile line 1: the quote"},
     };
@@ -208,16 +209,26 @@ TEST_F(ToolTest, CommandLineIsCheckedBeforeAnythingIsCreated) {
     // misspelt option (even one followed by a value: "--transfer 8") or a
     // surplus argument is refused before anything is done.
     std::map<std::string, std::vector<std::string>> const full = {
-        {"help", {"ls"}},       {"authorize", {"--timeout", "1"}},
-        {"init", {}},           {"ls", {"a"}},
-        {"tree", {"a"}},        {"stat", {"a"}},
-        {"size", {"a"}},        {"about", {}},
-        {"mkdir", {"a"}},       {"put", {"f", "a"}},
-        {"get", {"a", "f"}},    {"copy", {"d", "a"}},
-        {"sync", {"d", "a"}},   {"restore", {"a", "d"}},
-        {"check", {"d", "a"}},  {"rm", {"a"}},
-        {"purge", {"-f", "a"}}, {"containers", {}},
-        {"cache", {"show"}},    {"dupes", {"a"}},
+        {"help", {"ls"}},
+        {"authorize", {"--timeout", "1"}},
+        {"init", {}},
+        {"ls", {"a"}},
+        {"tree", {"a"}},
+        {"stat", {"a"}},
+        {"size", {"a"}},
+        {"about", {}},
+        {"mkdir", {"a"}},
+        {"put", {"f", "a"}},
+        {"get", {"a", "f"}},
+        {"copy", {"--exclude", "x", "d", "a"}},
+        {"sync", {"--delete-excluded", "--exclude", "x", "d", "a"}},
+        {"restore", {"--force", "a", "d"}},
+        {"check", {"--exclude", "x", "d", "a"}},
+        {"rm", {"a"}},
+        {"purge", {"-f", "a"}},
+        {"containers", {}},
+        {"cache", {"show"}},
+        {"dupes", {"a"}},
     };
     std::string listed = run({"--help"}).out;
     std::istringstream lines(listed.substr(listed.find("Subcommands:\n") + 13));
@@ -365,6 +376,80 @@ TEST_F(ToolTest, TreeRoundTripsAndSecondCopySendsNothing) {
     EXPECT_EQ(differ["missing_remote"][0], "new");
     EXPECT_EQ(differ["missing_local"][0], "Pool/0/empty");
     EXPECT_EQ(run({"check", path("back"), "backup"}).code, 1);
+}
+
+// A second copy takes unchanged files from the stored index, but sends one
+// rewritten with its size and time kept; a restore gives times and recorded
+// modes back and, run again, fetches only what is missing or differs.
+TEST_F(ToolTest, IndexedCopyAndResumedRestoreKeepTimes) {
+    makeTree(path("src"));
+    fs::permissions(path("src/a/b/c/d/deep"), fs::perms(0750));
+    timespec const old[2] = {{0, UTIME_OMIT}, {1577934245, 123456789}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path("src/Pool/0/bucket.1").c_str(), old, 0), 0);
+    std::this_thread::sleep_for(1100ms);  // what changed within a second is not recorded
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src"), "backup"}).code, 0);
+    std::string const accents = path("src/Control/with space/été.txt");
+    struct stat before {};
+    ASSERT_EQ(stat(accents.c_str(), &before), 0);
+    write(accents, "ACCENTS\n");
+    timespec const kept[2] = {{0, UTIME_OMIT}, before.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, accents.c_str(), kept, 0), 0);
+    Result second = run({"copy", path("src"), "backup"});
+    EXPECT_NE(second.out.find("1 sent, 3 unchanged"), std::string::npos) << second.out;
+
+    mode_t const mask = umask(022);
+    ASSERT_EQ(run({"restore", "backup", path("back")}).code, 0);
+    struct stat restored {};
+    ASSERT_EQ(stat(path("back/Pool/0/bucket.1").c_str(), &restored), 0);
+    EXPECT_EQ(restored.st_mtim.tv_sec, 1577934245);
+    EXPECT_EQ(restored.st_mtim.tv_nsec, 123456789);  // recorded: to the nanosecond
+    ASSERT_EQ(run({"get", "backup/Pool/0/bucket.1", path("got")}).code, 0);
+    ASSERT_EQ(stat(path("got").c_str(), &restored), 0);
+    EXPECT_EQ(restored.st_mtim.tv_nsec, 123456789);
+    ASSERT_EQ(stat(path("back/Control/with space/été.txt").c_str(), &restored), 0);
+    EXPECT_EQ(restored.st_mtim.tv_sec, before.st_mtim.tv_sec);
+    EXPECT_EQ(fs::status(path("back/a/b/c/d/deep")).permissions(), fs::perms(0750));
+
+    fs::remove(path("back/Pool/0/bucket.1"));
+    write(path("back/a/b/c/d/deep"), "DEEP\n");  // same size, another MD5
+    drive().clearRequestLog();
+    Result again = run({"restore", "backup", path("back")});
+    EXPECT_NE(again.out.find("2 received, 2 unchanged"), std::string::npos) << again.out;
+    EXPECT_EQ(drive().countRequests("downloadFile"), 2u);
+    EXPECT_EQ(readFile(path("back/a/b/c/d/deep")), "deep\n");
+    Result forced = run({"restore", "--force", "backup", path("back")});
+    umask(mask);
+    EXPECT_NE(forced.out.find("4 received, 0 unchanged"), std::string::npos) << forced.out;
+}
+
+// What the filters exclude is neither sent, compared, fetched nor deleted,
+// unless sync is told to delete it.
+TEST_F(ToolTest, ExcludedPathsAreLeftAlone) {
+    makeTree(path("src"));
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src"), "backup"}).code, 0);
+    fs::remove_all(path("src/a"));
+    fs::remove(path("src/Pool/0/bucket.1"));
+    write(path("src/Pool/0/new.1"), "new");
+    write(path("excluded"), "# comment\n/a/\n");
+    std::vector<std::string> const filters = {"--exclude-from", path("excluded"), "--exclude",
+                                              "*.1"};
+    auto with = [&](std::vector<std::string> words) {
+        words.insert(words.begin() + 1, filters.begin(), filters.end());
+        return run(words);
+    };
+    Result kept = with({"sync", path("src"), "backup"});
+    EXPECT_NE(kept.out.find("0 sent, 2 unchanged, 0 skipped, 0 failed, 0 deleted"),
+              std::string::npos)
+        << kept.out;
+    EXPECT_EQ(with({"check", path("src"), "backup"}).code, 0);
+    Result gone = with({"sync", "--delete-excluded", path("src"), "backup"});
+    EXPECT_NE(gone.out.find("2 deleted"), std::string::npos) << gone.out;
+    EXPECT_EQ(run({"stat", "backup/a"}).code, 4);
+    ASSERT_EQ(run({"restore", "--exclude", "**/empty", "backup", path("back")}).code, 0);
+    EXPECT_TRUE(fs::exists(path("back/Control/with space/été.txt")));
+    EXPECT_FALSE(fs::exists(path("back/Pool/0/empty")));
 }
 
 // The drive agents (one per worker) that served the requests named `fn`.
