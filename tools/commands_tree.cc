@@ -17,6 +17,7 @@
 #include "failure.h"
 #include "interrupt.h"
 #include "local_files.h"
+#include "long_paths.h"
 #include "output_format.h"
 #include "parallel_tree.h"
 #include "partial_files.h"
@@ -34,11 +35,35 @@ namespace {
 
 typedef std::map<std::string, FileInfo> RemoteMap;
 
+// The engine takes remote paths of up to 4,095 bytes: what lies deeper in
+// the local tree (however long its local path, which the walk reaches) is a
+// failure, never a skip, and its remote copy is kept.
+void keepWithinRemoteLimit(LocalTree& tree, std::string const& remoteTop) {
+    size_t constexpr kLongestRemote = 4095;
+    std::string tooLong;  // the last entry found too long: its content is too
+    auto const fits = [&](LocalEntry const& e) {
+        if (!tooLong.empty() && isWithin(e.rpath, tooLong)) return false;
+        if (joinPath(remoteTop, e.rpath).size() <= kLongestRemote) return true;
+        tooLong = e.rpath;
+        tree.unknown.emplace_back(e.rpath,
+                                  "its remote path would be longer than the 4,095 "
+                                  "bytes the backup engine takes");
+        return false;
+    };
+    tree.entries.erase(std::remove_if(tree.entries.begin(), tree.entries.end(),
+                                      [&](LocalEntry const& e) { return !fits(e); }),
+                       tree.entries.end());
+}
+
 // Lists the local tree; prints the problem and sets `code` when its top
 // cannot be read.
-bool readLocalTree(char const* command, std::string const& top, LocalTree& tree, int& code) {
+bool readLocalTree(char const* command, std::string const& top, std::string const& remoteTop,
+                   LocalTree& tree, int& code) {
     std::string error;
-    if (listLocalTree(top, tree, error, code)) return true;
+    if (listLocalTree(top, tree, error, code)) {
+        keepWithinRemoteLimit(tree, remoteTop);
+        return true;
+    }
     reportProblem(std::string(command) + " " + top + ": " + error, code);
     return false;
 }
@@ -87,7 +112,7 @@ void addUnreadable(LocalTree const& tree, RunReport& report) {
         report.add(failedLocally(rpath + "/", "cannot read the folder: " + why, kExitError));
     }
     for (auto const& [rpath, why] : tree.unknown) {
-        report.add(failedLocally(rpath, "cannot examine it: " + why, kExitError));
+        report.add(failedLocally(rpath, why, kExitError));
     }
 }
 
@@ -332,7 +357,7 @@ int dryRun(Session& s, std::string const& localTop, RemoteMap const& remote, Cop
     }
     for (auto const& f : plan.folders) printf("would create %s/\n", f.c_str());
     for (auto const& f : plan.files) {
-        std::ifstream readable(localTop + "/" + f, std::ios::binary);
+        std::ifstream readable(reachable(localTop + "/" + f), std::ios::binary);
         if (readable) {
             printf("would send %s\n", f.c_str());
         } else {
@@ -367,7 +392,7 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     if (!readRules(s, command, rules)) return kExitUsage;
     LocalTree tree;
     int code = kExitOk;
-    if (!readLocalTree(command, localTop, tree, code)) return code;
+    if (!readLocalTree(command, localTop, remoteTop, tree, code)) return code;
     dropExcluded(tree, rules);
     RemoteMap remote;
     std::unique_ptr<TreeWorkers> workers;
@@ -516,7 +541,8 @@ int runSync(Session& s) { return copyIndexed(s, true); }
 bool alreadyRestored(std::string const& local, std::string const& rpath, FileInfo const& remote,
                      TreeIndex const& index) {
     struct stat st {};
-    if (lstat(local.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size != remote.getSize())
+    if (lstat(reachable(local).c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        st.st_size != remote.getSize())
         return false;
     LocalEntry entry{rpath,     false, st.st_size, nanosOf(st.st_mtim), nanosOf(st.st_ctim),
                      st.st_mode};
@@ -618,7 +644,7 @@ int runCheck(Session& s) {
     if (!readRules(s, "check", rules)) return kExitUsage;
     LocalTree tree;
     int code = kExitOk;
-    if (!readLocalTree("check", localTop, tree, code)) return code;
+    if (!readLocalTree("check", localTop, remoteTop, tree, code)) return code;
     dropExcluded(tree, rules);
     RemoteMap remote;
     if (transfersOf(s) > 1 ? !TreeWorkers(s).list(remoteTop, false, remote)

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "failure.h"
+#include "long_paths.h"
 #include "md5_hex.h"
 
 namespace gdhost {
@@ -27,7 +28,7 @@ std::string absoluteLocalPath(std::string const& path) {
 std::string whyNotSendable(std::string const& path, bool& missing) {
     struct stat st;
     missing = false;
-    if (lstat(path.c_str(), &st) != 0) {
+    if (lstat(reachable(path).c_str(), &st) != 0) {
         missing = errno == ENOENT;
         return strerror(errno);
     }
@@ -56,7 +57,7 @@ std::string whyNotRegular(mode_t mode) {
 }
 
 std::string fileMd5(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
+    std::ifstream in(reachable(path), std::ios::binary);
     if (!in) return "";
     std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
     if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_md5(), nullptr) != 1) return "";
@@ -74,7 +75,7 @@ namespace {
 void walk(fs::path const& top, std::string const& rpath, LocalTree& tree) {
     std::vector<fs::directory_entry> children;
     std::error_code error;
-    for (fs::directory_iterator it(top / rpath, error), end; !error && it != end;
+    for (fs::directory_iterator it(reachable(top / rpath), error), end; !error && it != end;
          it.increment(error)) {
         children.push_back(*it);
     }
@@ -90,8 +91,9 @@ void walk(fs::path const& top, std::string const& rpath, LocalTree& tree) {
         // An entry whose type cannot be learnt (a path too long for the
         // system, a name gone meanwhile) may be a regular file: a failure,
         // never a skip.
-        if (lstat(child.path().c_str(), &st) != 0) {
-            tree.unknown.emplace_back(childPath, strerror(errno));
+        if (lstat(reachable(child.path()).c_str(), &st) != 0) {
+            tree.unknown.emplace_back(childPath,
+                                      std::string("cannot examine it: ") + strerror(errno));
         } else if (S_ISDIR(st.st_mode)) {
             tree.entries.push_back({childPath, true, 0});
             walk(top, childPath, tree);
@@ -108,7 +110,7 @@ void walk(fs::path const& top, std::string const& rpath, LocalTree& tree) {
 
 bool listLocalTree(std::string const& top, LocalTree& tree, std::string& error, int& exitCode) {
     struct stat st;
-    if (lstat(top.c_str(), &st) != 0) {
+    if (lstat(reachable(top).c_str(), &st) != 0) {
         error = strerror(errno);
         exitCode = errno == ENOENT || errno == ENOTDIR ? kExitFolderNotFound : kExitError;
         return false;
@@ -135,6 +137,7 @@ bool isWithin(std::string const& rpath, std::string const& folder) {
 }
 
 bool makeLocalFolders(std::string const& path) {
+    if (reachable(path) != path) return makeFoldersAnyLength(path);
     std::error_code error;
     fs::create_directories(path, error);
     if (error) errno = error.value();

@@ -52,8 +52,9 @@ struct LocalTree {
     // Folders that could not be read, with the reason: their content is
     // unknown, which is not the same as empty.
     std::vector<std::pair<std::string, std::string>> unreadable;
-    // Entries whose type could not be learnt (a path too long for the
-    // system), with the reason: each may be a regular file left out.
+    // Entries that cannot be examined or stored (a name gone meanwhile, a
+    // remote path too long for the engine), with the reason in words: each
+    // may be a regular file left out.
     std::vector<std::pair<std::string, std::string>> unknown;
 };
 

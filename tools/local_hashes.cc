@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "long_paths.h"
 #include "md5_hex.h"
 
 namespace gdhost {
@@ -46,7 +47,7 @@ bool LocalHashes::step(size_t budget) {
             _current = std::move(next.front());
             next.pop_front();
             if (_done.count(_current)) continue;  // a guess listed since, or the other way
-            _fd = ::open((_top + "/" + _current).c_str(), O_RDONLY | O_CLOEXEC);
+            _fd = ::open(reachable(_top + "/" + _current).c_str(), O_RDONLY | O_CLOEXEC);
             if (_fd < 0) {
                 _current.clear();  // the comparison will read it and say why
                 continue;

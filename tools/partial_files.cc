@@ -8,6 +8,8 @@
 
 #include <cctype>
 
+#include "long_paths.h"
+
 namespace gdhost {
 
 bool isPartialDownloadName(std::string const& name) {
@@ -23,7 +25,7 @@ bool isPartialDownloadName(std::string const& name) {
 }
 
 int removeLeftoverDownloads(std::string const& folder) {
-    int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int fd = open(reachable(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return 0;
     // A live run holds the shared lock while it downloads here: then nothing
     // here can be told to be a leftover.
@@ -52,7 +54,7 @@ int removeLeftoverDownloads(std::string const& folder) {
 }
 
 DownloadClaim::DownloadClaim(std::string const& folder) {
-    _fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    _fd = open(reachable(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     // Waits only while another run removes leftovers here.
     if (_fd >= 0) flock(_fd, LOCK_SH);
 }

@@ -6,6 +6,7 @@
 
 #include "backup/error.h"
 #include "interrupt.h"
+#include "long_paths.h"
 #include "plugin_log.h"
 
 namespace gdhost {
@@ -53,7 +54,8 @@ FileOutcome sendTreeFile(TransferAgent& agent, std::string const& local, std::st
     if (interrupted()) return transferFailed(shown, Wanted::kFile);
     FileInfo info(remote);
     int64_t before = line.bytes();
-    if (!agent.sendFile(absoluteLocalPath(local), remote, progressHook(line), true, info)) {
+    if (!agent.sendFile(reachable(absoluteLocalPath(local)), remote, progressHook(line), true,
+                        info)) {
         return transferFailed(shown, Wanted::kFile);
     }
     line.fileDone(info.getSize() - (line.bytes() - before));
@@ -70,7 +72,7 @@ FileOutcome receiveTreeFile(TransferAgent& agent, std::string const& remote,
     if (interrupted()) return transferFailed(shown, Wanted::kFile);
     FileInfo info(remote);
     int64_t before = line.bytes();
-    std::string target = absoluteLocalPath(local);
+    std::string target = reachable(absoluteLocalPath(local));
     if (!agent.recvFile(remote, target, progressHook(line), info)) {
         return transferFailed(shown, Wanted::kFile);
     }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "long_paths.h"
 #include "remote_tree.h"
 #include "tree_files.h"
 
@@ -80,7 +81,8 @@ bool applyStoredMeta(std::string const& local, TAVO::Backup::FileInfo const& rem
         times[1].tv_nsec = 0;
     }
     mode_t const mode = stored ? underUmask(stored->mode) : newFileMode();
-    return chmod(local.c_str(), mode) == 0 && utimensat(AT_FDCWD, local.c_str(), times, 0) == 0;
+    std::string const path = reachable(local);
+    return chmod(path.c_str(), mode) == 0 && utimensat(AT_FDCWD, path.c_str(), times, 0) == 0;
 }
 
 }  // namespace gdhost

@@ -17,6 +17,7 @@
 #include "interrupt.h"
 #include "job_lines.h"
 #include "local_files.h"
+#include "long_paths.h"
 #include "partial_files.h"
 #include "plugin_log.h"
 #include "plugin_module.h"
@@ -93,7 +94,7 @@ bool runTransfer(TransferAgent& agent, Json::Value const& job, int results, Json
     WorkerProgress progress(results);
     bool const send = job["op"].asString() == "send";
     std::string const remote = job["remote"].asString();
-    std::string const local = absoluteLocalPath(job["local"].asString());
+    std::string const local = reachable(absoluteLocalPath(job["local"].asString()));
     FileInfo info(remote);
     if (send) {
         if (!agent.sendFile(local, remote, progress.hook(), true, info)) return false;
