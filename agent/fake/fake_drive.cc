@@ -229,12 +229,20 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
         state.stopped.wait_for(guard, std::chrono::milliseconds(state.latencyMs),
                                [&state] { return state.stopping; });
     }
+    // An answer made here leaves the request's body unread on the
+    // connection, where it would pass for the next request: the client is
+    // told to close it.
+    auto refused = [&req, &res] {
+        if (req.has_header("Content-Length") || req.has_header("Transfer-Encoding"))
+            res.set_header("Connection", "close");
+        return httplib::Server::HandlerResponse::Handled;
+    };
     if (auto rule = firedRule(state, req, false)) {
         if (rule->delayMs == 0) {
             // httplib would cut the error body to the request's Range (416).
             const_cast<httplib::Request&>(req).ranges.clear();
             sendRule(res, *rule);
-            return httplib::Server::HandlerResponse::Handled;
+            return refused();
         }
         // A stall: the other requests go on meanwhile, and the fake's end cuts it short.
         state.stopped.wait_for(guard, std::chrono::milliseconds(rule->delayMs),
@@ -255,12 +263,12 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     if (found == state.tokens.end() || std::chrono::steady_clock::now() >= found->second) {
         ++state.counters.unauthorized;
         sendError(res, 401, "authError", "Invalid Credentials");
-        return httplib::Server::HandlerResponse::Handled;
+        return refused();
     }
     if (state.writeRate > 0 && req.method != "GET" && !writeAllowed(state)) {
         ++state.counters.throttled;
         sendWriteRateLimit(res);
-        return httplib::Server::HandlerResponse::Handled;
+        return refused();
     }
     return httplib::Server::HandlerResponse::Unhandled;
 }
