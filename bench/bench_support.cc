@@ -128,16 +128,18 @@ double processCpuSeconds() {
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-double runCommand(std::vector<std::string> args, std::vector<std::string> const& env) {
+double runCommand(std::vector<std::string> args, std::vector<std::string> const& env,
+                  int* exitCode) {
     // The environment is made here and the child spawned: the caller may run
     // threads (a fake service), so nothing of ours runs in a forked copy.
     std::vector<std::string> vars;
     for (char** e = environ; *e; ++e) vars.emplace_back(*e);
     for (auto const& entry : env) {
         std::string name = entry.substr(0, entry.find('='));
-        vars.erase(std::remove_if(vars.begin(), vars.end(),
-                                  [&](std::string const& v) { return v.rfind(name + "=", 0) == 0; }),
-                   vars.end());
+        vars.erase(
+            std::remove_if(vars.begin(), vars.end(),
+                           [&](std::string const& v) { return v.rfind(name + "=", 0) == 0; }),
+            vars.end());
         if (entry.find('=') != std::string::npos) vars.push_back(entry);
     }
     std::vector<char*> argv, envp;
@@ -155,8 +157,14 @@ double runCommand(std::vector<std::string> args, std::vector<std::string> const&
     if (failed != 0) return -1;
     int status = 0;
     ::waitpid(pid, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (exitCode) {
+        *exitCode = code;
+        return seconds;
+    }
+    return code == 0 ? seconds : -1;
 }
 
 }  // namespace BenchSupport

@@ -80,7 +80,10 @@ double processCpuSeconds();
 
 // Runs `args` (the program first) as a child process, as a person runs a
 // command: `env` entries "NAME=value" set, plain "NAME" removed, its standard
-// output to /dev/null. Returns the seconds it took, or -1 unless it exited 0.
-double runCommand(std::vector<std::string> args, std::vector<std::string> const& env);
+// output to /dev/null. Returns the seconds it took, or -1 unless it exited 0;
+// given `exitCode`, the seconds whatever the exit, and its code there (-1
+// when it did not exit).
+double runCommand(std::vector<std::string> args, std::vector<std::string> const& env,
+                  int* exitCode = nullptr);
 
 }  // namespace BenchSupport
