@@ -1,6 +1,5 @@
-// Drive's limits as the fake models them and the agent meets them: a write
-// rate, one request per small file in a multipart body Drive would take,
-// ids fetched in batches that grow with the work.
+// Drive's limits as the fake models them and the agent meets them: a write rate,
+// one multipart request per small file, ids in batches that grow with the work.
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <sys/stat.h>
@@ -18,9 +17,10 @@ namespace {
 
 class Limits : public ::testing::Test, public AgentOnFake {
   protected:
-    Json::Value mkdir(EmulatorProcess& agent, std::string const& name) {
-        return agent.call(
-            req({{"fn", "createFolder"}, {"name", name}, {"parentId", drive->rootId()}}));
+    bool mkdir(EmulatorProcess& agent, std::string const& name) {
+        return agent
+            .call(req({{"fn", "createFolder"}, {"name", name}, {"parentId", "root"}}))["success"]
+            .asBool();
     }
 };
 
@@ -60,10 +60,9 @@ TEST_F(Limits, WritesPastTheBurstAreRefusedAsDriveRefusesThemAndReadsNever) {
     // The refused body is not taken for the next request on the connection.
     EXPECT_TRUE(agent->call(req({{"fn", "getObjectMeta"}, {"id", "root"}}))["success"].asBool());
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    EXPECT_TRUE(mkdir(*agent, "later")["success"].asBool());
+    EXPECT_TRUE(mkdir(*agent, "later"));
     fake->throttleWrites(0);
-    for (int i = 0; i < 20; ++i)
-        EXPECT_TRUE(mkdir(*agent, "e" + std::to_string(i))["success"].asBool());
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(mkdir(*agent, "e" + std::to_string(i)));
     // Ids came in batches of 10, 20, 40...: the creates so far ask for more.
     int calls = 0;
     for (int batch = 10, ids = 0; ids < made + 22; batch *= 2, ++calls) ids += batch;
@@ -89,11 +88,9 @@ TEST_F(Limits, FilesUpToTheCutoffGoInOneRequestWithTheirModifiedTime) {
         writePattern(in, c.size, static_cast<unsigned>(++when));
         struct timespec const times[2] = {{when, 0}, {when, 250000000}};
         ASSERT_EQ(0, ::utimensat(AT_FDCWD, in.c_str(), times, 0));
-        Json::Value request =
-            c.fn[1] == 'p' && c.fn[2] == 'l'
-                ? req({{"fn", c.fn}, {"name", "new"}, {"parentId", drive->rootId()}})
-                : req({{"fn", c.fn}, {"id", id}});
-        request["inputPath"] = in;
+        Json::Value request = req({{"fn", c.fn}, {"inputPath", in}, {"id", id}});
+        if (c.fn[1] == 'p' && c.fn[2] == 'l')
+            request = req({{"fn", c.fn}, {"inputPath", in}, {"name", "new"}, {"parentId", "root"}});
         Json::Value done = agent->transfer(request).back();
         ASSERT_TRUE(done["success"].asBool()) << done;
         EXPECT_EQ(when, done["properties"]["lastModified"].asInt64());
@@ -110,14 +107,7 @@ TEST_F(Limits, FilesUpToTheCutoffGoInOneRequestWithTheirModifiedTime) {
 
 TEST_F(Limits, TheFakeTakesOnlyMultipartBodiesAsDriveDocumentsThem) {
     httplib::Client direct("127.0.0.1", fake->port());
-    auto token =
-        direct.Post("/token",
-                    "grant_type=refresh_token&refresh_token=1//0gRefreshToken&client_id="
-                    "123456789012-abc.apps.example.com&client_secret=Qm7vT2xK_pL9R-04Hd3WaNce",
-                    "application/x-www-form-urlencoded");
-    ASSERT_TRUE(token && token->status == 200);
-    std::string access = token->body.substr(token->body.find("ya29."));
-    httplib::Headers auth{{"Authorization", "Bearer " + access.substr(0, access.find('"'))}};
+    httplib::Headers auth = bearer();
     std::string const meta = "{\"name\":\"m\",\"parents\":[\"" + drive->rootId() + "\"]}";
     auto part = [](std::string const& type, std::string const& body) {
         return "--b\r\n" + (type.empty() ? "" : "Content-Type: " + type + "\r\n") + "\r\n" + body +
