@@ -120,37 +120,47 @@ HttpRequest Session::startRequest(std::string const& uploadType) {
 }
 
 Json::Value Session::sendWhole() {
-    std::string content(static_cast<size_t>(_size), '\0');
-    for (size_t done = 0; done < content.size();) {
-        ssize_t n = ::pread(_fd, &content[done], content.size() - done, static_cast<off_t>(done));
+    bool const create = _target.id.empty() && !_made_before;
+    HttpRequest request = startRequest("multipart");
+    std::string const meta = request.body;
+    // The content part ends at the first delimiter: the boundary must not
+    // occur in the content. Boundaries of one length let the content be read
+    // once, straight into the body, and the parts around it be rewritten.
+    std::mt19937_64 random(std::random_device{}());
+    std::string boundary;
+    auto head = [&] {
+        char text[32];
+        std::snprintf(text, sizeof text, "tavo_part_%016llx",
+                      static_cast<unsigned long long>(random()));
+        boundary = text;
+        return "--" + boundary + "\r\nContent-Type: application/json; charset=UTF-8\r\n\r\n" +
+               meta + "\r\n--" + boundary + "\r\nContent-Type: application/octet-stream\r\n\r\n";
+    };
+    std::string& body = request.body;
+    body = head();
+    size_t const start = body.size();
+    body.reserve(start + static_cast<size_t>(_size) + boundary.size() + 8);
+    body.resize(start + static_cast<size_t>(_size));
+    for (size_t done = 0; done < static_cast<size_t>(_size);) {
+        ssize_t n = ::pread(_fd, &body[start + done], static_cast<size_t>(_size) - done,
+                            static_cast<off_t>(done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) throw AgentFailure(kLocalFailure, "the file shrank while it was read");
         done += static_cast<size_t>(n);
     }
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
-    EVP_Digest(content.data(), content.size(), digest, &length, EVP_md5(), nullptr);
+    EVP_Digest(body.data() + start, static_cast<size_t>(_size), digest, &length, EVP_md5(),
+               nullptr);
     static char const* const kDigits = "0123456789abcdef";
     _whole_md5.clear();
     for (unsigned i = 0; i < length; ++i) {
         _whole_md5 += kDigits[digest[i] >> 4];
         _whole_md5 += kDigits[digest[i] & 15];
     }
-    // The content part ends at the first delimiter: a boundary is chosen that
-    // the content does not hold.
-    std::random_device random;
-    std::string boundary;
-    do {
-        boundary = "tavo_part_" + std::to_string(random()) + std::to_string(random());
-    } while (content.find("--" + boundary) != std::string::npos);
-    bool const create = _target.id.empty() && !_made_before;
-    HttpRequest request = startRequest("multipart");
+    while (body.find("--" + boundary, start) != std::string::npos) body.replace(0, start, head());
+    body += "\r\n--" + boundary + "--\r\n";
     request.headers = {"Content-Type: multipart/related; boundary=" + boundary};
-    request.body = "--" + boundary + "\r\nContent-Type: application/json; charset=UTF-8\r\n\r\n" +
-                   request.body + "\r\n--" + boundary +
-                   "\r\nContent-Type: application/octet-stream\r\n\r\n" + content + "\r\n--" +
-                   boundary + "--\r\n";
-    content = std::string();
     // Safe to repeat: a create carries its id, an update the same bytes.
     HttpResponse response = _api.exchange(request);
     if (response.transportFailed()) response = _api.exchange(request);
