@@ -281,8 +281,7 @@ Json::Value Session::run() {
     }
 }
 
-}  // namespace
-
+// `when` as RFC 3339 in UTC, to the millisecond, as Drive writes times.
 std::string rfc3339(struct timespec const& when) {
     std::tm tm{};
     gmtime_r(&when.tv_sec, &tm);
@@ -291,6 +290,8 @@ std::string rfc3339(struct timespec const& when) {
     std::snprintf(text + n, sizeof text - n, ".%03ldZ", when.tv_nsec / 1000000);
     return text;
 }
+
+}  // namespace
 
 Json::Value uploadContent(DriveApi& api, IdPool& ids, UploadTarget const& target,
                           std::string const& inputPath, bool empty, int out) {
