@@ -13,11 +13,19 @@
 
 namespace DriveAgent {
 
+// Drive hands out at most 1000 ids a call.
+constexpr int kFirstIdBatch = 10;
+constexpr int kMaxIdBatch = 1000;
+
 // Ids for new objects from files.generateIds, fetched a batch at a time, so
 // that a create sent twice (its answer lost) cannot make two objects.
 class IdPool {
   public:
     explicit IdPool(DriveApi& api) : _api(api) {}
+    // An id never handed out before. When the pool is empty it asks for a
+    // batch twice the last one (kFirstIdBatch first, at most kMaxIdBatch),
+    // so that a long run of creates costs few calls and a short one wastes
+    // few ids. Throws AgentFailure when the service gives none.
     std::string next();
     // The id for a create of `name` in `parentId` (a folder or a file): the
     // one handed out for the same create before, until that create is
@@ -31,6 +39,7 @@ class IdPool {
 
   private:
     DriveApi& _api;
+    int _batch = 0;  // the size of the last batch asked for
     std::vector<std::string> _ids;
     std::map<std::tuple<std::string, std::string, bool>, std::string> _pending;
 };

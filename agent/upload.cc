@@ -6,8 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <random>
 
 #include "agent_failure.h"
 #include "background_digest.h"
@@ -52,19 +55,25 @@ class Md5 {
 class Session {
   public:
     Session(DriveApi& api, IdPool& ids, UploadTarget const& target, int fd, std::int64_t size,
-            ProgressLines& progress)
-        : _api(api), _ids(ids), _target(target), _fd(fd), _size(size), _progress(progress) {}
+            std::string const& modifiedTime, ProgressLines& progress)
+        : _api(api),
+          _ids(ids),
+          _target(target),
+          _fd(fd),
+          _size(size),
+          _modified_time(modifiedTime),
+          _progress(progress) {}
 
     Json::Value run();
-    std::string md5() { return _md5.hex(); }
+    std::string md5() { return _md5 ? _md5->hex() : _whole_md5; }
     std::string const& createdId() const { return _new_id; }
 
   private:
     // The first request of an upload of `uploadType` to the target, with its
     // metadata as the JSON body.
     HttpRequest startRequest(std::string const& uploadType);
-    // An empty file created or updated in one request.
-    Json::Value sendEmpty();
+    // A file up to kWholeUpload created or updated in one multipart request.
+    Json::Value sendWhole();
     void open();
     HttpResponse sendChunk();
     HttpResponse queryStatus();
@@ -79,8 +88,10 @@ class Session {
     UploadTarget const& _target;
     int _fd;
     std::int64_t _size;
+    std::string _modified_time;
     ProgressLines& _progress;
-    Md5 _md5;
+    std::unique_ptr<Md5> _md5;  // resumable uploads only: a thread and its ring
+    std::string _whole_md5;     // of a file sent in one request
     std::string _url;
     std::string _new_id;
     bool _made_before = false;  // _new_id is taken: the upload updates it
@@ -101,6 +112,7 @@ HttpRequest Session::startRequest(std::string const& uploadType) {
         path += "/" + _api.http().escape(_made_before ? _new_id : _target.id);
         method = "PATCH";
     }
+    if (!_modified_time.empty()) meta["modifiedTime"] = _modified_time;
     HttpRequest request = _api.apiJson(method, path, "", meta);
     request.url =
         _api.config().apiUrl + "/upload/drive/v3/" + path + "?uploadType=" + uploadType +
@@ -108,18 +120,61 @@ HttpRequest Session::startRequest(std::string const& uploadType) {
     return request;
 }
 
-Json::Value Session::sendEmpty() {
-    // Drive's multipart upload: the metadata and an empty content part, in
-    // one request. (A resumable session would have to be finished with
-    // "bytes */0", which is the form of a status query.)
+Json::Value Session::sendWhole() {
+    bool const create = _target.id.empty() && !_made_before;
     HttpRequest request = startRequest("multipart");
-    char const* const boundary = "tavo_empty_content_boundary";
-    request.headers = {std::string("Content-Type: multipart/related; boundary=") + boundary};
-    request.body = std::string("--") + boundary +
-                   "\r\nContent-Type: application/json; charset=UTF-8\r\n\r\n" + request.body +
-                   "\r\n--" + boundary +
-                   "\r\nContent-Type: application/octet-stream\r\n\r\n\r\n--" + boundary + "--\r\n";
-    return _api.call(request);
+    std::string const meta = request.body;
+    // The content part ends at the first delimiter: the boundary must not
+    // occur in the content. Boundaries of one length let the content be read
+    // once, straight into the body, and the parts around it be rewritten.
+    std::mt19937_64 random(std::random_device{}());
+    std::string boundary;
+    auto head = [&] {
+        char text[32];
+        std::snprintf(text, sizeof text, "tavo_part_%016llx",
+                      static_cast<unsigned long long>(random()));
+        boundary = text;
+        return "--" + boundary + "\r\nContent-Type: application/json; charset=UTF-8\r\n\r\n" +
+               meta + "\r\n--" + boundary + "\r\nContent-Type: application/octet-stream\r\n\r\n";
+    };
+    std::string& body = request.body;
+    body = head();
+    size_t const start = body.size();
+    body.reserve(start + static_cast<size_t>(_size) + boundary.size() + 8);
+    body.resize(start + static_cast<size_t>(_size));
+    for (size_t done = 0; done < static_cast<size_t>(_size);) {
+        ssize_t n = ::pread(_fd, &body[start + done], static_cast<size_t>(_size) - done,
+                            static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) throw AgentFailure(kLocalFailure, "the file shrank while it was read");
+        done += static_cast<size_t>(n);
+    }
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_Digest(body.data() + start, static_cast<size_t>(_size), digest, &length, EVP_md5(),
+               nullptr);
+    static char const* const kDigits = "0123456789abcdef";
+    _whole_md5.clear();
+    for (unsigned i = 0; i < length; ++i) {
+        _whole_md5 += kDigits[digest[i] >> 4];
+        _whole_md5 += kDigits[digest[i] & 15];
+    }
+    while (body.find("--" + boundary, start) != std::string::npos) body.replace(0, start, head());
+    body += "\r\n--" + boundary + "--\r\n";
+    request.headers = {"Content-Type: multipart/related; boundary=" + boundary};
+    // Safe to repeat: a create carries its id, an update the same bytes.
+    HttpResponse response = _api.exchange(request);
+    if (response.transportFailed()) response = _api.exchange(request);
+    if (create && response.status == 409) {
+        // An earlier attempt made the file under this id (its answer lost or
+        // failed): it is brought up to date, never doubled.
+        _made_before = true;
+        return sendWhole();
+    }
+    if (response.transportFailed() || response.status < 200 || response.status >= 300)
+        _api.fail(response);
+    _progress.reached(_size);
+    return parseJson(response.body);
 }
 
 void Session::open() {
@@ -151,7 +206,7 @@ HttpResponse Session::sendChunk() {
     request.uploadOffset = _offset;
     request.uploadLength = length;
     request.onRead = [this](char const* data, size_t n, std::int64_t offset) {
-        _md5.add(data, n, offset);
+        _md5->add(data, n, offset);
         _progress.reached(offset + static_cast<std::int64_t>(n));
     };
     request.headers.push_back("Content-Range: bytes " + std::to_string(_offset) + "-" +
@@ -185,7 +240,8 @@ Json::Value Session::storedUnderNewId() {
 }
 
 Json::Value Session::run() {
-    if (_size == 0) return sendEmpty();
+    if (_size <= kWholeUpload) return sendWhole();
+    _md5 = std::make_unique<Md5>();
     open();
     int stalled = 0;
     int restarts = 0;
@@ -226,13 +282,29 @@ Json::Value Session::run() {
     }
 }
 
+// `when` as RFC 3339 in UTC, to the millisecond, as Drive writes times.
+std::string rfc3339(struct timespec const& when) {
+    std::tm tm{};
+    gmtime_r(&when.tv_sec, &tm);
+    char text[40];
+    size_t n = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &tm);
+    std::snprintf(text + n, sizeof text - n, ".%03ldZ", when.tv_nsec / 1000000);
+    return text;
+}
+
 }  // namespace
 
 Json::Value uploadContent(DriveApi& api, IdPool& ids, UploadTarget const& target,
                           std::string const& inputPath, bool empty, int out) {
     int fd = -1;
     std::int64_t size = 0;
-    if (!empty) {
+    std::string modifiedTime;
+    if (empty) {
+        // The plug-in names the file for an empty one too; one that cannot be
+        // examined leaves the service's own time.
+        struct stat st;
+        if (::stat(inputPath.c_str(), &st) == 0) modifiedTime = rfc3339(st.st_mtim);
+    } else {
         fd = ::open(inputPath.c_str(), O_RDONLY | O_CLOEXEC);
         struct stat st;
         if (fd < 0 || ::fstat(fd, &st) != 0) {
@@ -242,12 +314,13 @@ Json::Value uploadContent(DriveApi& api, IdPool& ids, UploadTarget const& target
                                "cannot read " + inputPath + ": " + std::strerror(error));
         }
         size = st.st_size;
+        modifiedTime = rfc3339(st.st_mtim);
     }
     std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) {
         if (*f >= 0) ::close(*f);
     });
     ProgressLines progress(out, size);
-    Session session(api, ids, target, fd, size, progress);
+    Session session(api, ids, target, fd, size, modifiedTime, progress);
     Json::Value file = session.run();
     progress.finish();
     std::string expected = session.md5();

@@ -116,7 +116,8 @@ std::string run(std::string const& command) {
 // A fresh access token from the fake's token endpoint, for curl.
 std::string accessToken() {
     std::string answer =
-        run("curl -s -d grant_type=refresh_token -d refresh_token=1//0gRefreshToken " +
+        run("curl -s -d grant_type=refresh_token -d refresh_token=1//0gRefreshToken "
+            "-d client_id=bench -d client_secret=bench " +
             setup().fake->url() + "/token");
     size_t start = answer.find("\"access_token\":\"") + 16;
     return answer.substr(start, answer.find('"', start) - start);

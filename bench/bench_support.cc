@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <malloc.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -123,6 +126,45 @@ double processCpuSeconds() {
     ::getrusage(RUSAGE_SELF, &usage);
     return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+double runCommand(std::vector<std::string> args, std::vector<std::string> const& env,
+                  int* exitCode) {
+    // The environment is made here and the child spawned: the caller may run
+    // threads (a fake service), so nothing of ours runs in a forked copy.
+    std::vector<std::string> vars;
+    for (char** e = environ; *e; ++e) vars.emplace_back(*e);
+    for (auto const& entry : env) {
+        std::string name = entry.substr(0, entry.find('='));
+        vars.erase(
+            std::remove_if(vars.begin(), vars.end(),
+                           [&](std::string const& v) { return v.rfind(name + "=", 0) == 0; }),
+            vars.end());
+        if (entry.find('=') != std::string::npos) vars.push_back(entry);
+    }
+    std::vector<char*> argv, envp;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    for (auto& v : vars) envp.push_back(v.data());
+    envp.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    int failed = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+    ::posix_spawn_file_actions_destroy(&actions);
+    if (failed != 0) return -1;
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (exitCode) {
+        *exitCode = code;
+        return seconds;
+    }
+    return code == 0 ? seconds : -1;
 }
 
 }  // namespace BenchSupport

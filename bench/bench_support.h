@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "child_pipe.h"
 #include "transfer_googledrive.h"
@@ -76,5 +77,13 @@ class PeakRssProbe {
 
 // CPU seconds (user and system) this process has used.
 double processCpuSeconds();
+
+// Runs `args` (the program first) as a child process, as a person runs a
+// command: `env` entries "NAME=value" set, plain "NAME" removed, its standard
+// output to /dev/null. Returns the seconds it took, or -1 unless it exited 0;
+// given `exitCode`, the seconds whatever the exit, and its code there (-1
+// when it did not exit).
+double runCommand(std::vector<std::string> args, std::vector<std::string> const& env,
+                  int* exitCode = nullptr);
 
 }  // namespace BenchSupport

@@ -57,23 +57,7 @@ void makeTree(std::string const& top, int files) {
 // Runs gdrive_host with `args` against the account under `data`; seconds.
 double host(std::string const& data, std::vector<std::string> args) {
     args.insert(args.begin(), {GDRIVE_HOST, "-q"});
-    auto start = std::chrono::steady_clock::now();
-    pid_t pid = fork();
-    if (pid == 0) {
-        setenv("GDRIVE_DATA_DIR", data.c_str(), 1);
-        unsetenv("TAVO_ROOT");
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, 1);
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return BenchSupport::runCommand(args, {"GDRIVE_DATA_DIR=" + data, "TAVO_ROOT"});
 }
 
 struct Step {

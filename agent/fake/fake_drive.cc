@@ -4,6 +4,8 @@
 #include <json/writer.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <ctime>
 #include <map>
 
@@ -26,10 +28,10 @@ void sendJson(httplib::Response& res, Json::Value const& value, int status) {
 }
 
 void sendError(httplib::Response& res, int status, std::string const& reason,
-               std::string const& message) {
+               std::string const& message, std::string const& domain) {
     Json::Value error(Json::objectValue);
     Json::Value detail(Json::objectValue);
-    detail["domain"] = "global";
+    detail["domain"] = domain;
     detail["reason"] = reason;
     detail["message"] = message;
     error["error"]["errors"].append(detail);
@@ -63,6 +65,31 @@ void sendModelError(httplib::Response& res, Error const& error) {
         default:
             sendError(res, error.code() > 0 ? error.code() : 500, "backendError", message);
     }
+}
+
+bool modifiedTimeOf(Json::Value const& meta, std::optional<std::int64_t>& seconds) {
+    if (!meta.isMember("modifiedTime")) return true;
+    if (!meta["modifiedTime"].isString()) return false;
+    std::string const text = meta["modifiedTime"].asString();
+    std::tm tm{};
+    char const* end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &tm);
+    if (!end || text.size() < 20) return false;
+    if (*end == '.') {
+        ++end;
+        if (!std::isdigit(static_cast<unsigned char>(*end))) return false;
+        while (std::isdigit(static_cast<unsigned char>(*end))) ++end;
+    }
+    std::int64_t offset = 0;
+    if (*end == '+' || *end == '-') {
+        int hours = 0, minutes = 0;
+        if (std::sscanf(end + 1, "%2d:%2d", &hours, &minutes) != 2 || std::strlen(end) != 6)
+            return false;
+        offset = (*end == '+' ? 1 : -1) * (hours * 3600 + minutes * 60);
+    } else if (std::string(end) != "Z") {
+        return false;
+    }
+    seconds = static_cast<std::int64_t>(timegm(&tm)) - offset;
+    return true;
 }
 
 std::string nativeTypeOf(FakeDrive::State& state, std::string const& id) {
@@ -133,6 +160,9 @@ std::string apiMethod(httplib::Request const& req) {
 // fail a committed request are asked.
 std::optional<FailRule> firedRule(FakeDrive::State& state, httplib::Request const& req,
                                   bool committed) {
+    // A resumable session's start commits nothing: its 200 is no stored file.
+    if (committed && req.method != "PUT" && req.get_param_value("uploadType") == "resumable")
+        return std::nullopt;
     std::string what = req.method + " " + req.path;
     std::string method = apiMethod(req);
     for (auto it = state.failures.begin(); it != state.failures.end(); ++it) {
@@ -162,16 +192,57 @@ void sendRule(httplib::Response& res, FailRule const& rule) {
     }
 }
 
-// Faults first, then the access token of every API request.
+// Takes a token from the write throttle's bucket; false when it is empty.
+bool writeAllowed(FakeDrive::State& state) {
+    auto now = std::chrono::steady_clock::now();
+    double elapsed = std::chrono::duration<double>(now - state.refilled).count();
+    state.refilled = now;
+    state.writeTokens = std::min(state.writeBurst, state.writeTokens + elapsed * state.writeRate);
+    if (state.writeTokens < 1) return false;
+    state.writeTokens -= 1;
+    return true;
+}
+
+// Drive's answer to a client past its write rate: the request rate limit's
+// words, which differ from the daily upload limit's ("User rate limit
+// exceeded.").
+void sendWriteRateLimit(httplib::Response& res) {
+    sendError(res, 403, "userRateLimitExceeded",
+              "User Rate Limit Exceeded. Rate of requests for user exceed configured project "
+              "quota. You may consider re-evaluating expected per-user traffic to the API and "
+              "adjust project quota limits accordingly. You may monitor aggregate quota usage and "
+              "adjust limits in your API Console: "
+              "https://console.developers.google.com/apis/api/drive.googleapis.com/"
+              "quotas?project=418305926774",
+              "usageLimits");
+}
+
+// The service's latency, faults, then the access token of every API request
+// and the write throttle.
 httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request const& req,
                                       httplib::Response& res) {
     std::unique_lock<std::mutex> guard(state.lock);
+    std::string method = req.path == "/token" ? "token" : apiMethod(req);
+    ++state.requestCounts[method.empty() ? "other" : method];
+    if (state.latencyMs > 0) {
+        // Other requests are served meanwhile, as by the real service.
+        state.stopped.wait_for(guard, std::chrono::milliseconds(state.latencyMs),
+                               [&state] { return state.stopping; });
+    }
+    // An answer made here leaves the request's body unread on the
+    // connection, where it would pass for the next request: the client is
+    // told to close it.
+    auto refused = [&req, &res] {
+        if (req.has_header("Content-Length") || req.has_header("Transfer-Encoding"))
+            res.set_header("Connection", "close");
+        return httplib::Server::HandlerResponse::Handled;
+    };
     if (auto rule = firedRule(state, req, false)) {
         if (rule->delayMs == 0) {
             // httplib would cut the error body to the request's Range (416).
             const_cast<httplib::Request&>(req).ranges.clear();
             sendRule(res, *rule);
-            return httplib::Server::HandlerResponse::Handled;
+            return refused();
         }
         // A stall: the other requests go on meanwhile, and the fake's end cuts it short.
         state.stopped.wait_for(guard, std::chrono::milliseconds(rule->delayMs),
@@ -192,7 +263,12 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
     if (found == state.tokens.end() || std::chrono::steady_clock::now() >= found->second) {
         ++state.counters.unauthorized;
         sendError(res, 401, "authError", "Invalid Credentials");
-        return httplib::Server::HandlerResponse::Handled;
+        return refused();
+    }
+    if (state.writeRate > 0 && req.method != "GET" && !writeAllowed(state)) {
+        ++state.counters.throttled;
+        sendWriteRateLimit(res);
+        return refused();
     }
     if (!isUtf8(req.get_param_value("q"))) {
         sendError(res, 400, "invalid", "Invalid Value");
@@ -372,15 +448,19 @@ void token(FakeDrive::State& state, httplib::Request const& req, httplib::Respon
 
 void addMetadataRoutes(FakeDrive::State& state) {
     auto& s = state;
-    s.server->Get(
-        "/drive/v3/files/generateIds", [&s](httplib::Request const& req, httplib::Response& res) {
-            int count = req.has_param("count") ? std::stoi(req.get_param_value("count")) : 10;
-            Json::Value answer(Json::objectValue);
-            answer["kind"] = "drive#generatedIds";
-            answer["space"] = "drive";
-            for (int i = 0; i < count; ++i) answer["ids"].append(DriveEmulator::newObjectId());
-            sendJson(res, answer);
-        });
+    s.server->Get("/drive/v3/files/generateIds", [&s](httplib::Request const& req,
+                                                      httplib::Response& res) {
+        int count = req.has_param("count") ? std::atoi(req.get_param_value("count").c_str()) : 10;
+        if (count < 1 || count > 1000) {
+            sendError(res, 400, "invalid", "Invalid value for: count must be 1 to 1000.");
+            return;
+        }
+        Json::Value answer(Json::objectValue);
+        answer["kind"] = "drive#generatedIds";
+        answer["space"] = "drive";
+        for (int i = 0; i < count; ++i) answer["ids"].append(DriveEmulator::newObjectId());
+        sendJson(res, answer);
+    });
     s.server->Get(R"(/drive/v3/files/([^/]+))", [&s](httplib::Request const& req,
                                                      httplib::Response& res) {
         if (req.get_param_value("alt") == "media") {
@@ -443,6 +523,11 @@ void addMetadataRoutes(FakeDrive::State& state) {
     s.server->Post("/drive/v3/files", [&s](httplib::Request const& req, httplib::Response& res) {
         if (createRefused(s, req, res)) return;
         Json::Value meta = parseBody(req.body);
+        std::optional<std::int64_t> mtime;
+        if (!modifiedTimeOf(meta, mtime)) {
+            sendError(res, 400, "invalid", "Invalid value for: modifiedTime");
+            return;
+        }
         std::lock_guard<std::mutex> guard(s.lock);
         try {
             WriteTransaction txn(s.store.db());
@@ -457,6 +542,10 @@ void addMetadataRoutes(FakeDrive::State& state) {
                     : s.store.createFile(parent, name,
                                          DriveEmulator::NewContent{"", 0, DriveEmulator::kEmptyMd5},
                                          s.lagNext, id);
+            if (mtime) {
+                s.store.setMtime(object.id, *mtime);
+                object.mtime = *mtime;
+            }
             txn.commit();
             s.lagNext = 0;
             sendJson(res, fileResource(object));
@@ -615,6 +704,21 @@ void FakeDrive::makeNative(std::string const& id, std::string const& mimeType) {
 void FakeDrive::padNextAnswer(std::int64_t bytes) {
     std::lock_guard<std::mutex> guard(_state->lock);
     _state->padNext = bytes;
+}
+void FakeDrive::setLatency(int ms) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->latencyMs = ms;
+}
+void FakeDrive::throttleWrites(double perSecond, int burst) {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    _state->writeRate = perSecond;
+    _state->writeBurst = burst;
+    _state->writeTokens = burst;
+    _state->refilled = std::chrono::steady_clock::now();
+}
+std::map<std::string, int> FakeDrive::requestCounts() {
+    std::lock_guard<std::mutex> guard(_state->lock);
+    return _state->requestCounts;
 }
 Counters& FakeDrive::counters() { return _state->counters; }
 std::string FakeDrive::lastUserAgent() {

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -45,6 +46,7 @@ struct Counters {
     std::atomic<int> failuresServed{0};       // answers made by failure rules
     std::atomic<int> uploadStarts{0};         // uploads begun: sessions and one-request uploads
     std::atomic<int> prettyPrinted{0};        // API requests without prettyPrint=false
+    std::atomic<int> throttled{0};            // writes refused by the write throttle
 };
 
 // Whether `text` is valid UTF-8 (lead and continuation bytes), as Drive
@@ -113,10 +115,21 @@ class FakeDrive {
     // `id`) or allDrives, and at most `itemLimit` items can be created in it
     // (403 teamDriveFileLimitExceeded past that; Drive's limit is 400,000).
     void makeSharedDrive(std::string const& id, int itemLimit);
+    // Every request waits `ms` before it is served, as the real service
+    // answers in 50 to 300 ms (0, the default: at once).
+    void setLatency(int ms);
+    // Writes (every API request but a GET) pass a token bucket that holds
+    // `burst` and refills at `perSecond`; a write that finds it empty is
+    // refused with Drive's 403 userRateLimitExceeded. 0 (the default): no
+    // throttle.
+    void throttleWrites(double perSecond, int burst = 10);
 
     Counters& counters();
     // The User-Agent header of the last API request.
     std::string lastUserAgent();
+    // Requests served or refused so far by kind: Drive's API method names
+    // (FailRule), "token" for the token endpoint, "other" for the rest.
+    std::map<std::string, int> requestCounts();
 
     // The routes' shared state (fake_state.h).
     struct State;

@@ -33,6 +33,7 @@ struct UploadSession {
     std::shared_ptr<EVP_MD_CTX> sha256;  // the same
     Json::Value finished;                // the file resource once complete
     std::string fields;                  // the fields mask the session began with
+    std::optional<std::int64_t> mtime;   // the metadata's modifiedTime, when given
 };
 
 // An authorization code handed out by the consent route, until exchanged.
@@ -82,6 +83,14 @@ struct FakeDrive::State {
     std::int64_t padNext = 0;         // blanks after the next JSON answer
     // Google-native objects (Docs, shortcuts, ...) by id: their MIME type.
     std::map<std::string, std::string> nativeTypes;
+    int latencyMs = 0;
+    // The write throttle: tokens left, refilled at `writeRate` a second up
+    // to `writeBurst` (no throttle while the rate is 0).
+    double writeRate = 0;
+    double writeBurst = 0;
+    double writeTokens = 0;
+    std::chrono::steady_clock::time_point refilled;
+    std::map<std::string, int> requestCounts;  // by API method
     bool stopping = false;
     std::condition_variable stopped;  // wakes delayed requests when the fake goes
     std::map<std::string, UploadSession> sessions;
@@ -93,15 +102,19 @@ struct FakeDrive::State {
     int sharedDriveItems = 0;
 };
 
-// Drive's error body for `status`, with `reason` and `message`.
+// Drive's error body for `status`, with `reason` and `message` (and the
+// error's `domain`, "global" for most).
 void sendError(httplib::Response& res, int status, std::string const& reason,
-               std::string const& message);
+               std::string const& message, std::string const& domain = "global");
 // The model's refusal as Drive words it.
 void sendModelError(httplib::Response& res, DriveEmulator::Error const& error);
 // Drive's file resource of `object`; `nativeType` makes it a Google-native
 // object of that MIME type (no checksum; a shortcut has no size either).
 Json::Value fileResource(DriveEmulator::Object const& object, std::string const& sha256 = "",
                          std::string const& nativeType = "");
+// The metadata's "modifiedTime" (RFC 3339) in seconds, left unset when
+// absent; false when it is there but no RFC 3339 time, which Drive refuses.
+bool modifiedTimeOf(Json::Value const& meta, std::optional<std::int64_t>& seconds);
 // The MIME type of a Google-native object, empty for others.
 std::string nativeTypeOf(FakeDrive::State& state, std::string const& id);
 void sendJson(httplib::Response& res, Json::Value const& value, int status = 200);

@@ -7,7 +7,9 @@
 #include <openssl/evp.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdlib>
+#include <utility>
 
 #include "content_copy.h"
 #include "fake_state.h"
@@ -37,44 +39,106 @@ Json::Value parseMeta(std::string const& body) {
 
 void finish(FakeDrive::State& s, UploadSession& session, httplib::Response& res);
 
-// The metadata and content parts of a multipart/related body; false when
-// the body is not one.
-bool splitMultipart(httplib::Request const& req, std::string& meta, std::string& media) {
-    std::string type = req.get_header_value("Content-Type");
-    size_t at = type.find("boundary=");
-    if (type.rfind("multipart/related", 0) != 0 || at == std::string::npos) return false;
-    std::string delimiter = "--" + type.substr(at + 9);
-    std::vector<std::string> parts;
-    size_t start = req.body.find(delimiter);
-    while (start != std::string::npos) {
-        size_t from = start + delimiter.size();
-        if (req.body.compare(from, 2, "--") == 0) break;
-        size_t end = req.body.find("\r\n" + delimiter, from);
-        if (end == std::string::npos) return false;
-        size_t blank = req.body.find("\r\n\r\n", from);
-        if (blank == std::string::npos || blank > end) return false;
-        parts.push_back(req.body.substr(blank + 4, end - blank - 4));
-        start = end + 2;
+// Drive takes metadata and content in one request up to this size.
+constexpr size_t kMultipartMedia = 5000000;
+
+// The value of `name` among a header's parameters ("...; boundary=x"),
+// unquoted; empty when absent.
+std::string headerParam(std::string const& header, std::string const& name) {
+    size_t at = header.find("; " + name + "=");
+    if (at == std::string::npos) at = header.find(";" + name + "=");
+    if (at == std::string::npos) return "";
+    at = header.find('=', at) + 1;
+    std::string value = header.substr(at, header.find(';', at) - at);
+    if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
+        value = value.substr(1, value.size() - 2);
+    return value;
+}
+
+// The metadata and content parts of a multipart/related body as Drive
+// documents it: the boundary named in the Content-Type, the body opening
+// with its delimiter, exactly two parts each with a Content-Type (the first
+// JSON), the closing delimiter last. Returns what is wrong, empty when
+// nothing is. The content part ends at the first delimiter: a boundary
+// that occurs in the content cuts it, as it would at Drive.
+std::string splitMultipart(httplib::Request const& req, std::string& meta, std::string& media) {
+    std::string const type = req.get_header_value("Content-Type");
+    if (type.rfind("multipart/related;", 0) != 0) return "not multipart/related";
+    std::string const boundary = headerParam(type, "boundary");
+    if (boundary.empty() || boundary.size() > 70) return "no boundary";
+    std::string const delimiter = "--" + boundary;
+    std::string const& body = req.body;
+    if (body.compare(0, delimiter.size() + 2, delimiter + "\r\n") != 0)
+        return "the body does not open with the boundary";
+    std::vector<std::pair<std::string, std::string>> parts;  // headers, content
+    size_t at = delimiter.size() + 2;
+    for (;;) {
+        size_t blank = body.find("\r\n\r\n", at);
+        size_t end = body.find("\r\n" + delimiter, at);
+        if (end == std::string::npos) return "a part without its closing delimiter";
+        if (blank == std::string::npos || blank > end) return "a part without headers";
+        parts.emplace_back(body.substr(at, blank + 2 - at),
+                           body.substr(blank + 4, end - blank - 4));
+        at = end + 2 + delimiter.size();
+        if (body.compare(at, 2, "--") == 0) {
+            at += 2;
+            break;
+        }
+        if (body.compare(at, 2, "\r\n") != 0) return "a delimiter not followed by a line end";
+        at += 2;
     }
-    if (parts.size() != 2) return false;
-    meta = parts[0];
-    media = parts[1];
-    return true;
+    if (body.substr(at) != "" && body.substr(at) != "\r\n") return "bytes after the last part";
+    if (parts.size() != 2) return std::to_string(parts.size()) + " parts instead of 2";
+    auto contentType = [](std::string const& headers) {
+        std::string lower = headers;
+        for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        size_t at = lower.find("content-type:");
+        if (at != 0 && (at == std::string::npos || lower.compare(at - 2, 2, "\r\n") != 0))
+            return std::string();
+        at = lower.find_first_not_of(' ', at + 13);
+        return lower.substr(at, lower.find("\r\n", at) - at);
+    };
+    if (contentType(parts[0].first).rfind("application/json", 0) != 0)
+        return "the first part is not JSON metadata";
+    if (contentType(parts[1].first).empty()) return "the content part has no Content-Type";
+    meta = parts[0].second;
+    media = parts[1].second;
+    return "";
 }
 
 void startSession(FakeDrive::State& s, httplib::Request const& req, httplib::Response& res,
                   std::string const& updateId) {
     bool const multipart = req.get_param_value("uploadType") == "multipart";
     std::string metaText = req.body, media;
-    if (multipart && !splitMultipart(req, metaText, media)) {
-        sendError(res, 400, "badContent", "Malformed multipart body.");
-        return;
+    if (multipart) {
+        std::string problem = splitMultipart(req, metaText, media);
+        if (problem.empty() && media.size() > kMultipartMedia)
+            problem = "content past 5 MB: a resumable upload is needed";
+        Json::Value parsed;
+        Json::CharReaderBuilder builder;
+        builder["strictRoot"] = true;
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        std::string errors;
+        if (problem.empty() &&
+            (!reader->parse(metaText.data(), metaText.data() + metaText.size(), &parsed, &errors) ||
+             !parsed.isObject()))
+            problem = "the metadata part is no JSON object";
+        if (!problem.empty()) {
+            sendError(res, 400, "badContent", "Malformed multipart body: " + problem + ".");
+            return;
+        }
     }
     Json::Value meta = parseMeta(metaText);
+    std::optional<std::int64_t> mtime;
+    if (!modifiedTimeOf(meta, mtime)) {
+        sendError(res, 400, "invalid", "Invalid value for: modifiedTime");
+        return;
+    }
     std::lock_guard<std::mutex> guard(s.lock);
     UploadSession session;
     session.update = !updateId.empty();
     session.fields = req.get_param_value("fields");
+    session.mtime = mtime;
     session.size = multipart ? static_cast<std::int64_t>(media.size())
                              : std::atoll(req.get_header_value("X-Upload-Content-Length").c_str());
     try {
@@ -154,12 +218,17 @@ void finish(FakeDrive::State& s, UploadSession& session, httplib::Response& res)
         DriveEmulator::Object object;
         if (session.update) {
             std::string old = s.store.updateFile(session.id, content);
+            if (session.mtime) s.store.setMtime(session.id, *session.mtime);
             object = s.store.get(session.id).object;
             txn.commit();
             if (!old.empty()) s.store.blobs().discard(old);
         } else {
             object =
                 s.store.createFile(session.parentId, session.name, content, s.lagNext, session.id);
+            if (session.mtime) {
+                s.store.setMtime(object.id, *session.mtime);
+                object.mtime = *session.mtime;
+            }
             txn.commit();
             s.lagNext = 0;
         }

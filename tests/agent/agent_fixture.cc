@@ -69,6 +69,18 @@ void writePattern(std::string const& path, std::int64_t size, unsigned seed) {
     }
 }
 
+httplib::Headers AgentOnFake::bearer() {
+    auto answer = httplib::Client("127.0.0.1", fake->port())
+                      .Post("/token",
+                            "grant_type=refresh_token&refresh_token=1//0gRefreshToken&client_id="
+                            "123456789012-abc.apps.example.com&client_secret=Qm7vT2xK_pL9R-"
+                            "04Hd3WaNce",
+                            "application/x-www-form-urlencoded");
+    std::string body = answer ? answer->body : "";
+    size_t at = body.find("ya29.");  // none: substr throws, and the test fails
+    return {{"Authorization", "Bearer " + body.substr(at, body.find('"', at) - at)}};
+}
+
 Json::Value AgentOnFake::download(EmulatorProcess& agent, std::string const& id) {
     return agent
         .transfer(req({{"fn", "downloadFile"}, {"id", id}, {"outputPath", scratch + "/out"}}))

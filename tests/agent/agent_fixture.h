@@ -2,6 +2,8 @@
 // in a private folder; optionally through a proxy that drops connections.
 #pragma once
 
+#include <httplib.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -35,6 +37,9 @@ class AgentOnFake {
     // Writes the agent's configuration file: the fake's (or proxy's) URLs
     // and, when given, the CA file.
     void configure(std::string const& caFile);
+    // An Authorization header with a fresh access token from the fake, for
+    // requests a test makes itself.
+    httplib::Headers bearer();
     // The last answer of a download of `id` by `agent` into scratch/out.
     Json::Value download(EmulatorProcess& agent, std::string const& id);
 

@@ -12,6 +12,7 @@
 #include "googledrive_client.h"
 #include "googledrive_error.h"
 #include "http.h"
+#include "upload.h"
 
 using namespace AgentTest;
 
@@ -40,12 +41,12 @@ TEST_F(Transfers, ExpiredSessionStartsAgainAndShortOrIgnoredRangesAreFollowedUp)
     EXPECT_EQ(fileMd5(input), fileMd5(scratch + "/out"));
 }
 
-// Drive stored a create and failed it all the same (every answer to the
-// upload's last chunk): the file is asked for by its id, and a folder create
-// sent again reuses its id and meets the folder the first one made.
+// Drive stored a create and failed it all the same (the one request of a
+// small file, every answer to a large one's last chunk): the file is asked
+// for by its id, or the repeated upload meets it under its id (409) and
+// brings it up to date; a folder create sent again reuses its id and meets
+// the folder the first one made.
 TEST_F(Transfers, ACreateStoredThenFailedMakesOneObject) {
-    std::string input = scratch + "/in";
-    writePattern(input, MiB);
     auto agent = start();
     auto committedThenFailed = [&](char const* match, int times) {
         DriveFake::FailRule rule;
@@ -54,10 +55,24 @@ TEST_F(Transfers, ACreateStoredThenFailedMakesOneObject) {
         rule.afterCommit = true;
         fake->addFailure(rule);
     };
-    committedThenFailed("upload chunk", 7);  // the chunk and each status query after it
-    Json::Value up = agent->transfer(EmulatorTest::upload(drive->rootId(), input, "f")).back();
-    EXPECT_TRUE(up["success"].asBool()) << up;
-    EXPECT_EQ(1u, drive->lookup(drive->rootId(), "f").size());
+    struct Case {
+        std::int64_t size;
+        int failures;  // a large file: the chunk and each status query after it
+        int attempts;  // a small file: the first answer is the failure
+    } const cases[] = {{DriveAgent::kWholeUpload, 1, 2}, {DriveAgent::kWholeUpload + 1, 7, 1}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.size);
+        std::string input = scratch + "/in", name = std::to_string(c.size);
+        writePattern(input, c.size);
+        committedThenFailed("/upload/drive/v3/files", c.failures);
+        Json::Value up;
+        for (int i = 0; i < c.attempts; ++i)
+            up = agent->transfer(EmulatorTest::upload(drive->rootId(), input, name)).back();
+        EXPECT_TRUE(up["success"].asBool()) << up;
+        auto made = drive->lookup(drive->rootId(), name);
+        ASSERT_EQ(1u, made.size());
+        EXPECT_EQ(fileMd5(input), made[0].md5);
+    }
 
     Json::Value mkdir = req({{"fn", "createFolder"}, {"name", "d"}, {"parentId", drive->rootId()}});
     committedThenFailed("files.create", 1);

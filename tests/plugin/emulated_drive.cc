@@ -88,9 +88,10 @@ void EmulatedAccount::addFault(Fault const& fault) {
     if (plain && fault.kind == FaultKind::Fail && fault.code >= 400) {
         fake->addFailure(driveFailure(route, fault));
     } else if (plain && fault.kind == FaultKind::FailAfterApply && fault.code >= 400) {
-        // The create, or the upload's last chunk, is committed and then failed.
-        bool const upload = fault.fn.rfind("upload", 0) == 0;
-        DriveFake::FailRule rule = driveFailure(upload ? "upload chunk" : route, fault);
+        // The create, or the upload (one request, or a session's last chunk),
+        // is committed and then failed.
+        bool const upload = fault.fn.rfind("upload", 0) == 0 || fault.fn.rfind("update", 0) == 0;
+        DriveFake::FailRule rule = driveFailure(upload ? "/upload/drive/v3/files" : route, fault);
         rule.afterCommit = true;
         fake->addFailure(rule);
     } else if (plain && fault.kind == FaultKind::Delay) {
