@@ -227,6 +227,7 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
         sends.push_back(treeJob("send", joinPath(remoteTop, rpath), rpath, false));
         sends.back()["local"] = localTop + "/" + rpath;
     }
+    listFoldersFirst(sends, remote, remoteTop);
     ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
     if (!report.stopped())
         runTreeJobs(s, transfersOf(s), sends, report, &line, sameWorkers ? workers.get() : nullptr);

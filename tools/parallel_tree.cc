@@ -14,6 +14,13 @@ using namespace TAVO::Backup;
 namespace {
 // Files up to this size are hashed ahead of the listing (see LocalHashes).
 constexpr int64_t kGuessUpTo = 1 << 20;
+// Objects in one page of a folder's listing (drive_agent's page size).
+constexpr size_t kListingPage = 1000;
+
+std::string parentOf(std::string const& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
 }  // namespace
 
 Json::Value treeJob(char const* op, std::string const& remote, std::string const& shown,
@@ -170,6 +177,21 @@ bool TreeWorkers::run(std::deque<Json::Value>& jobs, WorkerPool::ResultHandler c
         return false;
     }
     return _pool.run(jobs, onResult, line);
+}
+
+void listFoldersFirst(std::deque<Json::Value>& jobs, std::map<std::string, FileInfo> const& remote,
+                      std::string const& remoteTop) {
+    std::map<std::string, size_t> sends, entries;
+    for (Json::Value const& job : jobs) ++sends[job["group"].asString()];
+    for (auto const& entry : remote) {
+        auto it = sends.find(joinPath(remoteTop, parentOf(entry.first)));
+        if (it != sends.end()) ++entries[it->first];
+    }
+    for (Json::Value& job : jobs) {
+        std::string const group = job["group"].asString();
+        // One listing page stands for up to a page of lookups.
+        job["listFirst"] = entries[group] / kListingPage + 1 < sends[group];
+    }
 }
 
 void runTreeJobs(Session& s, int count, std::deque<Json::Value> jobs, RunReport& report,

@@ -91,6 +91,15 @@ class TreeWorkers {
     bool _started = false;
 };
 
+// Marks the sends of `jobs` ("listFirst") into each folder whose listing
+// costs fewer requests than the name lookups it saves: a folder that
+// `remote` (its entries by path relative to `remoteTop`) shows with few
+// enough entries for the files going into it. Each worker then lists such a
+// folder before its first send there, and the plug-in asks for no name in it.
+void listFoldersFirst(std::deque<Json::Value>& jobs,
+                      std::map<std::string, TAVO::Backup::FileInfo> const& remote,
+                      std::string const& remoteTop);
+
 // Runs `jobs` on `count` workers of their own (or on the pool of `on`, when
 // given), adding each outcome to `report` and counting on `line` (may be
 // null); stops handing out jobs once the report says the run stops.

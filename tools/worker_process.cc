@@ -96,6 +96,12 @@ bool runTransfer(TransferAgent& agent, Json::Value const& job, int results, Json
     std::string const local = absoluteLocalPath(job["local"].asString());
     FileInfo info(remote);
     if (send) {
+        std::list<FileInfo> listed;
+        // Only to learn the folder: a failure shows in the send itself.
+        if (job.isMember("first") && !agent.listDir(job["first"].asString(), listed)) {
+            beginOperation();
+            setError(ERR_NONE);
+        }
         if (!agent.sendFile(local, remote, progress.hook(), true, info)) return false;
         result["bytes"] = static_cast<Json::Int64>(info.getSize() - progress.reported());
         return true;

@@ -280,6 +280,12 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                     job["first"] = group;
                     w.listed.insert(group);
                 }
+                // A send into a folder it has not listed: the listing answers
+                // for every name the worker then stores there.
+                if (job["listFirst"].asBool() && !w.listed.count(group)) {
+                    job["first"] = group;
+                    w.listed.insert(group);
+                }
                 if (listing) {
                     w.listed.insert(job["remote"].asString());
                     _listed.insert(job["remote"].asString());

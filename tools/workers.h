@@ -32,7 +32,8 @@ namespace gdhost {
 //   "list"   "remote": one folder's children
 //   "mkdir"  "remote": the folder (with "parents": and its missing parents)
 //   "remove" "remote": a file, or with "folder" a folder and its content
-//   "send"   "local" to "remote"
+//   "send"   "local" to "remote" (with "listFirst": after listing its folder,
+//            once per worker, so that the plug-in asks for no name there)
 //   "recv"   "remote" to "local" ("size" bytes)
 // Its result: "ok"; on failure "code" (the engine's error code), "words",
 // "exit" and "stops" (the failure as describeFailure gives it, "folder"

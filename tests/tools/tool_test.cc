@@ -373,7 +373,7 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
     for (int n = 0; n < 40; ++n)
         write(path("src/Pool/") + std::to_string(1 + n % 4) + "/" + std::to_string(n), "n");
     ASSERT_EQ(run({"init"}).code, 0);
-    std::map<std::string, int64_t> first, second, folders, learned;
+    std::map<std::string, int64_t> first, second, folders, learned, lookups;
     auto cacheRecords = [&] {
         std::ifstream cache(path("data/cache/nas1.hbk/ta_cache.node"));
         return std::count(std::istreambuf_iterator<char>(cache), {}, '\n');
@@ -389,6 +389,10 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
         EXPECT_EQ(agentsServing(drive().requestLog(), "uploadFile"), transfers == "1" ? 1u : 3u);
         learned[transfers] = cacheRecords() - known;
         first[transfers] = drive().countRequests();
+        for (auto const& request : drive().requestLog()) {
+            lookups[transfers] +=
+                request.args["queryFilter"].asString().find("(name = ") != std::string::npos;
+        }
         folders[transfers] = drive().countRequests("createFolder");
         // The same serial copy after either: the node cache holds all the
         // workers learned.
@@ -412,7 +416,13 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
     // Workers stay in a folder: each of the fourteen folders, made by another
     // agent, is confirmed about once, and each worker confirms its way to the
     // tree (spread over the workers, each folder would be asked by each).
-    EXPECT_LE(first["3"], first["1"] + 14 + 3 * 4);
+    // The one agent asks for no name in the folders it made; a worker lists
+    // each of the five folders that get several files, once, instead.
+    EXPECT_LE(first["3"], first["1"] + 14 + 3 * 4 + 3 * 5);
+    // Names looked up: the copy's top (by mkdir -p and its creation), and
+    // with workers the two files alone in their folders.
+    EXPECT_EQ(lookups["1"], 2);
+    EXPECT_EQ(lookups["3"], lookups["1"] + 2);
     EXPECT_GE(first["3"], first["1"]);
 
     // A copy deletes nothing: a remote folder whose local one is empty is
