@@ -21,6 +21,7 @@ std::mutex gMutex;
 int gShownMask = LOG_MASK(LOG_WARNING);
 thread_local bool tHasReason = false;
 thread_local std::string tReason;
+std::function<void()> gRateLimitHook;
 
 // glibc's syslog expands %m itself; vsnprintf must not see it.
 std::string expandErrno(char const* format, int savedErrno) {
@@ -50,10 +51,13 @@ void record(int priority, char const* format, va_list args) {
         tHasReason = true;
         tReason = buffer;
     }
-    std::lock_guard<std::mutex> lock(gMutex);
-    if (gShownMask & LOG_MASK(level)) {
-        fprintf(stderr, "gdrive_host[%d]: %s\n", static_cast<int>(getpid()), buffer);
+    {
+        std::lock_guard<std::mutex> lock(gMutex);
+        if (gShownMask & LOG_MASK(level)) {
+            fprintf(stderr, "gdrive_host[%d]: %s\n", static_cast<int>(getpid()), buffer);
+        }
     }
+    if (gRateLimitHook && level == LOG_WARNING && isRateLimitLine(buffer)) gRateLimitHook();
     errno = savedErrno;
 }
 
@@ -75,6 +79,18 @@ void showPluginLog(bool verbose) {
     TAVO::Backup::TransferAgent::setDebug(true);
     TAVO::Backup::TransferAgent::setDebugSink(
         [](std::string const& line) { fprintf(stderr, "trace: %s\n", line.c_str()); });
+}
+
+void onRateLimit(std::function<void()> hook) { gRateLimitHook = std::move(hook); }
+
+bool isRateLimitLine(std::string const& line) {
+    // The channel's retry warning: "helper answered error CODE (MESSAGE); retry ...".
+    for (char const* answer :
+         {"answered error 429 (", "answered error 403 (User Rate Limit Exceeded)",
+          "answered error 403 (Rate Limit Exceeded)"}) {
+        if (line.find(answer) != std::string::npos) return true;
+    }
+    return false;
 }
 
 void beginOperation() {

@@ -239,6 +239,13 @@ int runWorkerProcess() {
     if (!jobs.next(line) || !parseLine(line, setup)) return kExitError;
     Destination const destination = destinationOf(setup);
     showPluginLog(setup["verbose"].asBool());
+    // Told at once, while the plug-in pauses before its retry: the parent
+    // slows every worker down, not only this one.
+    onRateLimit([] {
+        Json::Value line(Json::objectValue);
+        line["limited"] = true;
+        sendAll(kResultsFd, lineOf(line));
+    });
     int rc = kExitOk;
     try {
         PluginModule module;

@@ -255,6 +255,7 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
     write(path("file"), "content");
     mkfifo(path("fifo").c_str(), 0600);
     fs::create_directory(path("folder"));
+    write(path("folder/one"), "1");
     fs::create_symlink(path("file"), path("link"));
     write(path("profile"), "target = nas1.hbk\ncolour = blue\n");
     DriveEmulator::Fault const none = DriveEmulator::Fault::delay("none", 0);
@@ -290,6 +291,11 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
          7,
          "put x: error 2002, quota exceeded"},
         {DriveEmulator::Fault::fail("*", 503).forNext(2), {"ls"}, 0, "retry 2 of 9"},
+        // A worker's rate limit slows the whole pool.
+        {DriveEmulator::Fault::fail("uploadFile", 429).forNext(1),
+         {"-v", "copy", "--transfers", "2", path("folder"), "paced"},
+         0,
+         "rate limited, all workers slow down: paced: 1 at a time"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.words);
@@ -299,6 +305,21 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         EXPECT_EQ(r.code, c.code) << r.err;
         EXPECT_NE(r.err.find(c.words), std::string::npos) << r.err;
     }
+}
+
+// After a rate limit the pool holds its next job starts apart, the files
+// already handed out aside; without one it sends them back to back.
+TEST_F(ToolTest, ARateLimitHoldsTheNextJobsBack) {
+    for (std::string name : {"1", "2", "3", "4"}) write(path("src/") + name, name);
+    ASSERT_EQ(run({"init"}).code, 0);
+    drive().clearRequestLog();
+    drive().addFault(DriveEmulator::Fault::fail("uploadFile", 429).forNext(1));
+    ASSERT_EQ(run({"copy", "--transfers", "2", path("src"), "dst"}).code, 0);
+    std::vector<double> stored;
+    for (auto const& request : drive().requestLog())
+        if (request.fn == "uploadFile" && request.success) stored.push_back(request.time);
+    ASSERT_EQ(stored.size(), 4u);
+    EXPECT_GE(stored.back() - stored.front(), 0.5);
 }
 
 TEST_F(ToolTest, JsonDocumentsDescribeWhatIsStored) {
