@@ -91,6 +91,11 @@ int closeReport(Session& s, RunReport const& report, std::string const& extra) {
         std::string const left = counted(report.untried(), "file") + " not tried";
         if (interrupted()) {
             fprintf(stderr, "gdrive_host: cancelled: %s\n", left.c_str());
+        } else if (report.outage()) {
+            fprintf(stderr,
+                    "gdrive_host: stopped: the last %d files in a row failed for a passing reason "
+                    "after their retries; the service seems out of reach (%s)\n",
+                    RunReport::kOutageRun, left.c_str());
         } else {
             fprintf(stderr,
                     "gdrive_host: stopped: the failure above would meet every further file (%s)\n",

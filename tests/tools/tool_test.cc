@@ -255,7 +255,7 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
     write(path("file"), "content");
     mkfifo(path("fifo").c_str(), 0600);
     fs::create_directory(path("folder"));
-    write(path("folder/one"), "1");
+    for (int n = 0; n < 7; ++n) write(path("folder/") + std::to_string(n), "1");
     fs::create_symlink(path("file"), path("link"));
     write(path("profile"), "target = nas1.hbk\ncolour = blue\n");
     DriveEmulator::Fault const none = DriveEmulator::Fault::delay("none", 0);
@@ -291,6 +291,12 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
          7,
          "put x: error 2002, quota exceeded"},
         {DriveEmulator::Fault::fail("*", 503).forNext(2), {"ls"}, 0, "retry 2 of 9"},
+        // An outage ends a tree's run after five files, not after all.
+        {DriveEmulator::Fault::fail("uploadFile", 503).always(),
+         {"copy", "--transfers", "1", path("folder"), "out"},
+         5,
+         "the last 5 files in a row failed for a passing reason after their retries; the service "
+         "seems out of reach (2 files not tried)"},
         // A worker's rate limit slows the whole pool.
         {DriveEmulator::Fault::fail("uploadFile", 429).forNext(1),
          {"-v", "copy", "--transfers", "2", path("folder"), "paced"},
