@@ -171,8 +171,9 @@ FileOutcome deleteRemote(Session& s, std::string const& remoteTop, std::string c
     return outcome;
 }
 
-// copyTree's changes made by workers (--transfers above 1): the top, the
-// replacements and the folders in order by the workers that listed the tree,
+// copyTree's changes made by workers (--transfers above 1): the top and the
+// replacements in order, then the folders (several at once, parents first)
+// by the workers that listed the tree,
 // then the files on a pool that starts from the node cache they left, then
 // the deletions in order.
 int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string const& remoteTop,
@@ -190,17 +191,18 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
                 treeJob("remove", joinPath(remoteTop, rpath), rpath, remote[rpath].isDirType()));
         }
     }
+    // New folders are made several at once, each once its parent is there.
+    std::deque<Json::Value> folders;
     for (auto const& rpath : plan.folders)
-        changes.push_back(treeJob("mkdir", joinPath(remoteTop, rpath), rpath + "/", true));
+        folders.push_back(treeJob("mkdir", joinPath(remoteTop, rpath), rpath + "/", true));
     size_t next = 0;
     int64_t created = 0;
     int topFailure = kExitOk;
     Unmade unmade;
     std::unique_ptr<StatusLine> making(new StatusLine(s.args.quiet));
-    workers->inOrder(changes, [&](FileOutcome const& outcome) {
-        making->show("making folders", static_cast<int64_t>(next + 1),
-                     static_cast<int64_t>(changes.size()));
-        Json::Value const& job = changes[next++];
+    auto onChange = [&](Json::Value const& job, FileOutcome const& outcome) {
+        making->show("making folders", static_cast<int64_t>(++next),
+                     static_cast<int64_t>(changes.size() + folders.size()));
         bool const isTop = job["parents"].asBool();
         if (outcome.kind != FileOutcome::kFailed) {
             created += job["op"] == "mkdir" && !isTop;
@@ -216,7 +218,11 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
             if (!failedAbove(shown, unmade, report)) report.add(outcome);
         }
         return !report.stopped();
-    });
+    };
+    size_t ordered = 0;
+    workers->inOrder(
+        changes, [&](FileOutcome const& outcome) { return onChange(changes[ordered++], outcome); });
+    if (topFailure == kExitOk && !report.stopped()) workers->makeFolders(folders, onChange);
     making.reset();
     // At a service's pace the files get a pool of their own, whose workers
     // start from a node cache that knows every folder made. Against a fast

@@ -414,6 +414,8 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
         int64_t const known = cacheRecords();
         ASSERT_EQ(run({"copy", "--transfers", transfers, path("src"), remote}).code, 0);
         EXPECT_EQ(agentsServing(drive().requestLog(), "uploadFile"), transfers == "1" ? 1u : 3u);
+        // Folders too are made by several workers (each once: below).
+        EXPECT_EQ(agentsServing(drive().requestLog(), "createFolder") > 1, transfers != "1");
         learned[transfers] = cacheRecords() - known;
         first[transfers] = drive().countRequests();
         for (auto const& request : drive().requestLog()) {
@@ -443,13 +445,16 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
     // Workers stay in a folder: each of the fourteen folders, made by another
     // agent, is confirmed about once, and each worker confirms its way to the
     // tree (spread over the workers, each folder would be asked by each).
-    // The one agent asks for no name in the folders it made; a worker lists
-    // each of the five folders that get several files, once, instead.
-    EXPECT_LE(first["3"], first["1"] + 14 + 3 * 4 + 3 * 5);
+    // The one agent asks for no name in the folders it made. Workers make
+    // folders several at once, and one asks for the name of a folder whose
+    // parent another made (ten of them have new parents); a worker lists
+    // each of the five folders that get several files, once, instead of
+    // asking for their names.
+    EXPECT_LE(first["3"], first["1"] + 14 + 3 * 4 + 10 + 3 * 5);
     // Names looked up: the copy's top (by mkdir -p and its creation), and
     // with workers the two files alone in their folders.
     EXPECT_EQ(lookups["1"], 2);
-    EXPECT_EQ(lookups["3"], lookups["1"] + 2);
+    EXPECT_LE(lookups["3"], lookups["1"] + 2 + 10);
     EXPECT_GE(first["3"], first["1"]);
 
     // A copy deletes nothing: a remote folder whose local one is empty is
