@@ -226,9 +226,11 @@ class TransferAgentGoogleDrive : public TransferAgent {
     bool findConfirmedMeta(std::string const& remotePath, GoogleDrive::FileMeta& meta,
                            bool askLast = true);
     // True when the node cache holds every child of folder `pid` (see
-    // WholeFolders) and no creation of `name` there is in doubt: a name the
-    // cache lacks is then absent without a lookup.
-    bool knownAbsent(std::string const& pid, std::string const& name) const;
+    // WholeFolders), lacks `name` there, and no creation of `name` there is
+    // in doubt: a create of `name` in `pid` then needs no lookup first.
+    // Asks nothing; only creates use it (a walk to an object another agent
+    // made meanwhile must still find it).
+    bool knownAbsent(std::string const& pid, std::string const& name);
     // The walk of findFileMetaByPath; on success also gives the path's
     // components (the first one empty, for the root) and the step taken at each.
     bool walkPath(bool cacheOnly, std::string const& path, GoogleDrive::FileMeta& meta,
@@ -238,6 +240,9 @@ class TransferAgentGoogleDrive : public TransferAgent {
     bool storeFileAt(std::string const& local, std::string const& remote,
                      std::string const& remotePath, long size, ProgressHook progress,
                      GoogleDrive::FileMeta& meta);
+    // createDir's folder made without a lookup where knownAbsent says the
+    // name is free: `tried` when it was (the result is the creation's).
+    bool createdUnasked(std::string const& remotePath, bool& tried);
     // createDir once its argument checks and the look at the path are done.
     bool createMissingDir(std::string const& remotePath);
     // True, with error 2003 and the trust in its folders forgotten, when the

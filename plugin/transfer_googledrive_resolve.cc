@@ -36,13 +36,6 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
         setError(ERR_GENERAL);
         return false;
     }
-    if (knownAbsent(pid, name)) {
-        GD_LOG(LOG_DEBUG, "folder [%s] is known whole: [%s] not asked for", pid.c_str(),
-               name.c_str());
-        GD_LOG(LOG_DEBUG, "not found, pid=%s, name=%s", pid.c_str(), name.c_str());
-        setError(ERR_REMOTE_NOT_FOUND);
-        return false;
-    }
     if (pid.empty() && name.empty()) {
         if (!getObjectMeta("root", meta)) {
             GD_LOG(LOG_ERR, "getObjectMeta(root) failed, error[%d]", getError());
@@ -96,11 +89,17 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
     return true;
 }
 
-bool TransferAgentGoogleDrive::knownAbsent(std::string const& pid, std::string const& name) const {
+bool TransferAgentGoogleDrive::knownAbsent(std::string const& pid, std::string const& name) {
     // A frozen cache does not learn what this agent makes or lists; a
     // creation in doubt may have made the name unseen.
-    return !pid.empty() && !name.empty() && _update_node_cache && _whole_folders.whole(pid) &&
-           _creations_in_doubt.count({pid, name}) == 0;
+    GoogleDrive::FileMeta cached;
+    if (pid.empty() || name.empty() || !_update_node_cache || !_whole_folders.whole(pid) ||
+        _creations_in_doubt.count({pid, name}) != 0 || _node_cache.find(pid, name, cached)) {
+        return false;
+    }
+    GD_LOG(LOG_DEBUG, "folder [%s] is known whole: [%s] not there, not asked for", pid.c_str(),
+           name.c_str());
+    return true;
 }
 
 TransferAgentGoogleDrive::Settled TransferAgentGoogleDrive::settleDuplicates(

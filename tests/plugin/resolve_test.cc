@@ -179,6 +179,13 @@ TEST_F(ResolveTest, LookupsOnlyWhereTheCacheKnowsTheWholeFolder) {
     ASSERT_TRUE(agent->sendFile(local, "a/b/f")) << getError();
     ASSERT_TRUE(agent->createDir("a/b/sub")) << getError();
     EXPECT_EQ(0, nameLookups("f") + nameLookups("sub"));
+    ASSERT_TRUE(agent->sendFile(local, "a/b/f")) << getError();  // the cache has it
+    EXPECT_EQ(1u, drive->lookup(bId, "f").size());
+    // Only a create goes unasked: a path through a folder another agent
+    // made since the listing is found (workers of one run are such agents).
+    std::string theirs = drive->mkdir(bId, "theirs");
+    ASSERT_TRUE(agent->sendFile(local, "a/b/theirs/f")) << getError();
+    EXPECT_EQ(1u, drive->lookup(theirs, "f").size());
 
     // Another client's file in a folder this agent neither made nor listed.
     std::string otherDir = drive->mkdir(aId, "other");

@@ -539,8 +539,8 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
     unsetenv("TMPDIR");
 
     // A worker killed during its job is named in that file's failure: the
-    // second one to start (the first lists and makes the folders), once its
-    // drive agent runs (it has read its set-up and has a job).
+    // newest one once files go out (the folders are made before by others),
+    // once its drive agent runs (it has read its set-up and has a job).
     pid_t pid = start({"copy", "--transfers", "8", path("src"), "killed"});
     std::vector<pid_t> workers;
     bool killed = false;
@@ -555,8 +555,8 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
         for (pid_t agent : now) {
             ProcessStat stat;
             if (!killed && workers.size() >= 2 && readStat(agent, stat) &&
-                stat.parent == workers[1])
-                killed = kill(workers[1], SIGKILL) == 0;
+                stat.parent == workers.back() && drive().countRequests("uploadFile") > 0)
+                killed = kill(workers.back(), SIGKILL) == 0;
         }
     });
     EXPECT_EQ(r.code, 1) << r.err;
