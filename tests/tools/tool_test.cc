@@ -540,7 +540,9 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
 
     // A worker killed during its job is named in that file's failure: the
     // newest one once files go out (the folders are made before by others),
-    // once its drive agent runs (it has read its set-up and has a job).
+    // once its drive agent runs (it has read its set-up and has a job, which
+    // lasts: each upload is held up).
+    drive().addFault(DriveEmulator::Fault::delay("uploadFile", 200).always());
     pid_t pid = start({"copy", "--transfers", "8", path("src"), "killed"});
     std::vector<pid_t> workers;
     bool killed = false;
