@@ -241,7 +241,8 @@ class TransferAgentGoogleDrive : public TransferAgent {
                      std::string const& remotePath, long size, ProgressHook progress,
                      GoogleDrive::FileMeta& meta);
     // createDir's folder made without a lookup where knownAbsent says the
-    // name is free: `tried` when it was (the result is the creation's).
+    // name is free: `tried` when it was (the result is the creation's),
+    // unless the creation found the parent gone (2003).
     bool createdUnasked(std::string const& remotePath, bool& tried);
     // createDir once its argument checks and the look at the path are done.
     bool createMissingDir(std::string const& remotePath);

@@ -60,6 +60,8 @@ bool TransferAgentGoogleDrive::createdUnasked(std::string const& remotePath, boo
     if (!createFolder(name, parent.id, meta)) {
         GD_LOG(LOG_ERR, "createFolder() failed, name=[%s], pid=[%s], error[%d]", name.c_str(),
                parent.id.c_str(), getError());
+        // The parent gone or trashed meanwhile: the usual way finds it again.
+        tried = getError() != ERR_REMOTE_NOT_FOUND;
         return false;
     }
     GD_LOG(LOG_DEBUG, "create dir [%s]: id=[%s]", remotePath.c_str(), meta.id.c_str());
