@@ -187,6 +187,12 @@ TEST_F(ResolveTest, LookupsOnlyWhereTheCacheKnowsTheWholeFolder) {
     ASSERT_TRUE(agent->sendFile(local, "a/b/theirs/f")) << getError();
     EXPECT_EQ(1u, drive->lookup(theirs, "f").size());
 
+    // A folder it made, replaced by another client: found again, not failed.
+    drive->remove(drive->lookup(aId, "made")[0].id);
+    std::string again = drive->mkdir(aId, "made");
+    ASSERT_TRUE(agent->createDir("a/made/sub")) << getError();
+    EXPECT_EQ(1u, drive->lookup(again, "sub").size());
+
     // Another client's file in a folder this agent neither made nor listed.
     std::string otherDir = drive->mkdir(aId, "other");
     drive->put(otherDir, "x", "theirs");
