@@ -18,6 +18,7 @@
 #include "googledrive_meta.h"
 #include "googledrive_meta_page.h"
 #include "transfer_googledrive_confirmed.h"
+#include "transfer_googledrive_whole.h"
 
 namespace TAVO {
 namespace Backup {
@@ -172,8 +173,10 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // Enters a listing of folder `pid` into the node cache, leaving out of the
     // index every name (byte for byte) that the listing holds more than once
     // and dropping what the index held for it. Below a confirmed folder, the
-    // folders listed under a name of their own count as confirmed.
-    void learnListing(std::string const& pid, std::list<GoogleDrive::FileMeta> const& list);
+    // folders listed under a name of their own count as confirmed. A `whole`
+    // listing (no name filter) without such names makes the folder known whole.
+    void learnListing(std::string const& pid, std::list<GoogleDrive::FileMeta> const& list,
+                      bool whole);
     enum class Settled { Kept, Refused, Stopped };
     // Several objects of exactly one name in folder `pid`. When they are
     // provably copies of one another (regular files of one size and one
@@ -222,6 +225,12 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // what the path names now.
     bool findConfirmedMeta(std::string const& remotePath, GoogleDrive::FileMeta& meta,
                            bool askLast = true);
+    // True when the node cache holds every child of folder `pid` (see
+    // WholeFolders), lacks `name` there, and no creation of `name` there is
+    // in doubt: a create of `name` in `pid` then needs no lookup first.
+    // Asks nothing; only creates use it (a walk to an object another agent
+    // made meanwhile must still find it).
+    bool knownAbsent(std::string const& pid, std::string const& name);
     // The walk of findFileMetaByPath; on success also gives the path's
     // components (the first one empty, for the root) and the step taken at each.
     bool walkPath(bool cacheOnly, std::string const& path, GoogleDrive::FileMeta& meta,
@@ -231,6 +240,10 @@ class TransferAgentGoogleDrive : public TransferAgent {
     bool storeFileAt(std::string const& local, std::string const& remote,
                      std::string const& remotePath, long size, ProgressHook progress,
                      GoogleDrive::FileMeta& meta);
+    // createDir's folder made without a lookup where knownAbsent says the
+    // name is free: `tried` when it was (the result is the creation's),
+    // unless the creation found the parent gone (2003).
+    bool createdUnasked(std::string const& remotePath, bool& tried);
     // createDir once its argument checks and the look at the path are done.
     bool createMissingDir(std::string const& remotePath);
     // True, with error 2003 and the trust in its folders forgotten, when the
@@ -293,6 +306,9 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // Folders whose placement the service confirmed lately (listed, made or
     // asked for): not asked again before a delete or an overwrite.
     ConfirmedFolders _confirmed_folders;
+    // Folders made by this agent or listed whole lately: a name the node
+    // cache lacks there is absent, and is not looked up.
+    WholeFolders _whole_folders;
 };
 
 // Reads the access token (empty when missing) and the refresh token from the

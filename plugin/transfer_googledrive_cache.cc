@@ -48,10 +48,15 @@ bool TransferAgentGoogleDrive::enableNodeCache(std::string const& path) {
     return true;
 }
 
-void TransferAgentGoogleDrive::freezeNodeCache(bool freeze) { _update_node_cache = !freeze; }
+void TransferAgentGoogleDrive::freezeNodeCache(bool freeze) {
+    // A frozen cache misses what is made or listed meanwhile.
+    if (freeze) _whole_folders.clear();
+    _update_node_cache = !freeze;
+}
 
 bool TransferAgentGoogleDrive::dropNodeCache() {
     _node_cache.clear();
+    _whole_folders.clear();
     if (!_cache_path.empty()) _node_cache.save(_cache_path);
     return true;
 }

@@ -25,6 +25,9 @@ bool TransferAgentGoogleDrive::createDir(std::string const& path) try {
     // Not statInfo: a new folder is the usual case here, and a replaced
     // parent shows when the creation below it fails.
     GoogleDrive::FileMeta meta;
+    bool tried = false;
+    bool const made = createdUnasked(remotePath, tried);
+    if (tried) return made;
     if (findConfirmedMeta(remotePath, meta)) {
         if (meta.isDir) return true;
         setError(ERR_REMOTE_NOT_DIR);
@@ -40,6 +43,30 @@ bool TransferAgentGoogleDrive::createDir(std::string const& path) try {
            createMissingDir(remotePath);
 }
 GD_CATCH_AT_EDGE("createDir")
+
+bool TransferAgentGoogleDrive::createdUnasked(std::string const& remotePath, bool& tried) {
+    tried = false;
+    int const before = getError();
+    GoogleDrive::FileMeta parent;
+    std::string const name = Path::basename(remotePath);
+    if (!findConfirmedMeta(Path::dirname(remotePath), parent, false) ||
+        !knownAbsent(parent.id, name)) {
+        // The usual way: it meets the same failure, and says so.
+        setError(before);
+        return false;
+    }
+    tried = true;
+    GoogleDrive::FileMeta meta;
+    if (!createFolder(name, parent.id, meta)) {
+        GD_LOG(LOG_ERR, "createFolder() failed, name=[%s], pid=[%s], error[%d]", name.c_str(),
+               parent.id.c_str(), getError());
+        // The parent gone or trashed meanwhile: the usual way finds it again.
+        tried = getError() != ERR_REMOTE_NOT_FOUND;
+        return false;
+    }
+    GD_LOG(LOG_DEBUG, "create dir [%s]: id=[%s]", remotePath.c_str(), meta.id.c_str());
+    return true;
+}
 
 bool TransferAgentGoogleDrive::createMissingDir(std::string const& remotePath) {
     std::string parentPath = Path::dirname(remotePath);

@@ -107,7 +107,9 @@ bool TransferAgentGoogleDrive::storeFileAt(std::string const& local, std::string
     std::string name = Path::basename(remotePath);
     // An overwrite, like a delete, must reach the file the path names now,
     // not one that another client moved away with a folder the cache knows.
-    if (findConfirmedMeta(remotePath, meta)) {
+    bool const absent = knownAbsent(parentId, name);
+    if (absent) setError(ERR_REMOTE_NOT_FOUND);
+    if (!absent && findConfirmedMeta(remotePath, meta)) {
         if (meta.isDir) {
             GD_LOG(LOG_ERR, "[%s] exists, is dir.", remote.c_str());
             setError(ERR_REMOTE_IS_DIR);

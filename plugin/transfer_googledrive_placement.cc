@@ -35,6 +35,9 @@ TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmStep(
            name.c_str(), id.c_str(), remotePath.c_str());
     _confirmed_folders.forget(id);
     if (_update_node_cache) _node_cache.removeTree(id);
+    // Renamed or moved: the cache no longer knows all of either folder.
+    _whole_folders.forget(id);
+    _whole_folders.forget(parentId);
     return Placement::Stale;
 }
 

@@ -98,6 +98,7 @@ bool TransferAgentGoogleDrive::getObjectMeta(std::string const& id, GoogleDrive:
         googledriveConverTransferResponse(false, _response, true, "getObjectMeta", __LINE__);
         // The service no longer knows the id: forget it too.
         if (_update_node_cache && getError() == ERR_REMOTE_NOT_FOUND) _node_cache.remove(id);
+        if (getError() == ERR_REMOTE_NOT_FOUND) _whole_folders.forget(id);
         return false;
     }
     if (!readResponseRecord(meta)) return false;
@@ -160,7 +161,7 @@ bool TransferAgentGoogleDrive::listObjects(std::string const& pid, std::string c
 
     dropRepeatedIds(list);
     dropForeignChildren(pid, list);
-    if (_update_node_cache) learnListing(pid, list);
+    if (_update_node_cache) learnListing(pid, list, name.empty());
     return true;
 }
 
@@ -189,7 +190,8 @@ bool TransferAgentGoogleDrive::readListingAnswer(GoogleDrive::ListingPage& page)
 }
 
 void TransferAgentGoogleDrive::learnListing(std::string const& pid,
-                                            std::list<GoogleDrive::FileMeta> const& list) {
+                                            std::list<GoogleDrive::FileMeta> const& list,
+                                            bool whole) {
     // Objects of a name Drive holds more than once in this folder stay out of
     // the index, and an entry learned before is dropped: a later walk must ask
     // the service and be refused again, not pick one of them from the cache.
@@ -207,6 +209,13 @@ void TransferAgentGoogleDrive::learnListing(std::string const& pid,
     // name of their own are in their places too: walking into them later
     // asks the service nothing more.
     bool const placed = pid == "root" || _confirmed_folders.trusted(pid);
+    // A name left out of the index would read as absent.
+    bool const clashed = std::find(clashes.begin(), clashes.end(), true) != clashes.end();
+    if (clashed) {
+        _whole_folders.forget(pid);
+    } else if (whole) {
+        _whole_folders.listed(pid);
+    }
     size_t position = 0;
     for (auto const& meta : list) {
         if (clashes[position++]) {
@@ -300,6 +309,8 @@ bool TransferAgentGoogleDrive::createFolder(std::string const& name, std::string
     if (!taken && !readResponseRecord(meta)) return false;
     if (landedInTrash(meta)) return false;
     if (_update_node_cache) _node_cache.insert(meta);
+    // One taken after a lost answer may hold what another client put there.
+    if (!taken && _update_node_cache) _whole_folders.made(meta.id);
     if (pid == "root" || _confirmed_folders.trusted(pid)) _confirmed_folders.confirm(meta.id);
     return true;
 }
@@ -322,6 +333,7 @@ bool TransferAgentGoogleDrive::removeObject(std::string const& id) {
     // would make the cache file grow with every deleted backup version.
     if (_update_node_cache) _node_cache.removeTree(id);
     _confirmed_folders.forget(id);
+    _whole_folders.forget(id);
     return true;
 }
 

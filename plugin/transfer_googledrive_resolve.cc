@@ -89,6 +89,19 @@ bool TransferAgentGoogleDrive::findFileMetaByPidName(bool cacheOnly, std::string
     return true;
 }
 
+bool TransferAgentGoogleDrive::knownAbsent(std::string const& pid, std::string const& name) {
+    // A frozen cache does not learn what this agent makes or lists; a
+    // creation in doubt may have made the name unseen.
+    GoogleDrive::FileMeta cached;
+    if (pid.empty() || name.empty() || !_update_node_cache || !_whole_folders.whole(pid) ||
+        _creations_in_doubt.count({pid, name}) != 0 || _node_cache.find(pid, name, cached)) {
+        return false;
+    }
+    GD_LOG(LOG_DEBUG, "folder [%s] is known whole: [%s] not there, not asked for", pid.c_str(),
+           name.c_str());
+    return true;
+}
+
 TransferAgentGoogleDrive::Settled TransferAgentGoogleDrive::settleDuplicates(
     std::string const& pid, std::string const& name, std::list<GoogleDrive::FileMeta> const& found,
     GoogleDrive::FileMeta& kept) {

@@ -160,6 +160,11 @@ int closeReport(Session& s, RunReport const& report, std::string const& extra) {
         std::string const left = counted(report.untried(), "file") + " not tried";
         if (interrupted()) {
             fprintf(stderr, "gdrive_host: cancelled: %s\n", left.c_str());
+        } else if (report.outage()) {
+            fprintf(stderr,
+                    "gdrive_host: stopped: the last %d files in a row failed for a passing reason "
+                    "after their retries; the service seems out of reach (%s)\n",
+                    RunReport::kOutageRun, left.c_str());
         } else {
             fprintf(stderr,
                     "gdrive_host: stopped: the failure above would meet every further file (%s)\n",
@@ -237,8 +242,9 @@ FileOutcome deleteRemote(Session& s, std::string const& remoteTop, std::string c
     return outcome;
 }
 
-// copyTree's changes made by workers (--transfers above 1): the top, the
-// replacements and the folders in order by the workers that listed the tree,
+// copyTree's changes made by workers (--transfers above 1): the top and the
+// replacements in order, then the folders (several at once, parents first)
+// by the workers that listed the tree,
 // then the files on a pool that starts from the node cache they left, then
 // the deletions in order.
 int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string const& remoteTop,
@@ -256,17 +262,18 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
                 treeJob("remove", joinPath(remoteTop, rpath), rpath, remote[rpath].isDirType()));
         }
     }
+    // New folders are made several at once, each once its parent is there.
+    std::deque<Json::Value> folders;
     for (auto const& rpath : plan.folders)
-        changes.push_back(treeJob("mkdir", joinPath(remoteTop, rpath), rpath + "/", true));
+        folders.push_back(treeJob("mkdir", joinPath(remoteTop, rpath), rpath + "/", true));
     size_t next = 0;
     int64_t created = 0;
     int topFailure = kExitOk;
     Unmade unmade;
     std::unique_ptr<StatusLine> making(new StatusLine(s.args.quiet));
-    workers->inOrder(changes, [&](FileOutcome const& outcome) {
-        making->show("making folders", static_cast<int64_t>(next + 1),
-                     static_cast<int64_t>(changes.size()));
-        Json::Value const& job = changes[next++];
+    auto onChange = [&](Json::Value const& job, FileOutcome const& outcome) {
+        making->show("making folders", static_cast<int64_t>(++next),
+                     static_cast<int64_t>(changes.size() + folders.size()));
         bool const isTop = job["parents"].asBool();
         if (outcome.kind != FileOutcome::kFailed) {
             created += job["op"] == "mkdir" && !isTop;
@@ -282,7 +289,11 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
             if (!failedAbove(shown, unmade, report)) report.add(outcome);
         }
         return !report.stopped();
-    });
+    };
+    size_t ordered = 0;
+    workers->inOrder(
+        changes, [&](FileOutcome const& outcome) { return onChange(changes[ordered++], outcome); });
+    if (topFailure == kExitOk && !report.stopped()) workers->makeFolders(folders, onChange);
     making.reset();
     // At a service's pace the files get a pool of their own, whose workers
     // start from a node cache that knows every folder made. Against a fast
@@ -298,6 +309,7 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
         sends.push_back(treeJob("send", joinPath(remoteTop, rpath), rpath, false));
         sends.back()["local"] = localTop + "/" + rpath;
     }
+    listFoldersFirst(sends, remote, remoteTop);
     ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
     if (!report.stopped())
         runTreeJobs(s, transfersOf(s), sends, report, &line, sameWorkers ? workers.get() : nullptr);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
 
 #include "backup/error.h"
 #include "interrupt.h"
@@ -14,6 +15,13 @@ using namespace TAVO::Backup;
 namespace {
 // Files up to this size are hashed ahead of the listing (see LocalHashes).
 constexpr int64_t kGuessUpTo = 1 << 20;
+// Objects in one page of a folder's listing (drive_agent's page size).
+constexpr size_t kListingPage = 1000;
+
+std::string parentOf(std::string const& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
 }  // namespace
 
 Json::Value treeJob(char const* op, std::string const& remote, std::string const& shown,
@@ -165,6 +173,50 @@ void TreeWorkers::inOrder(std::deque<Json::Value> jobs,
     _pool.run(jobs, onResult, nullptr, 1);
 }
 
+void TreeWorkers::makeFolders(
+    std::deque<Json::Value> jobs,
+    std::function<bool(Json::Value const&, FileOutcome const&)> const& onOutcome) {
+    if (jobs.empty() || !ready()) return;
+    auto folderOf = [](Json::Value const& job) {
+        std::string const shown = job["shown"].asString();
+        return shown.substr(0, shown.size() - 1);
+    };
+    std::set<std::string> planned;
+    for (Json::Value const& job : jobs) planned.insert(folderOf(job));
+    std::map<std::string, std::deque<Json::Value>> waiting;  // by the parent they wait for
+    std::deque<Json::Value> ready;
+    for (Json::Value& job : jobs) {
+        std::string const parent = parentOf(folderOf(job));
+        (planned.count(parent) ? waiting[parent] : ready).push_back(std::move(job));
+    }
+    bool going = true;
+    // Those below a folder that could not be made share its failure.
+    std::function<void(std::string const&, FileOutcome const&)> notTried =
+        [&](std::string const& folder, FileOutcome const& failed) {
+            for (Json::Value const& child : waiting[folder]) {
+                FileOutcome outcome = failed;
+                outcome.path = child["shown"].asString();
+                going = going && onOutcome(child, outcome);
+                notTried(folderOf(child), failed);
+            }
+            waiting.erase(folder);
+        };
+    auto onResult = [&](Json::Value const& done, Json::Value const& result,
+                        std::deque<Json::Value>& more) {
+        FileOutcome const outcome = outcomeOf(done, result);
+        going = going && onOutcome(done, outcome);
+        std::string const folder = folderOf(done);
+        if (outcome.kind == FileOutcome::kFailed) {
+            notTried(folder, outcome);
+        } else {
+            for (Json::Value& child : waiting[folder]) more.push_back(std::move(child));
+            waiting.erase(folder);
+        }
+        return going;
+    };
+    _pool.run(ready, onResult, nullptr);
+}
+
 bool TreeWorkers::run(std::deque<Json::Value>& jobs, WorkerPool::ResultHandler const& onResult,
                       ProgressLine* line, std::string& error) {
     if (!ready()) {
@@ -172,6 +224,21 @@ bool TreeWorkers::run(std::deque<Json::Value>& jobs, WorkerPool::ResultHandler c
         return false;
     }
     return _pool.run(jobs, onResult, line);
+}
+
+void listFoldersFirst(std::deque<Json::Value>& jobs, std::map<std::string, FileInfo> const& remote,
+                      std::string const& remoteTop) {
+    std::map<std::string, size_t> sends, entries;
+    for (Json::Value const& job : jobs) ++sends[job["group"].asString()];
+    for (auto const& entry : remote) {
+        auto it = sends.find(joinPath(remoteTop, parentOf(entry.first)));
+        if (it != sends.end()) ++entries[it->first];
+    }
+    for (Json::Value& job : jobs) {
+        std::string const group = job["group"].asString();
+        // One listing page stands for up to a page of lookups.
+        job["listFirst"] = entries[group] / kListingPage + 1 < sends[group];
+    }
 }
 
 void runTreeJobs(Session& s, int count, std::deque<Json::Value> jobs, RunReport& report,

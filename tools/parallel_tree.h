@@ -74,6 +74,16 @@ class TreeWorkers {
     void inOrder(std::deque<Json::Value> jobs,
                  std::function<bool(FileOutcome const&)> const& onOutcome);
 
+    // Makes the folders of `jobs` ("mkdir" jobs, parents before children,
+    // "shown" the folder's path relative to the top and a "/") on the pool,
+    // several at once: a folder's job goes out once its parent's among them
+    // was made (at once when its parent is not among them), so none is made
+    // twice or before its parent. Each outcome goes to `onOutcome` with its
+    // job, until it returns false; the folders below one that could not be
+    // made are not tried, and go to `onOutcome` with their parent's failure.
+    void makeFolders(std::deque<Json::Value> jobs,
+                     std::function<bool(Json::Value const&, FileOutcome const&)> const& onOutcome);
+
     // Whether its jobs showed the service slow: then transfers pay a pool of
     // their own; against a fast one its worker goes on with them.
     bool serviceSlow() const { return _pool.serviceSlow(); }
@@ -90,6 +100,15 @@ class TreeWorkers {
     WorkerPool _pool;
     bool _started = false;
 };
+
+// Marks the sends of `jobs` ("listFirst") into each folder whose listing
+// costs fewer requests than the name lookups it saves: a folder that
+// `remote` (its entries by path relative to `remoteTop`) shows with few
+// enough entries for the files going into it. Each worker then lists such a
+// folder before its first send there, and the plug-in asks for no name in it.
+void listFoldersFirst(std::deque<Json::Value>& jobs,
+                      std::map<std::string, TAVO::Backup::FileInfo> const& remote,
+                      std::string const& remoteTop);
 
 // Runs `jobs` on `count` workers of their own (or on the pool of `on`, when
 // given), adding each outcome to `report` and counting on `line` (may be

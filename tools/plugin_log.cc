@@ -23,6 +23,7 @@ int gShownMask = LOG_MASK(LOG_WARNING);
 thread_local bool tHasReason = false;
 thread_local std::string tReason;
 thread_local std::string tSubject;
+std::function<void()> gRateLimitHook;
 
 // glibc's syslog expands %m itself; vsnprintf must not see it.
 std::string expandErrno(char const* format, int savedErrno) {
@@ -53,12 +54,15 @@ void record(int priority, char const* format, va_list args) {
         tReason = buffer;
     }
     std::string worded = level == LOG_WARNING ? retryWords(buffer, tSubject) : std::string();
-    std::lock_guard<std::mutex> lock(gMutex);
-    bool verbose = gShownMask & LOG_MASK(LOG_DEBUG);
-    if (!worded.empty()) fprintf(stderr, "gdrive_host: %s\n", worded.c_str());
-    if ((gShownMask & LOG_MASK(level)) && (worded.empty() || verbose)) {
-        fprintf(stderr, "gdrive_host[%d]: %s\n", static_cast<int>(getpid()), buffer);
+    {
+        std::lock_guard<std::mutex> lock(gMutex);
+        bool verbose = gShownMask & LOG_MASK(LOG_DEBUG);
+        if (!worded.empty()) fprintf(stderr, "gdrive_host: %s\n", worded.c_str());
+        if ((gShownMask & LOG_MASK(level)) && (worded.empty() || verbose)) {
+            fprintf(stderr, "gdrive_host[%d]: %s\n", static_cast<int>(getpid()), buffer);
+        }
     }
+    if (gRateLimitHook && level == LOG_WARNING && isRateLimitLine(buffer)) gRateLimitHook();
     errno = savedErrno;
 }
 
@@ -80,6 +84,18 @@ void showPluginLog(bool verbose) {
     TAVO::Backup::TransferAgent::setDebug(true);
     TAVO::Backup::TransferAgent::setDebugSink(
         [](std::string const& line) { fprintf(stderr, "trace: %s\n", line.c_str()); });
+}
+
+void onRateLimit(std::function<void()> hook) { gRateLimitHook = std::move(hook); }
+
+bool isRateLimitLine(std::string const& line) {
+    // The channel's retry warning: "helper answered error CODE (MESSAGE) after ...".
+    for (char const* answer :
+         {"answered error 429 (", "answered error 403 (User Rate Limit Exceeded)",
+          "answered error 403 (Rate Limit Exceeded)"}) {
+        if (line.find(answer) != std::string::npos) return true;
+    }
+    return false;
 }
 
 void beginOperation(std::string subject) {

@@ -4,6 +4,7 @@
 // shown or kept as the reason of the operation that failed.
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace gdhost {
@@ -13,6 +14,15 @@ namespace gdhost {
 // sees a retry as it happens instead of a long silence. With `verbose` the
 // agent's operation trace is shown too ("trace: ..." lines).
 void showPluginLog(bool verbose);
+
+// Calls `hook` (from the thread that logs) each time the plug-in logs that
+// the service answered with a rate limit and the request will be sent again
+// (403 "User Rate Limit Exceeded" or "Rate Limit Exceeded", 429). An empty
+// hook stops the calls.
+void onRateLimit(std::function<void()> hook);
+
+// Whether a log line of the plug-in tells of such a rate limit.
+bool isRateLimitLine(std::string const& line);
 
 // Why an operation failed, in the plug-in's own words.
 struct LoggedReason {

@@ -49,6 +49,12 @@ double ProgressLine::seconds() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - _start).count();
 }
 
+void ProgressLine::setNote(std::string note) {
+    if (note == _note) return;
+    _note = std::move(note);
+    draw(true);
+}
+
 void ProgressLine::draw(bool force) {
     if (!_live) return;
     auto now = std::chrono::steady_clock::now();
@@ -65,9 +71,10 @@ void ProgressLine::draw(bool force) {
         left = std::max(left, static_cast<double>(_total_files - _files) * elapsed / _files);
     }
     std::string eta = left < 0 ? "-" : std::to_string(static_cast<int64_t>(left)) + " s";
-    fprintf(liveOutput(), "\r\033[K%s %s / %s, %" PRId64 "/%" PRId64 " files, %s/s, ETA %s",
+    fprintf(liveOutput(), "\r\033[K%s %s / %s, %" PRId64 "/%" PRId64 " files, %s/s, ETA %s%s%s",
             _verb.c_str(), humanBytes(_bytes).c_str(), humanBytes(_total_bytes).c_str(), _files,
-            _total_files, humanBytes(static_cast<int64_t>(rate)).c_str(), eta.c_str());
+            _total_files, humanBytes(static_cast<int64_t>(rate)).c_str(), eta.c_str(),
+            _note.empty() ? "" : ", ", _note.c_str());
     fflush(liveOutput());
 }
 

@@ -24,6 +24,10 @@ class ProgressLine {
     // whole command, listings and checksums included.
     void finish(std::string const& extra);
 
+    // Shows `note` at the end of the live line from now on ("paced: ..."),
+    // nothing when empty.
+    void setNote(std::string note);
+
     int64_t bytes() const { return _bytes; }
     int64_t files() const { return _files; }
 
@@ -38,6 +42,7 @@ class ProgressLine {
     bool _quiet;
     int64_t _bytes = 0;
     int64_t _files = 0;
+    std::string _note;
     std::chrono::steady_clock::time_point _start;
     std::chrono::steady_clock::time_point _drawn{};
 };

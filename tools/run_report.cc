@@ -51,7 +51,13 @@ void RunReport::add(FileOutcome const& outcome) {
     if (_watcher) _watcher(outcome);
     std::lock_guard<std::mutex> lock(_mutex);
     ++_counts[outcome.kind];
+    if (outcome.kind == FileOutcome::kDone) _passingInRow = 0;
     if (outcome.kind != FileOutcome::kFailed) return;
+    if (outcome.failure.exitCode != kExitTemporary) {
+        _passingInRow = 0;
+    } else if (++_passingInRow >= kOutageRun) {
+        _stopped = _outage = true;
+    }
     if (outcome.path.empty() || outcome.path.back() != '/') ++_failedFiles;
     _failures.push_back(outcome);
     if (outcome.failure.stopsRun) _stopped = true;
@@ -71,6 +77,11 @@ int64_t RunReport::untried() const {
 bool RunReport::stopped() const {
     std::lock_guard<std::mutex> lock(_mutex);
     return _stopped;
+}
+
+bool RunReport::outage() const {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _outage;
 }
 
 void RunReport::printFailures() const {

@@ -37,13 +37,20 @@ class RunReport {
     // `doneWord` names what happened to a file done ("sent", "received").
     explicit RunReport(std::string doneWord);
 
+    // Failures of this many files in a row, each for a passing reason after
+    // its retries (exit code 5: 408, 429, a 5xx, drive agent -2/-4), tell of
+    // an outage: every further file would spend its retries as well.
+    static constexpr int kOutageRun = 5;
+
     void add(FileOutcome const& outcome);
     // Has `watcher` called with each outcome added from then on, in the
     // thread that adds it.
     void watch(std::function<void(FileOutcome const&)> watcher) { _watcher = std::move(watcher); }
-    // True once a failure that every further file would meet was added: the
-    // run stops there.
+    // True once a failure that every further file would meet was added, or
+    // kOutageRun files in a row failed for a passing reason: the run stops.
     bool stopped() const;
+    // True when it stopped for such an outage.
+    bool outage() const;
 
     // Counts `files` more files that the run means to send or receive.
     void plan(int64_t files);
@@ -66,6 +73,8 @@ class RunReport {
     std::vector<FileOutcome> _failures;
     bool _stopped = false;
     std::function<void(FileOutcome const&)> _watcher;
+    int _passingInRow = 0;  // files failed for a passing reason since the last one done
+    bool _outage = false;
 };
 
 // How bad an exit code is, for choosing the worst of several.

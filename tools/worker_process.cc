@@ -97,6 +97,12 @@ bool runTransfer(TransferAgent& agent, Json::Value const& job, int results, Json
     std::string const local = reachable(absoluteLocalPath(job["local"].asString()));
     FileInfo info(remote);
     if (send) {
+        std::list<FileInfo> listed;
+        // Only to learn the folder: a failure shows in the send itself.
+        if (job.isMember("first") && !agent.listDir(job["first"].asString(), listed)) {
+            beginOperation();
+            setError(ERR_NONE);
+        }
         if (!agent.sendFile(local, remote, progress.hook(), true, info)) return false;
         result["bytes"] = static_cast<Json::Int64>(info.getSize() - progress.reported());
         result["md5"] = info.getChecksum();
@@ -237,6 +243,13 @@ int runWorkerProcess() {
     if (!jobs.next(line) || !parseLine(line, setup)) return kExitError;
     Destination const destination = destinationOf(setup);
     showPluginLog(setup["verbose"].asBool());
+    // Told at once, while the plug-in pauses before its retry: the parent
+    // slows every worker down, not only this one.
+    onRateLimit([] {
+        Json::Value line(Json::objectValue);
+        line["limited"] = true;
+        sendAll(kResultsFd, lineOf(line));
+    });
     int rc = kExitOk;
     try {
         PluginModule module;

@@ -42,6 +42,11 @@ bool pipelined(Json::Value const& job) {
     return !job["warm"].asBool() && (op == "send" || op == "recv" || op == "list");
 }
 
+// `d` in whole milliseconds, rounded up, for poll().
+long long ceilMs(ClientPace::Clock::duration d) {
+    return std::chrono::ceil<std::chrono::milliseconds>(d).count();
+}
+
 }  // namespace
 
 int transfersOf(Session const& s) { return s.args.transfers < 1 ? 1 : s.args.transfers; }
@@ -95,6 +100,7 @@ bool WorkerPool::start(int count, std::string& error) {
     // Warming up is a bet on a slow service, made before any answer: the
     // listing is then spread as at a service's pace from the start.
     if (_warmCount > 0) _pace.assumeSlow();
+    _clientPace = ClientPace(static_cast<size_t>(_count));
     return true;
 }
 
@@ -176,6 +182,11 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
             if (progress) progress->addBytes(result["progress"].asInt64());
             continue;
         }
+        if (parsed && result.isMember("limited")) {
+            w.limited = true;
+            paceLimited(progress);
+            continue;
+        }
         if (!parsed) {
             result = Json::Value(Json::objectValue);
             result["ok"] = false;
@@ -188,6 +199,8 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         auto const now = ServicePace::Clock::now();
         if (!done.first) _pace.finished(now - std::max(done.since, w.answered));
         w.answered = now;
+        if (!w.limited) paceClean(progress);
+        w.limited = false;
         if (done.job["warm"].asBool()) {
             if (_warmAnswer.isNull() && result["ok"].asBool()) _warmAnswer = result;
             continue;
@@ -197,6 +210,26 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         if (!onResult(done.job, result, jobs)) keepGoing = false;
     }
     return true;
+}
+
+void WorkerPool::paceLimited(ProgressLine* progress) {
+    if (!_clientPace.limited(ClientPace::Clock::now())) return;
+    if (progress) progress->setNote(_clientPace.describe());
+    if (_session.args.verbose)
+        fprintf(stderr, "gdrive_host: rate limited, all workers slow down: %s\n",
+                _clientPace.describe().c_str());
+}
+
+void WorkerPool::paceClean(ProgressLine* progress) {
+    if (!_clientPace.clean(ClientPace::Clock::now())) return;
+    if (progress) progress->setNote(_clientPace.describe());
+    if (!_session.args.verbose) return;
+    if (_clientPace.paced()) {
+        fprintf(stderr, "gdrive_host: answers clean, speeding up: %s\n",
+                _clientPace.describe().c_str());
+    } else {
+        fprintf(stderr, "gdrive_host: answers clean, no longer paced\n");
+    }
 }
 
 bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResult,
@@ -237,17 +270,23 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             idle += !w.busy() && w.jobs >= 0;
             if (w.busy() && !w.sent.front().first) _pace.running(now - w.runningSince());
         }
-        size_t const room = _pace.slow() ? most : 1;
+        size_t room = _pace.slow() ? most : 1;
+        // No more workers than the pace lets run at once.
+        if (_clientPace.paced())
+            room = std::min(room, std::max(_clientPace.inFlight(), _workers.size()));
+        size_t running = 0;
+        for (Worker const& w : _workers) running += w.sent.size();
         while (handOut && queue.size() > idle && _workers.size() < room && spawn()) ++idle;
         // Against a fast service a worker gets its next transfer or listing
         // while it runs one, so that it never waits for this process between
         // two; at a service's latency one at a time keeps the shares even.
-        size_t const depth = _pace.slow() ? 1 : 2;
+        size_t const depth = _pace.slow() || _clientPace.paced() ? 1 : 2;
         // Hands `w` the jobs that suit it, if any.
         auto offer = [&](Worker& w) {
             while (w.jobs >= 0 && w.sent.size() < depth) {
                 if (w.busy() && !pipelined(w.sent.back().job)) return;
                 if (queue.empty() && w.hadJob) return;
+                if (!_clientPace.mayStart(running, ServicePace::Clock::now())) return;
                 std::vector<std::string> elsewhere;
                 bool anyBusy = false;
                 for (size_t j = 0; j < _workers.size() && j < most; ++j) {
@@ -280,6 +319,12 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                     job["first"] = group;
                     w.listed.insert(group);
                 }
+                // A send into a folder it has not listed: the listing answers
+                // for every name the worker then stores there.
+                if (job["listFirst"].asBool() && !w.listed.count(group)) {
+                    job["first"] = group;
+                    w.listed.insert(group);
+                }
                 if (listing) {
                     w.listed.insert(job["remote"].asString());
                     _listed.insert(job["remote"].asString());
@@ -294,6 +339,8 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                     w.jobs = -1;
                     return;
                 }
+                _clientPace.started(sent.since);
+                ++running;
                 w.sent.push_back(std::move(sent));
             }
         };
@@ -317,9 +364,19 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             for (size_t i = 0; i < _workers.size() && i < most; ++i)
                 anyAlive = anyAlive || _workers[i].jobs >= 0;
             if (!handOut || (queue.empty() && jobs.empty()) || !anyAlive) break;
+            // Nothing running, and the pace holds the next start back.
+            auto const held = _clientPace.untilStart(ClientPace::Clock::now());
+            if (held > ClientPace::Clock::duration::zero())
+                poll(nullptr, 0, static_cast<int>(ceilMs(held)));
             continue;
         }
         int wait = idleLeft ? 0 : 100;
+        if (!queue.empty() && _clientPace.paced()) {
+            // Look again when the pace lets the next job start.
+            auto const held = _clientPace.untilStart(ClientPace::Clock::now());
+            if (held > ClientPace::Clock::duration::zero())
+                wait = std::min(wait, static_cast<int>(ceilMs(held)));
+        }
         if (!_pace.slow() && _workers.size() < most && !queue.empty()) {
             // Look again when a running job would show the service slow.
             for (Worker const* w : polled) {

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "client_pace.h"
 #include "commands.h"
 #include "progress_line.h"
 #include "service_pace.h"
@@ -32,7 +33,8 @@ namespace gdhost {
 //   "list"   "remote": one folder's children
 //   "mkdir"  "remote": the folder (with "parents": and its missing parents)
 //   "remove" "remote": a file, or with "folder" a folder and its content
-//   "send"   "local" to "remote"
+//   "send"   "local" to "remote" (with "listFirst": after listing its folder,
+//            once per worker, so that the plug-in asks for no name there)
 //   "recv"   "remote" to "local" ("size" bytes)
 // Its result: "ok"; on failure "code" (the engine's error code), "words",
 // "exit" and "stops" (the failure as describeFailure gives it, "folder"
@@ -126,7 +128,14 @@ class WorkerPool {
         bool hadJob = false;           // any, a warm-up included
         std::string home = "//";       // the folder its last job worked in (none yet)
         std::set<std::string> listed;  // the folders it listed
+        bool limited = false;          // its running job met a rate limit
     };
+
+    // A worker met a rate limit, or a job of it was answered without one:
+    // the pool's pace follows (see ClientPace), shown on `progress` (may
+    // be null) and, with -v, in a line of its own.
+    void paceLimited(ProgressLine* progress);
+    void paceClean(ProgressLine* progress);
 
     void stopAll();
     bool spawn();
@@ -148,8 +157,9 @@ class WorkerPool {
     Json::Value _warm;              // see warmUp
     size_t _warmCount = 0;
     std::string _warmProbe;
-    Json::Value _warmAnswer;  // the first warm-up that succeeded, until used
-    ServicePace _pace;        // whether workers beyond the first pay
+    Json::Value _warmAnswer;    // the first warm-up that succeeded, until used
+    ServicePace _pace;          // whether workers beyond the first pay
+    ClientPace _clientPace{1};  // the workers' pace under the service's rate limits
 };
 
 // The number of workers a command asked for (--transfers), at least 1.

@@ -158,3 +158,74 @@ TEST_F(ResolveTest, FrozenCacheStillAnswersButLearnsNothing) {
     EXPECT_TRUE(agent->findNodeIdByPath(true, "/C/T", id));
     EXPECT_FALSE(agent->findNodeIdByPath(true, "/C/T/a", id));
 }
+
+// A name the node cache lacks in a folder this agent made, or listed whole
+// a moment ago, is absent: not looked up. Anywhere else, and where a lost
+// answer or a name Drive holds twice leaves the cache short, it is asked.
+TEST_F(ResolveTest, LookupsOnlyWhereTheCacheKnowsTheWholeFolder) {
+    std::string local = writeLocal("f", "new");
+    auto nameLookups = [&](std::string const& name) {
+        int n = 0;
+        for (auto const& entry : drive->requestLog())
+            n += entry.args["queryFilter"].asString().find("(name = '" + name + "')") !=
+                 std::string::npos;
+        return n;
+    };
+    std::list<FileInfo> listed;
+    ASSERT_TRUE(agent->createDir("a/made")) << getError();
+    ASSERT_TRUE(agent->listDir("a/b", listed)) << getError();
+    drive->clearRequestLog();
+    ASSERT_TRUE(agent->sendFile(local, "a/made/f")) << getError();
+    ASSERT_TRUE(agent->sendFile(local, "a/b/f")) << getError();
+    ASSERT_TRUE(agent->createDir("a/b/sub")) << getError();
+    EXPECT_EQ(0, nameLookups("f") + nameLookups("sub"));
+    ASSERT_TRUE(agent->sendFile(local, "a/b/f")) << getError();  // the cache has it
+    EXPECT_EQ(1u, drive->lookup(bId, "f").size());
+    // Only a create goes unasked: a path through a folder another agent
+    // made since the listing is found (workers of one run are such agents).
+    std::string theirs = drive->mkdir(bId, "theirs");
+    ASSERT_TRUE(agent->sendFile(local, "a/b/theirs/f")) << getError();
+    EXPECT_EQ(1u, drive->lookup(theirs, "f").size());
+
+    // A folder it made, replaced by another client: found again, not failed.
+    drive->remove(drive->lookup(aId, "made")[0].id);
+    std::string again = drive->mkdir(aId, "made");
+    ASSERT_TRUE(agent->createDir("a/made/sub")) << getError();
+    EXPECT_EQ(1u, drive->lookup(again, "sub").size());
+
+    // Another client's file in a folder this agent neither made nor listed.
+    std::string otherDir = drive->mkdir(aId, "other");
+    drive->put(otherDir, "x", "theirs");
+    ASSERT_TRUE(agent->sendFile(local, "a/other/x")) << getError();
+    EXPECT_EQ(1u, drive->lookup(otherDir, "x").size());
+
+    // Two different files of one name: refused, never joined by a third.
+    drive->put(bId, "twice", "1");
+    drive->put(bId, "twice", "2");
+    ASSERT_TRUE(agent->listDir("a/b", listed));
+    EXPECT_FALSE(agent->sendFile(local, "a/b/twice"));
+    EXPECT_EQ(2u, drive->lookup(bId, "twice").size());
+
+    // A listing older than its trust no longer stands for a lookup.
+    setenv("TAVO_LISTING_TRUST_MS", "0", 1);
+    recreateAgent();
+    unsetenv("TAVO_LISTING_TRUST_MS");
+    ASSERT_TRUE(agent->listDir("a", listed));
+    drive->put(aId, "late", "theirs");
+    ASSERT_TRUE(agent->sendFile(local, "a/late")) << getError();
+    EXPECT_EQ(1u, drive->lookup(aId, "late").size());
+}
+
+TEST_F(ResolveTest, LostUploadInAFolderMadeByTheAgentIsLookedFor) {
+    SKIP_ON_DRIVE_AGENT("an agent process that exits after applying a request");
+    std::string local = writeLocal("f", "data");
+    ASSERT_TRUE(agent->createDir("a/made")) << getError();
+    // Stored, its answer lost, and name listings still blind to it.
+    addFault(Fault::exitAfterApply("uploadFile"));
+    addFault(Fault::listingLag(5, "uploadFile"));
+    EXPECT_FALSE(agent->sendFile(local, "a/made/f"));
+    EXPECT_TRUE(agent->sendFile(local, "a/made/f")) << getError();
+    std::string id;
+    ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/made", id));
+    EXPECT_EQ(1u, drive->lookup(id, "f").size());
+}

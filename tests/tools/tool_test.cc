@@ -266,7 +266,7 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
     write(path("file"), "content");
     mkfifo(path("fifo").c_str(), 0600);
     fs::create_directory(path("folder"));
-    write(path("folder/f"), "f");
+    for (int n = 0; n < 7; ++n) write(path("folder/") + std::to_string(n), "1");
     fs::create_symlink(path("file"), path("link"));
     write(path("profile"), "target = nas1.hbk\ncolour = blue\n");
     DriveEmulator::Fault const none = DriveEmulator::Fault::delay("none", 0);
@@ -306,14 +306,25 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
          0,
          "retrying ls in 0.0 s (retry 2 of 9): "},
         {DriveEmulator::Fault::fail("uploadFile", 503).forNext(1),
-         {"copy", path("folder"), "c"},
+         {"copy", "--transfers", "1", path("folder"), "c"},
          0,
-         "retrying c/f in 0.0 s (retry 1 of 9): "},
+         "retrying c/0 in 0.0 s (retry 1 of 9): "},
         // The drive agent made the folder, then went away: asked once more, found.
         {DriveEmulator::Fault::exitAfterApply("createFolder"),
          {"copy", path("folder"), "d"},
          0,
          "asking once more for folder d (error 1, general failure: helper channel closed"},
+        // An outage ends a tree's run after five files, not after all.
+        {DriveEmulator::Fault::fail("uploadFile", 503).always(),
+         {"copy", "--transfers", "1", path("folder"), "out"},
+         5,
+         "the last 5 files in a row failed for a passing reason after their retries; the service "
+         "seems out of reach (2 files not tried)"},
+        // A worker's rate limit slows the whole pool.
+        {DriveEmulator::Fault::fail("uploadFile", 429).forNext(1),
+         {"-v", "copy", "--transfers", "2", path("folder"), "paced"},
+         0,
+         "rate limited, all workers slow down: paced: 1 at a time"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.words);
@@ -323,6 +334,21 @@ TEST_F(ToolTest, ExitCodeAndWordsPerFailureKind) {
         EXPECT_EQ(r.code, c.code) << r.err;
         EXPECT_NE(r.err.find(c.words), std::string::npos) << r.err;
     }
+}
+
+// After a rate limit the pool holds its next job starts apart, the files
+// already handed out aside; without one it sends them back to back.
+TEST_F(ToolTest, ARateLimitHoldsTheNextJobsBack) {
+    for (std::string name : {"1", "2", "3", "4"}) write(path("src/") + name, name);
+    ASSERT_EQ(run({"init"}).code, 0);
+    drive().clearRequestLog();
+    drive().addFault(DriveEmulator::Fault::fail("uploadFile", 429).forNext(1));
+    ASSERT_EQ(run({"copy", "--transfers", "2", path("src"), "dst"}).code, 0);
+    std::vector<double> stored;
+    for (auto const& request : drive().requestLog())
+        if (request.fn == "uploadFile" && request.success) stored.push_back(request.time);
+    ASSERT_EQ(stored.size(), 4u);
+    EXPECT_GE(stored.back() - stored.front(), 0.5);
 }
 
 TEST_F(ToolTest, JsonDocumentsDescribeWhatIsStored) {
@@ -471,7 +497,7 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
     for (int n = 0; n < 40; ++n)
         write(path("src/Pool/") + std::to_string(1 + n % 4) + "/" + std::to_string(n), "n");
     ASSERT_EQ(run({"init"}).code, 0);
-    std::map<std::string, int64_t> first, second, folders, learned;
+    std::map<std::string, int64_t> first, second, folders, learned, lookups;
     auto cacheRecords = [&] {
         std::ifstream cache(path("data/cache/nas1.hbk/ta_cache.node"));
         return std::count(std::istreambuf_iterator<char>(cache), {}, '\n');
@@ -485,8 +511,14 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
         int64_t const known = cacheRecords();
         ASSERT_EQ(run({"copy", "--transfers", transfers, path("src"), remote}).code, 0);
         EXPECT_EQ(agentsServing(drive().requestLog(), "uploadFile"), transfers == "1" ? 1u : 3u);
+        // Folders too are made by several workers (each once: below).
+        EXPECT_EQ(agentsServing(drive().requestLog(), "createFolder") > 1, transfers != "1");
         learned[transfers] = cacheRecords() - known;
         first[transfers] = drive().countRequests();
+        for (auto const& request : drive().requestLog()) {
+            lookups[transfers] +=
+                request.args["queryFilter"].asString().find("(name = ") != std::string::npos;
+        }
         folders[transfers] = drive().countRequests("createFolder");
         // The same serial copy after either: the node cache holds all the
         // workers learned.
@@ -510,7 +542,16 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
     // Workers stay in a folder: each of the fourteen folders, made by another
     // agent, is confirmed about once, and each worker confirms its way to the
     // tree (spread over the workers, each folder would be asked by each).
-    EXPECT_LE(first["3"], first["1"] + 14 + 3 * 4);
+    // The one agent asks for no name in the folders it made. Workers make
+    // folders several at once, and one asks for the name of a folder whose
+    // parent another made (ten of them have new parents); a worker lists
+    // each of the five folders that get several files, once, instead of
+    // asking for their names.
+    EXPECT_LE(first["3"], first["1"] + 14 + 3 * 4 + 10 + 3 * 5);
+    // Names looked up: the copy's top (by mkdir -p and its creation), and
+    // with workers the two files alone in their folders.
+    EXPECT_EQ(lookups["1"], 2);
+    EXPECT_LE(lookups["3"], lookups["1"] + 2 + 10);
     EXPECT_GE(first["3"], first["1"]);
 
     // A copy deletes nothing: a remote folder whose local one is empty is
@@ -595,8 +636,10 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
     unsetenv("TMPDIR");
 
     // A worker killed during its job is named in that file's failure: the
-    // second one to start (the first lists and makes the folders), once its
-    // drive agent runs (it has read its set-up and has a job).
+    // newest one once files go out (the folders are made before by others),
+    // once its drive agent runs (it has read its set-up and has a job, which
+    // lasts: each upload is held up).
+    drive().addFault(DriveEmulator::Fault::delay("uploadFile", 200).always());
     pid_t pid = start({"copy", "--transfers", "8", path("src"), "killed"});
     std::vector<pid_t> workers;
     bool killed = false;
@@ -611,8 +654,8 @@ TEST_F(ToolTest, WorkersStartAfreshWhileTheLogIsBusy) {
         for (pid_t agent : now) {
             ProcessStat stat;
             if (!killed && workers.size() >= 2 && readStat(agent, stat) &&
-                stat.parent == workers[1])
-                killed = kill(workers[1], SIGKILL) == 0;
+                stat.parent == workers.back() && drive().countRequests("uploadFile") > 0)
+                killed = kill(workers.back(), SIGKILL) == 0;
         }
     });
     EXPECT_EQ(r.code, 1) << r.err;
