@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <regex>
 
 #include "backup/transfer_agent.h"
 
@@ -105,20 +105,31 @@ void beginOperation(std::string subject) {
 }
 
 std::string retryWords(std::string const& line, std::string const& subject) {
-    static std::regex const retry(
-        R"(helper answered error (-?\d+) \((.*)\) after (\d+) ms; retry (\d+) of (\d+) in (\d+) ms$)");
-    std::smatch m;
-    if (!std::regex_search(line, m, retry)) return std::string();
-    auto seconds = [](std::string const& ms) {
+    // "helper answered error CODE (MESSAGE) after MS ms; retry N of M in MS ms"
+    static std::string const kStart = "helper answered error ";
+    size_t at = line.find(kStart);
+    size_t close = line.rfind(") after ");
+    if (at == std::string::npos || close == std::string::npos) return std::string();
+    char* end = nullptr;
+    long code = std::strtol(line.c_str() + at + kStart.size(), &end, 10);
+    if (end == nullptr || std::string(end).rfind(" (", 0) != 0) return std::string();
+    std::string const message(static_cast<char const*>(end) + 2, line.c_str() + close);
+    long long tookMs = 0, pauseMs = 0;
+    int retry = 0, of = 0;
+    if (std::sscanf(line.c_str() + close, ") after %lld ms; retry %d of %d in %lld ms", &tookMs,
+                    &retry, &of, &pauseMs) != 4) {
+        return std::string();
+    }
+    auto seconds = [](long long ms) {
         char text[32];
-        snprintf(text, sizeof text, "%.1f s", std::stoll(ms) / 1000.0);
+        snprintf(text, sizeof text, "%.1f s", ms / 1000.0);
         return std::string(text);
     };
-    std::string what =
-        m[2].str().empty() ? "error " + m[1].str() : m[2].str() + " (error " + m[1].str() + ")";
+    std::string const what = message.empty() ? "error " + std::to_string(code)
+                                             : message + " (error " + std::to_string(code) + ")";
     return (subject.empty() ? std::string("retrying") : "retrying " + subject) + " in " +
-           seconds(m[6]) + " (retry " + m[4].str() + " of " + m[5].str() + "): " + what +
-           ", answered after " + seconds(m[3]);
+           seconds(pauseMs) + " (retry " + std::to_string(retry) + " of " + std::to_string(of) +
+           "): " + what + ", answered after " + seconds(tookMs);
 }
 
 LoggedReason loggedReason() { return reasonFromLine(tReason); }

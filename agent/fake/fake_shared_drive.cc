@@ -2,8 +2,6 @@
 // one: its items are invisible to any request that does not say it supports
 // shared drives, left out of every listing that does not ask for that drive's
 // items, and no more than a fixed number of them may be created.
-#include <regex>
-
 #include "fake_state.h"
 
 namespace DriveFake {
@@ -32,10 +30,12 @@ std::string idInPath(httplib::Request const& req) {
 // The first parent a create asks for: in its JSON body, or in the metadata
 // part of a multipart body.
 std::string parentInBody(httplib::Request const& req) {
-    static std::regex const parents(R"re("parents"\s*:\s*\[\s*"([^"]+)")re");
-    std::smatch found;
-    std::string const head = req.body.substr(0, 1 << 16);
-    return std::regex_search(head, found, parents) ? found[1].str() : "root";
+    std::string const& body = req.body;
+    size_t at = body.find("\"parents\"");
+    if (at != std::string::npos) at = body.find('[', at);
+    if (at != std::string::npos) at = body.find('"', at);
+    size_t end = at == std::string::npos ? at : body.find('"', at + 1);
+    return end == std::string::npos ? "root" : body.substr(at + 1, end - at - 1);
 }
 
 bool isCreate(httplib::Request const& req) {
