@@ -16,7 +16,8 @@
 //       throttled_refused_share refused requests over all requests
 //     second copy, nothing changed, --transfers 8:
 //       second_lists_per_folder listings over the tree's folders (its top too)
-//       second_other            every other request
+//       second_other            every other request (second_gets,
+//                               second_tokens of them)
 //     restore, 1 and 8: restore_speedup (the restore compared byte for byte)
 // and the serial times (`*_s1`) for scale. Commands' output goes to stderr.
 #include <benchmark/benchmark.h>
@@ -159,6 +160,8 @@ void BM_DriveHttp(benchmark::State& state) {
         state.counters["throttled_s"] = limited.seconds;
         state.counters["second_lists_per_folder"] = second.of("files.list") / 21;
         state.counters["second_other"] = second.total() - second.of("files.list");
+        state.counters["second_gets"] = second.of("files.get");
+        state.counters["second_tokens"] = second.of("token");
         state.counters["restore_speedup"] = restore1.seconds / restore8.seconds;
         state.counters["first_s1"] = first1.seconds;
         state.counters["restore_s1"] = restore1.seconds;

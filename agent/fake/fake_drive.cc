@@ -12,6 +12,7 @@
 #include "content_copy.h"
 #include "fake_state.h"
 #include "ids.h"
+#include "utf8.h"
 
 namespace DriveFake {
 
@@ -270,7 +271,7 @@ httplib::Server::HandlerResponse gate(FakeDrive::State& state, httplib::Request 
         sendWriteRateLimit(res);
         return refused();
     }
-    if (!isUtf8(req.get_param_value("q"))) {
+    if (!Utf8::isValid(req.get_param_value("q"))) {
         sendError(res, 400, "invalid", "Invalid Value");
         return httplib::Server::HandlerResponse::Handled;
     }

@@ -49,10 +49,6 @@ struct Counters {
     std::atomic<int> throttled{0};            // writes refused by the write throttle
 };
 
-// Whether `text` is valid UTF-8 (lead and continuation bytes), as Drive
-// wants its JSON bodies and queries.
-bool isUtf8(std::string const& text);
-
 class FakeDrive {
   public:
     // Serves the account in `dataFolder` (an emulator data folder with an

@@ -3,6 +3,7 @@
 // shared drives, left out of every listing that does not ask for that drive's
 // items, and no more than a fixed number of them may be created.
 #include "fake_state.h"
+#include "utf8.h"
 
 namespace DriveFake {
 
@@ -115,27 +116,10 @@ bool listedFor(FakeDrive::State& state, httplib::Request const& req, std::string
             (corpora == "drive" && param(req, "driveId", state.sharedDrive.c_str())));
 }
 
-bool isUtf8(std::string const& text) {
-    for (size_t at = 0; at < text.size();) {
-        unsigned char lead = static_cast<unsigned char>(text[at]);
-        size_t length = lead < 0x80                    ? 1
-                        : lead >= 0xC2 && lead <= 0xDF ? 2
-                        : lead >= 0xE0 && lead <= 0xEF ? 3
-                        : lead >= 0xF0 && lead <= 0xF4 ? 4
-                                                       : 0;
-        if (length == 0 || at + length > text.size()) return false;
-        for (size_t i = 1; i < length; ++i) {
-            if ((static_cast<unsigned char>(text[at + i]) & 0xC0) != 0x80) return false;
-        }
-        at += length;
-    }
-    return true;
-}
-
 bool createRefused(FakeDrive::State& state, httplib::Request const& req, httplib::Response& res) {
     // Drive's JSON is UTF-8: a name of other bytes is refused, not stored.
     if (req.get_header_value("Content-Type").rfind("application/json", 0) == 0 &&
-        !isUtf8(req.body)) {
+        !Utf8::isValid(req.body)) {
         sendError(res, 400, "parseError", "Invalid JSON payload received. Invalid UTF-8.");
         return true;
     }

@@ -9,6 +9,7 @@
 
 #include "agent_fixture.h"
 #include "googledrive_client.h"
+#include "utf8.h"
 
 using namespace AgentTest;
 
@@ -209,7 +210,7 @@ TEST_F(RealService, NamesThatAreNotUtf8TravelAsValidTextAndComeBackByteForByte) 
         ASSERT_TRUE(made["success"].asBool()) << made;
         EXPECT_EQ(name, made["name"].asString());
         std::string stored = drive->stat(made["id"].asString()).name;
-        EXPECT_TRUE(DriveFake::isUtf8(stored));
+        EXPECT_TRUE(Utf8::isValid(stored));
         EXPECT_EQ(name == "\xc3\xa9t\xc3\xa9", stored == name);
         Json::Value found = agent->call(
             req({{"fn", "listObjects"},
