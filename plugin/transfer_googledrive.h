@@ -231,6 +231,14 @@ class TransferAgentGoogleDrive : public TransferAgent {
     // Asks nothing; only creates use it (a walk to an object another agent
     // made meanwhile must still find it).
     bool knownAbsent(std::string const& pid, std::string const& name);
+    // The service says `id` is gone (or trashed): the folders the node cache
+    // placed it in may hold what the cache does not know (a wrong or lagging
+    // answer, another client's object), so names there are asked for again.
+    void forgetWholeAround(std::string const& id);
+    // Drops `id` and what the node cache holds below it. The folders below
+    // were whole only with the records dropped: unless `id` is known to be a
+    // file, no folder counts as whole any more.
+    void dropCachedTree(std::string const& id);
     // The walk of findFileMetaByPath; on success also gives the path's
     // components (the first one empty, for the root) and the step taken at each.
     bool walkPath(bool cacheOnly, std::string const& path, GoogleDrive::FileMeta& meta,

@@ -34,7 +34,7 @@ TransferAgentGoogleDrive::Placement TransferAgentGoogleDrive::confirmStep(
     GD_LOG(LOG_WARNING, "cached [%s] (id=[%s]) of [%s] is no longer there, resolving again",
            name.c_str(), id.c_str(), remotePath.c_str());
     _confirmed_folders.forget(id);
-    if (_update_node_cache) _node_cache.removeTree(id);
+    dropCachedTree(id);
     // Renamed or moved: the cache no longer knows all of either folder.
     _whole_folders.forget(id);
     _whole_folders.forget(parentId);

@@ -87,6 +87,23 @@ bool TransferAgentGoogleDrive::landedInTrash(GoogleDrive::FileMeta const& meta) 
     return true;
 }
 
+void TransferAgentGoogleDrive::dropCachedTree(std::string const& id) {
+    if (!_update_node_cache) return;
+    // Unknown by now (its record went when the service said it was gone): it
+    // may have been a folder.
+    GoogleDrive::FileMeta known;
+    if (!_node_cache.find(id, known) || known.isDir) _whole_folders.clear();
+    _node_cache.removeTree(id);
+}
+
+void TransferAgentGoogleDrive::forgetWholeAround(std::string const& id) {
+    GoogleDrive::FileMeta known;
+    if (_node_cache.find(id, known)) {
+        for (auto const& parent : known.parents) _whole_folders.forget(parent);
+    }
+    _whole_folders.forget(id);
+}
+
 bool TransferAgentGoogleDrive::getObjectMeta(std::string const& id, GoogleDrive::FileMeta& meta) {
     GD_LOG(LOG_DEBUG, "@getObjectMeta: id=[%s]", id.c_str());
     GD_OPEN_REQUEST(true, false);
@@ -97,13 +114,14 @@ bool TransferAgentGoogleDrive::getObjectMeta(std::string const& id, GoogleDrive:
     if (!_client.send(request, _response)) {
         googledriveConverTransferResponse(false, _response, true, "getObjectMeta", __LINE__);
         // The service no longer knows the id: forget it too.
+        if (getError() == ERR_REMOTE_NOT_FOUND) forgetWholeAround(id);
         if (_update_node_cache && getError() == ERR_REMOTE_NOT_FOUND) _node_cache.remove(id);
-        if (getError() == ERR_REMOTE_NOT_FOUND) _whole_folders.forget(id);
         return false;
     }
     if (!readResponseRecord(meta)) return false;
     if (meta.status == "TRASH") {
         // A trashed object is absent to the engine.
+        forgetWholeAround(id);
         if (_update_node_cache) _node_cache.remove(id);
         GD_LOG(LOG_DEBUG, "id [%s] has been trashed", id.c_str());
         setError(ERR_REMOTE_NOT_FOUND);
@@ -326,12 +344,12 @@ bool TransferAgentGoogleDrive::removeObject(std::string const& id) {
     if (!_client.send(request, _response)) {
         googledriveConverTransferResponse(false, _response, true, "removeObject", __LINE__);
         // Already gone on the service: forget it here too.
-        if (_update_node_cache && getError() == ERR_REMOTE_NOT_FOUND) _node_cache.removeTree(id);
+        if (getError() == ERR_REMOTE_NOT_FOUND) dropCachedTree(id);
         return false;
     }
     // What the cache knows below a deleted folder went with it; left in, it
     // would make the cache file grow with every deleted backup version.
-    if (_update_node_cache) _node_cache.removeTree(id);
+    dropCachedTree(id);
     _confirmed_folders.forget(id);
     _whole_folders.forget(id);
     return true;
