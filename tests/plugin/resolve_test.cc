@@ -229,3 +229,25 @@ TEST_F(ResolveTest, LostUploadInAFolderMadeByTheAgentIsLookedFor) {
     ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/made", id));
     EXPECT_EQ(1u, drive->lookup(id, "f").size());
 }
+
+// The service says once that a folder above a folder this agent made is gone:
+// what the cache knew below goes with it, and so does the made folder's
+// wholeness, so the file there is looked for again, never made a second time.
+TEST_F(ResolveTest, AFolderFoundGoneAboveAMadeOneEndsItsWholeness) {
+    SKIP_ON_DRIVE_AGENT("a fault on the n-th status request only");
+    setenv("TAVO_PLACEMENT_TRUST_MS", "0", 1);  // every step is confirmed each time
+    recreateAgent();
+    unsetenv("TAVO_PLACEMENT_TRUST_MS");
+    std::string local = writeLocal("f", "data");
+    ASSERT_TRUE(agent->createDir("a/made")) << getError();
+    ASSERT_TRUE(agent->sendFile(local, "a/made/f")) << getError();
+    for (int n = 1; n <= 5; ++n) {  // each status request of the overwrite in turn
+        drive->clearFaults();
+        addFault(Fault::fail("getObjectMeta", 404).onNth(n));
+        agent->sendFile(local, "a/made/f");
+        // Checked at once: a later lookup would settle identical copies.
+        std::string made;
+        ASSERT_TRUE(agent->findNodeIdByPath(false, "/C/T/a/made", made));
+        EXPECT_EQ(1u, drive->lookup(made, "f").size()) << "fault on status request " << n;
+    }
+}
