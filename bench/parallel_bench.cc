@@ -150,6 +150,37 @@ BENCHMARK(BM_ParallelTransfers)
     ->UseManualTime()
     ->Unit(benchmark::kSecond);
 
+// A first copy of a tree that is mostly folders: `folders` folders of 30
+// with two small files in each, so that 10 folders spread under the top,
+// the rest below them, at 100 ms a request.
+//   BM_ParallelFolders/N   folders_speedup (1 over 16 transfers, time),
+//                          folders_request_ratio (requests with 16 over 1)
+void BM_ParallelFolders(benchmark::State& state) {
+    std::string const folder = BenchSupport::makeScratchFolder("parallel-folders");
+    std::string const tree = folder + "/tree";
+    int const folders = static_cast<int>(state.range(0));
+    for (int n = 0; n < folders; ++n) {
+        std::string const path =
+            tree + "/d" + std::to_string(n % 10) + (n < 10 ? "" : "/e" + std::to_string(n));
+        fs::create_directories(path);
+        if (n >= 10)
+            for (char const* name : {"/a", "/b"}) std::ofstream(path + name) << path;
+    }
+    for (auto _ : state) {
+        Scenario one(folder, 1, 100), sixteen(folder, 16, 100);
+        Step first1 = one.run("copy", tree, "/"), first16 = sixteen.run("copy", tree, "/");
+        if (first1.seconds < 0 || first16.seconds < 0) state.SkipWithError("a command failed");
+        state.SetIterationTime(first16.seconds);
+        state.counters["folders_speedup"] = first1.seconds / first16.seconds;
+        state.counters["folders_request_ratio"] = first16.requests / first1.requests;
+        state.counters["folders_s1"] = first1.seconds;
+        state.counters["folders_requests1"] = first1.requests;
+    }
+    BenchSupport::removeTree(folder);
+}
+
+BENCHMARK(BM_ParallelFolders)->Arg(311)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+
 }  // namespace
 
 int main(int argc, char** argv) { return BenchSupport::runBenchmarks(argc, argv); }

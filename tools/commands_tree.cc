@@ -295,13 +295,10 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
         changes, [&](FileOutcome const& outcome) { return onChange(changes[ordered++], outcome); });
     if (topFailure == kExitOk && !report.stopped()) workers->makeFolders(folders, onChange);
     making.reset();
-    // At a service's pace the files get a pool of their own, whose workers
-    // start from a node cache that knows every folder made. Against a fast
-    // one the worker that made them goes on (another would only cost a
-    // process and a drive agent); should the service turn slow, the workers
-    // it then adds look those folders up.
-    bool const sameWorkers = !workers->serviceSlow();
-    if (!sameWorkers) workers.reset();  // merges what they learned
+    // The workers that made the folders send the files: each goes on in the
+    // folders it made, which its agent knows whole, and a worker added later
+    // looks up the folders it goes into. A pool of new workers would cost
+    // each its own drive agent's start and confirmations.
     if (topFailure != kExitOk) return topFailure;
     std::deque<Json::Value> sends;
     for (auto const& rpath : plan.files) {
@@ -311,8 +308,7 @@ int copyOnWorkers(Session& s, std::unique_ptr<TreeWorkers>& workers, std::string
     }
     listFoldersFirst(sends, remote, remoteTop);
     ProgressLine line("sent", plan.bytes, static_cast<int64_t>(plan.files.size()), s.args.quiet);
-    if (!report.stopped())
-        runTreeJobs(s, transfersOf(s), sends, report, &line, sameWorkers ? workers.get() : nullptr);
+    if (!report.stopped()) runTreeJobs(s, transfersOf(s), sends, report, &line, workers.get());
     workers.reset();
     line.finish(", " + counted(created, "folder") + " created");
     // Extras go last, so that a sync cut short never leaves the remote with

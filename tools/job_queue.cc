@@ -4,8 +4,19 @@
 
 namespace gdhost {
 
+void JobQueue::counted(Json::Value const& job, bool in) {
+    size_t const listing = job["op"].asString() == "list" ? 1 : 0;
+    if (in) {
+        ++_size;
+        _listings += listing;
+    } else {
+        --_size;
+        _listings -= listing;
+    }
+}
+
 void JobQueue::add(Json::Value job) {
-    ++_size;
+    counted(job, true);
     Json::Value const& group = job["group"];
     if (!group.isString()) {
         _ungrouped.push_back(std::move(job));
@@ -17,7 +28,7 @@ void JobQueue::add(Json::Value job) {
 }
 
 void JobQueue::putBack(Json::Value job) {
-    ++_size;
+    counted(job, true);
     _ungrouped.push_front(std::move(job));
 }
 
@@ -30,7 +41,7 @@ Json::Value JobQueue::takeLike(Json::Value const& like) {
         if (found == jobs.end()) return Json::Value();
         Json::Value job = std::move(*found);
         jobs.erase(found);
-        --_size;
+        counted(job, false);
         return job;
     };
     Json::Value job = takeOut(_ungrouped);
@@ -47,34 +58,53 @@ Json::Value JobQueue::takeFrom(std::string const& group) {
     Json::Value job = std::move(found->second.front());
     found->second.pop_front();
     if (found->second.empty()) _groups.erase(found);
-    --_size;
+    counted(job, false);
     return job;
 }
 
 Json::Value JobQueue::take(std::string const& home, std::vector<std::string> const& elsewhere,
-                           bool anyway) {
+                           bool anyway, std::set<std::string> const& known) {
     if (!_ungrouped.empty()) {
-        Json::Value job = std::move(_ungrouped.front());
-        _ungrouped.pop_front();
-        --_size;
+        // A job beside a folder the worker made or listed costs it no lookup
+        // of that folder; looking further down the queue than this would cost
+        // more time than the lookup.
+        size_t constexpr kLookAhead = 64;
+        auto chosen = _ungrouped.begin();
+        size_t const scan = std::min(kLookAhead, _ungrouped.size());
+        for (size_t n = 0; n < scan && !known.empty(); ++n) {
+            Json::Value const& near = _ungrouped[n]["near"];
+            if (near.isString() && known.count(near.asString())) {
+                chosen = _ungrouped.begin() + static_cast<std::ptrdiff_t>(n);
+                break;
+            }
+        }
+        Json::Value job = std::move(*chosen);
+        _ungrouped.erase(chosen);
+        counted(job, false);
         return job;
     }
     if (_groups.count(home)) return takeFrom(home);
     // A worker new to a folder first confirms its place (a request or a few),
     // which the one already there need not: it joins only a folder with
-    // enough left for each worker in it.
+    // enough left for each worker in it, or one it knows already.
     size_t constexpr kShareAbove = 4;
-    std::string busiest;
-    size_t most = 0, sharing = 1;
+    std::string busiest, firstFree, busiestKnown;
+    size_t most = 0, sharing = 1, mostKnown = 0;
     for (auto it = _order.begin(); it != _order.end();) {
         auto group = _groups.find(*it);
         if (group == _groups.end()) {
             it = _order.erase(it);
             continue;
         }
+        bool const isKnown = known.count(*it) > 0;
         size_t const there =
             static_cast<size_t>(std::count(elsewhere.begin(), elsewhere.end(), *it));
-        if (there == 0) return takeFrom(*it);
+        if (there == 0 && isKnown) return takeFrom(*it);
+        if (there == 0 && firstFree.empty()) firstFree = *it;
+        if (isKnown && group->second.size() > mostKnown) {
+            mostKnown = group->second.size();
+            busiestKnown = *it;
+        }
         if (group->second.size() * sharing > most * there) {
             most = group->second.size();
             sharing = there;
@@ -82,6 +112,8 @@ Json::Value JobQueue::take(std::string const& home, std::vector<std::string> con
         }
         ++it;
     }
+    if (!firstFree.empty()) return takeFrom(firstFree);
+    if (!busiestKnown.empty()) return takeFrom(busiestKnown);
     if (!anyway && most <= kShareAbove * sharing) return Json::Value();
     return takeFrom(busiest);
 }

@@ -87,7 +87,8 @@ ListingWarmUp listingWarmUp(std::vector<std::string> const& folders) {
             warm.folder = parent;
         }
     }
-    warm.workers = folders.size() + 1;
+    // As many as the listings to come pay for (see kLightJobsPerWorker).
+    warm.workers = 1 + (folders.size() + 1) / kLightJobsPerWorker;
     if (!folders.empty()) warm.probe = folders.front().substr(folders.front().rfind('/') + 1);
     return warm;
 }
@@ -187,6 +188,8 @@ void TreeWorkers::makeFolders(
     std::deque<Json::Value> ready;
     for (Json::Value& job : jobs) {
         std::string const parent = parentOf(folderOf(job));
+        // Best made by a worker that knows the parent's place already.
+        job["near"] = parentOf(job["remote"].asString());
         (planned.count(parent) ? waiting[parent] : ready).push_back(std::move(job));
     }
     bool going = true;

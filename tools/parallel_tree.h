@@ -84,10 +84,6 @@ class TreeWorkers {
     void makeFolders(std::deque<Json::Value> jobs,
                      std::function<bool(Json::Value const&, FileOutcome const&)> const& onOutcome);
 
-    // Whether its jobs showed the service slow: then transfers pay a pool of
-    // their own; against a fast one its worker goes on with them.
-    bool serviceSlow() const { return _pool.serviceSlow(); }
-
     // Runs `jobs` on this pool as WorkerPool::run does; false with `error`
     // set when no worker could be started.
     bool run(std::deque<Json::Value>& jobs, WorkerPool::ResultHandler const& onResult,

@@ -87,6 +87,17 @@ Json::Value entryOf(FileInfo const& info) {
     return entry;
 }
 
+// Lists the folder `job` names as "first", only to learn it: a failure
+// shows in the job itself.
+void learnFirst(TransferAgent& agent, Json::Value const& job) {
+    if (!job.isMember("first")) return;
+    std::list<FileInfo> listed;
+    if (!agent.listDir(job["first"].asString(), listed)) {
+        beginOperation(job["remote"].asString());
+        setError(ERR_NONE);
+    }
+}
+
 // A transfer's job: the plug-in's temporary file stays private until it
 // takes its name, then gets a new file's mode; a download holds its folder
 // as the one-agent form does.
@@ -97,12 +108,7 @@ bool runTransfer(TransferAgent& agent, Json::Value const& job, int results, Json
     std::string const local = reachable(absoluteLocalPath(job["local"].asString()));
     FileInfo info(remote);
     if (send) {
-        std::list<FileInfo> listed;
-        // Only to learn the folder: a failure shows in the send itself.
-        if (job.isMember("first") && !agent.listDir(job["first"].asString(), listed)) {
-            beginOperation();
-            setError(ERR_NONE);
-        }
+        learnFirst(agent, job);
         if (!agent.sendFile(local, remote, progress.hook(), true, info)) return false;
         result["bytes"] = static_cast<Json::Int64>(info.getSize() - progress.reported());
         result["md5"] = info.getChecksum();
@@ -126,13 +132,13 @@ Json::Value runJob(TransferAgent& agent, Json::Value const& job, int results) {
     if (interrupted()) {
         setError(ERR_CANCELED);
     } else if (op == "list") {
+        learnFirst(agent, job);
         std::list<FileInfo> listed;
-        // Only for what it confirms: a failure shows in the listing below.
-        if (job.isMember("first")) agent.listDir(job["first"].asString(), listed);
         ok = agent.listDir(remote, listed);
         result["entries"] = Json::Value(Json::arrayValue);
         for (FileInfo const& info : listed) result["entries"].append(entryOf(info));
     } else if (op == "mkdir") {
+        learnFirst(agent, job);
         ok = job["parents"].asBool() ? makeRemoteFolders(agent, remote)
                                      : createFolderOnceMore(agent, remote);
     } else if (op == "remove") {

@@ -42,6 +42,12 @@ bool pipelined(Json::Value const& job) {
     return !job["warm"].asBool() && (op == "send" || op == "recv" || op == "list");
 }
 
+// The folder a remote path lies in ("" for one at the top).
+std::string folderOf(std::string const& remote) {
+    size_t slash = remote.rfind('/');
+    return slash == std::string::npos ? std::string() : remote.substr(0, slash);
+}
+
 // `d` in whole milliseconds, rounded up, for poll().
 long long ceilMs(ClientPace::Clock::duration d) {
     return std::chrono::ceil<std::chrono::milliseconds>(d).count();
@@ -201,6 +207,7 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         w.answered = now;
         if (!w.limited) paceClean(progress);
         w.limited = false;
+        if (result["ok"].asBool()) learnFrom(w, done.job);
         if (done.job["warm"].asBool()) {
             if (_warmAnswer.isNull() && result["ok"].asBool()) _warmAnswer = result;
             continue;
@@ -210,6 +217,20 @@ bool WorkerPool::readResults(Worker& w, std::deque<Json::Value>& jobs,
         if (!onResult(done.job, result, jobs)) keepGoing = false;
     }
     return true;
+}
+
+void WorkerPool::learnFrom(Worker& w, Json::Value const& job) {
+    std::string const op = job["op"].asString(), remote = job["remote"].asString();
+    if (op == "mkdir") {
+        // A folder its agent made, it knows whole; and its parent's place.
+        if (!job["parents"].asBool()) w.listed.insert(remote);
+        w.known.insert(remote);
+        w.known.insert(folderOf(remote));
+    } else if (op == "list") {
+        w.known.insert(remote);
+    } else if (op == "send" || op == "recv") {
+        w.known.insert(folderOf(remote));
+    }
 }
 
 void WorkerPool::paceLimited(ProgressLine* progress) {
@@ -271,6 +292,12 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
             if (w.busy() && !w.sent.front().first) _pace.running(now - w.runningSince());
         }
         size_t room = _pace.slow() ? most : 1;
+        // A worker's start costs requests of its own (a token, confirming its
+        // way to the destination): for listings, a request each, only a
+        // worker per so many.
+        if (queue.onlyListings())
+            room =
+                std::min(room, std::max(_workers.size(), 1 + queue.size() / kLightJobsPerWorker));
         // No more workers than the pace lets run at once.
         if (_clientPace.paced())
             room = std::min(room, std::max(_clientPace.inFlight(), _workers.size()));
@@ -294,8 +321,8 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                     anyBusy = anyBusy || other.busy();
                     if (&other != &w && other.jobs >= 0) elsewhere.push_back(other.home);
                 }
-                Json::Value job =
-                    queue.empty() ? Json::Value() : queue.take(w.home, elsewhere, !anyBusy);
+                Json::Value job = queue.empty() ? Json::Value()
+                                                : queue.take(w.home, elsewhere, !anyBusy, w.known);
                 if (job.isNull() && !w.hadJob && _warmCount > 0) {
                     job = _warm;
                     job["warm"] = true;
@@ -324,6 +351,13 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                 if (job["listFirst"].asBool() && !w.listed.count(group)) {
                     job["first"] = group;
                     w.listed.insert(group);
+                }
+                // So does a listing of the folder a new folder goes into, found
+                // listable by another worker, for the folders made there.
+                std::string const near = job["near"].asString();
+                if (job["op"] == "mkdir" && _listed.count(near) && !w.listed.count(near)) {
+                    job["first"] = near;
+                    w.listed.insert(near);
                 }
                 if (listing) {
                     w.listed.insert(job["remote"].asString());

@@ -28,6 +28,12 @@
 
 namespace gdhost {
 
+// Listings (a request each) waiting for each worker the pool adds to list
+// a tree: a worker costs about three requests to start (its drive agent's
+// token, confirming the destination's place), a fifth of the listings it
+// would take on.
+constexpr size_t kLightJobsPerWorker = 16;
+
 // A job is a JSON object, optionally with "group", the folder it works in
 // (see JobQueue: workers stay in a folder), and "op" one of
 //   "list"   "remote": one folder's children
@@ -92,9 +98,6 @@ class WorkerPool {
     // Whether run() warms workers up (decided by start()).
     bool warming() const { return _warmCount > 0; }
 
-    // Whether the jobs so far showed the service slow (see ServicePace).
-    bool serviceSlow() const { return _pace.slow(); }
-
     // How many workers were started.
     size_t started() const { return _workers.size(); }
 
@@ -127,7 +130,9 @@ class WorkerPool {
         }
         bool hadJob = false;           // any, a warm-up included
         std::string home = "//";       // the folder its last job worked in (none yet)
-        std::set<std::string> listed;  // the folders it listed
+        std::set<std::string> listed;  // the folders it listed or made: its agent knows them whole
+        std::set<std::string> known;   // the folders its agent knows the place of (listed
+                                       // them, made them, or worked in them)
         bool limited = false;          // its running job met a rate limit
     };
 
@@ -136,6 +141,9 @@ class WorkerPool {
     // be null) and, with -v, in a line of its own.
     void paceLimited(ProgressLine* progress);
     void paceClean(ProgressLine* progress);
+
+    // What a job that succeeded taught the agent of `w` (see Worker::known).
+    static void learnFrom(Worker& w, Json::Value const& job);
 
     void stopAll();
     bool spawn();

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 namespace {
 
 using gdhost::JobQueue;
@@ -49,6 +51,38 @@ TEST(JobQueueTest, WorkersStayInTheirFolderAndJoinOnlyABusyOne) {
     std::vector<std::string> rest;
     while (!queue.empty()) rest.push_back(nameOf(queue.take("", {}, true)));
     EXPECT_EQ((std::vector<std::string>{"a2", "b3", "b4", "b5", "b6", "b7", "b8", "b9"}), rest);
+}
+
+// A worker goes first where its agent knows the place already: a folder to
+// make beside one it made, files in a folder it made or listed.
+TEST(JobQueueTest, WorkersPreferFoldersTheirAgentKnows) {
+    JobQueue queue;
+    for (char const* near : {"x", "y", "x"}) {
+        Json::Value mkdir = job(std::string("in-") + near + std::to_string(queue.size()));
+        mkdir["near"] = near;
+        queue.add(mkdir);
+    }
+    for (char const* group : {"a", "b", "c"})
+        for (int n = 0; n < 2; ++n) queue.add(job(group + std::to_string(n), group));
+    struct Case {
+        std::set<std::string> known;
+        std::vector<std::string> elsewhere;
+        char const* expected;
+    };
+    Case const cases[] = {
+        {{"y"}, {}, "in-y1"},            // beside the folder it knows, not the first queued
+        {{"q"}, {}, "in-x0"},            // none known: the first
+        {{"x"}, {}, "in-x2"},            //
+        {{"b"}, {}, "b0"},               // a known folder nobody is in before the first
+        {{}, {"b"}, "a0"},               // the first nobody is in
+        {{"b", "c"}, {"a", "b"}, "c0"},  // a known one nobody is in before one with others
+        {{"b"}, {"a", "b", "c"}, "b1"},  // a known one with others before waiting
+    };
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.expected);
+        EXPECT_EQ(c.expected, nameOf(queue.take("", c.elsewhere, false, c.known)));
+    }
+    EXPECT_EQ("(wait)", nameOf(queue.take("", {"a", "b", "c"}, false, {"b"})));
 }
 
 // A job already done another way (a warm-up listed its folder) is taken
