@@ -30,9 +30,9 @@ namespace gdhost {
 
 // Listings (a request each) waiting for each worker the pool adds to list
 // a tree: a worker costs about three requests to start (its drive agent's
-// token, confirming the destination's place), a fifth of the listings it
-// would take on.
-constexpr size_t kLightJobsPerWorker = 16;
+// token, confirming the destination's place), so that a tree of 20 folders
+// is listed by three workers, not eight, and one of 300 by all.
+constexpr size_t kLightJobsPerWorker = 8;
 
 // A job is a JSON object, optionally with "group", the folder it works in
 // (see JobQueue: workers stay in a folder), and "op" one of
