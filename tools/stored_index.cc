@@ -158,10 +158,12 @@ bool StoredIndex::unchanged(std::string const& remote, std::string const& local,
            remoteFile.getMtime() == f->remoteMtime;
 }
 
-void StoredIndex::forgetBelow(std::string const& top) {
-    for (auto it = _files.begin(); it != _files.end();) {
-        it = isWithin(it->first, top) ? _files.erase(it) : std::next(it);
+StoredIndex StoredIndex::outside(std::string const& top) const {
+    StoredIndex kept;
+    for (auto const& entry : _files) {
+        if (!isWithin(entry.first, top)) kept._files.insert(kept._files.end(), entry);
     }
+    return kept;
 }
 
 bool StoredIndex::save(std::string const& path, std::string& error) const {
