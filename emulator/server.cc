@@ -231,16 +231,18 @@ void Server::serve(Request const& request) {
 
 void Server::serveMeta(Request const& request, FiredFaults const& fired, WriteTransaction& txn) {
     Json::Value response;
+    std::string rendered;
     bool ok = true;
     _discard.clear();
     {
         Savepoint change(_store.db());
         try {
-            response = meta(request, fired);
+            response = meta(request, fired, rendered);
             change.release();
         } catch (Error const& e) {
             ok = false;
             response = failureResponse(e.code(), e.what());
+            rendered.clear();
             _discard.clear();
         }
     }
@@ -258,12 +260,14 @@ void Server::serveMeta(Request const& request, FiredFaults const& fired, WriteTr
     bool const refusedAsItIs = !ok && fired.stop && fired.stop->kind == FaultKind::FailAfterApply;
     if (refusedAsItIs) {
         send(response);
+    } else if (!rendered.empty()) {
+        sendLine(std::move(rendered));  // rendered only when no fault is at work
     } else {
         answerApplied(fired, response);
     }
 }
 
-Json::Value Server::meta(Request const& request, FiredFaults const& fired) {
+Json::Value Server::meta(Request const& request, FiredFaults const& fired, std::string& rendered) {
     if (request.fn == "getObjectMeta") {
         return objectResponse(_store.get(request.get("id")).object);
     }
@@ -272,6 +276,12 @@ Json::Value Server::meta(Request const& request, FiredFaults const& fired) {
                                     _store.settings(), fired.repeatListing);
         Json::Value response(Json::objectValue);
         response["success"] = true;
+        // A fault that adds objects or alters the answer needs the value.
+        if (!fired.stop && fired.formerParent.empty() &&
+            renderListing(page.objects, page.nextPageToken, rendered)) {
+            return response;
+        }
+        rendered.clear();
         Json::Value& objects = response["objects"] = Json::Value(Json::arrayValue);
         for (auto const& object : page.objects) objects.append(objectRecord(object));
         addFormerChildren(request.get("queryFilter"), fired, objects);

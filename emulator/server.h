@@ -48,7 +48,9 @@ class Server {
 
     // Serves a metadata request inside `txn`, logs it, commits and answers.
     void serveMeta(Request const& request, FiredFaults const& fired, WriteTransaction& txn);
-    Json::Value meta(Request const& request, FiredFaults const& fired);
+    // The answer to a metadata request; a listing's may come as `rendered`
+    // text instead (the value then only says it succeeded).
+    Json::Value meta(Request const& request, FiredFaults const& fired, std::string& rendered);
     void download(Request const& request, FiredFaults const& fired);
     void upload(Request const& request, FiredFaults const& fired);
 

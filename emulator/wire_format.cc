@@ -52,6 +52,63 @@ Json::Value progressMessage(double fraction) {
     return message;
 }
 
+namespace {
+
+// Appends `text` quoted; false when a byte of it would need an escape.
+bool appendPlain(std::string& line, std::string const& text) {
+    for (char c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\') return false;
+    }
+    line += '"';
+    line += text;
+    line += '"';
+    return true;
+}
+
+}  // namespace
+
+bool renderListing(std::vector<Object> const& objects, std::string const& nextPageToken,
+                   std::string& line) {
+    // Members in the order the writer gives them: sorted by name.
+    line.clear();
+    line.reserve(64 + objects.size() * 256);
+    line += '{';
+    if (!nextPageToken.empty()) {
+        line += "\"nextPageToken\":";
+        if (!appendPlain(line, nextPageToken)) return false;
+        line += ',';
+    }
+    line += "\"objects\":[";
+    for (size_t i = 0; i < objects.size(); ++i) {
+        Object const& o = objects[i];
+        if (i > 0) line += ',';
+        line += "{\"id\":";
+        if (!appendPlain(line, o.id)) return false;
+        if (!o.parents.empty()) {
+            line += ",\"name\":";
+            if (!appendPlain(line, o.name)) return false;
+        }
+        line += ",\"parents\":[";
+        for (size_t p = 0; p < o.parents.size(); ++p) {
+            if (p > 0) line += ',';
+            if (!appendPlain(line, o.parents[p])) return false;
+        }
+        line += "],\"properties\":{\"isDir\":";
+        line += o.isDir ? "true" : "false";
+        line += ",\"isTrash\":";
+        line += o.trashed ? "true" : "false";
+        line += ",\"lastModified\":";
+        line += std::to_string(o.mtime < 0 ? 0 : o.mtime);
+        line += ",\"md5Checksum\":";
+        if (!appendPlain(line, o.md5)) return false;
+        line += ",\"size\":";
+        line += std::to_string(o.size);
+        line += "}}";
+    }
+    line += "],\"success\":true}";
+    return true;
+}
+
 LineWriter::LineWriter() {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";

@@ -8,6 +8,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "drive_types.h"
 
@@ -24,6 +25,14 @@ Json::Value accountResponse(Account const& account);
 Json::Value failureResponse(int code, std::string const& message);
 // {"success": true, "complete": false, "progress": fraction}.
 Json::Value progressMessage(double fraction);
+
+// The answer to a listing: {"nextPageToken" (when not empty), "objects": the
+// records of `objects`, "success": true}, as LineWriter renders it, written
+// without building a Json::Value (a listing of 100 objects is most of what a
+// walk of a large tree costs the emulator). False, `line` then undefined,
+// when a string would need an escape: the caller renders the value instead.
+bool renderListing(std::vector<Object> const& objects, std::string const& nextPageToken,
+                   std::string& line);
 
 // Renders values as single-line JSON text (no line feed), reusing one writer.
 class LineWriter {

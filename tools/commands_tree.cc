@@ -403,8 +403,15 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     if (!readLocalTree(command, localTop, remoteTop, tree, code)) return code;
     dropExcluded(tree, rules);
     RemoteMap remote;
+    // When the index knows every local file as it is, the listing is most
+    // likely all the work: this process's agent lists it faster than workers,
+    // which against a fast service only take turns on the cores with it.
+    // Workers start after the listing if it finds anything to send or make.
+    bool const known =
+        std::all_of(tree.entries.begin(), tree.entries.end(),
+                    [&](LocalEntry const& e) { return e.isFolder || index.localMatch(e); });
     std::unique_ptr<TreeWorkers> workers;
-    if (transfersOf(s) > 1) workers.reset(new TreeWorkers(s));
+    if (transfersOf(s) > 1 && !known) workers.reset(new TreeWorkers(s));
     std::vector<std::string> folders;
     std::map<std::string, int64_t> sizes;
     for (LocalEntry const& e : tree.entries) {
@@ -422,7 +429,7 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     // where the local one has something to compare with it.
     std::set<std::string> holding;
     for (LocalEntry const& e : tree.entries) {
-        if (workers && !deleting) holding.insert(e.rpath.substr(0, e.rpath.rfind('/') + 1));
+        if (!deleting) holding.insert(e.rpath.substr(0, e.rpath.rfind('/') + 1));
     }
     auto worthListing = [&](std::string const& rpath) { return holding.count(rpath + "/") > 0; };
     std::unique_ptr<StatusLine> listing(new StatusLine(s.args.quiet));
@@ -431,8 +438,10 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     if (workers
             ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes,
                              deleting ? std::function<bool(std::string const&)>() : worthListing)
-            : !remoteEntries(s.agent, remoteTop, true, remote,
-                             [&] { status.show("listing the remote folders", ++listed); })) {
+            : !remoteEntries(
+                  s.agent, remoteTop, true, remote,
+                  [&] { status.show("listing the remote folders", ++listed); },
+                  deleting ? std::function<bool(std::string const&)>() : worthListing)) {
         return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     }
     listing.reset();
@@ -464,6 +473,11 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     if (s.args.dryRun) return dryRun(s, localTop, remote, plan, report, deleting);
     planned = true;
     recordSent(report, tree, plan, index);
+    if (!workers && transfersOf(s) > 1 && (!plan.folders.empty() || !plan.files.empty())) {
+        // The workers start from what this process's listing learned.
+        s.agent.flushCache();
+        workers.reset(new TreeWorkers(s));
+    }
     if (workers)
         return copyOnWorkers(s, workers, remoteTop, localTop, remote, plan, report, deleting);
     if (!remoteTop.empty() && !makeRemoteFolders(s.agent, remoteTop)) {

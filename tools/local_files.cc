@@ -1,7 +1,10 @@
 #include "local_files.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -72,33 +75,51 @@ std::string fileMd5(std::string const& path) {
 
 namespace {
 
-void walk(fs::path const& top, std::string const& rpath, LocalTree& tree) {
-    std::vector<fs::directory_entry> children;
-    std::error_code error;
-    for (fs::directory_iterator it(reachable(top / rpath), error), end; !error && it != end;
-         it.increment(error)) {
-        children.push_back(*it);
-    }
-    if (error) {
-        tree.unreadable.emplace_back(rpath, error.message());
+void walk(std::string const& top, std::string const& rpath, LocalTree& tree) {
+    // The children are examined through the folder's descriptor: the system
+    // then does not walk the whole path again for each of them.
+    std::string const folder = rpath.empty() ? top : top + "/" + rpath;
+    int const fd = open(reachable(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* dir = fd < 0 ? nullptr : fdopendir(fd);
+    if (!dir) {
+        int const error = errno;
+        if (fd >= 0) close(fd);
+        tree.unreadable.emplace_back(rpath, strerror(error));
         return;
     }
-    std::sort(children.begin(), children.end());
-    for (auto const& child : children) {
-        std::string name = child.path().filename().string();
-        std::string childPath = rpath.empty() ? name : rpath + "/" + name;
-        struct stat st;
-        // An entry whose type cannot be learnt (a path too long for the
-        // system, a name gone meanwhile) may be a regular file: a failure,
-        // never a skip.
-        if (lstat(reachable(child.path()).c_str(), &st) != 0) {
+    std::vector<std::string> names;
+    errno = 0;
+    while (dirent const* e = readdir(dir)) {
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
+            names.emplace_back(e->d_name);
+        errno = 0;
+    }
+    if (errno != 0) {
+        tree.unreadable.emplace_back(rpath, strerror(errno));
+        closedir(dir);
+        return;
+    }
+    std::sort(names.begin(), names.end());
+    std::vector<struct stat> stats(names.size());
+    std::vector<int> errors(names.size(), 0);
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (fstatat(dirfd(dir), names[i].c_str(), &stats[i], AT_SYMLINK_NOFOLLOW) != 0)
+            errors[i] = errno;
+    }
+    closedir(dir);
+    for (size_t i = 0; i < names.size(); ++i) {
+        std::string childPath = rpath.empty() ? names[i] : rpath + "/" + names[i];
+        struct stat const& st = stats[i];
+        // An entry whose type cannot be learnt (a name gone meanwhile) may be
+        // a regular file: a failure, never a skip.
+        if (errors[i] != 0) {
             tree.unknown.emplace_back(childPath,
-                                      std::string("cannot examine it: ") + strerror(errno));
+                                      std::string("cannot examine it: ") + strerror(errors[i]));
         } else if (S_ISDIR(st.st_mode)) {
             tree.entries.push_back({childPath, true, 0});
             walk(top, childPath, tree);
         } else if (S_ISREG(st.st_mode)) {
-            tree.entries.push_back({childPath, false, static_cast<int64_t>(st.st_size),
+            tree.entries.push_back({std::move(childPath), false, static_cast<int64_t>(st.st_size),
                                     nanosOf(st.st_mtim), nanosOf(st.st_ctim), st.st_mode});
         } else {
             tree.skipped.emplace_back(childPath, whyNotRegular(st.st_mode));

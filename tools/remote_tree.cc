@@ -34,8 +34,10 @@ std::string joinPath(std::string const& a, std::string const& b) {
 
 namespace {
 
+typedef std::function<bool(std::string const&)> Enter;
+
 bool walkFolder(TransferAgent& agent, std::string const& top, std::string const& folder,
-                FolderVisitor const& visit, bool recursive) {
+                FolderVisitor const& visit, bool recursive, Enter const& enter) {
     if (interrupted()) {
         setError(ERR_CANCELED);
         return false;
@@ -53,10 +55,10 @@ bool walkFolder(TransferAgent& agent, std::string const& top, std::string const&
         std::string const& name = children[i].getRpath();
         bool shared = (i > 0 && children[i - 1].getRpath() == name) ||
                       (i + 1 < children.size() && children[i + 1].getRpath() == name);
-        if (recursive && children[i].isDirType() && !shared &&
-            !walkFolder(agent, top, joinPath(folder, name), visit, true)) {
+        if (!recursive || !children[i].isDirType() || shared) continue;
+        std::string const below = joinPath(folder, name);
+        if ((!enter || enter(below)) && !walkFolder(agent, top, below, visit, true, enter))
             return false;
-        }
     }
     return true;
 }
@@ -64,20 +66,21 @@ bool walkFolder(TransferAgent& agent, std::string const& top, std::string const&
 }  // namespace
 
 bool walkRemoteTree(TransferAgent& agent, std::string const& top, FolderVisitor const& visit,
-                    bool recursive) {
-    return walkFolder(agent, top, "", visit, recursive);
+                    bool recursive, Enter const& enter) {
+    return walkFolder(agent, top, "", visit, recursive, enter);
 }
 
 bool remoteEntries(TransferAgent& agent, std::string const& top, bool missingIsEmpty,
-                   std::map<std::string, FileInfo>& entries,
-                   std::function<void()> const& onFolder) {
-    bool ok = walkRemoteTree(agent, top,
-                             [&](std::string const& folder, std::vector<FileInfo> const& children) {
-                                 for (auto const& child : children)
-                                     entries[joinPath(folder, child.getRpath())] = child;
-                                 if (onFolder) onFolder();
-                                 return true;
-                             });
+                   std::map<std::string, FileInfo>& entries, std::function<void()> const& onFolder,
+                   Enter const& enter) {
+    bool ok = walkRemoteTree(
+        agent, top,
+        [&](std::string const& folder, std::vector<FileInfo> const& children) {
+            for (auto const& child : children) entries[joinPath(folder, child.getRpath())] = child;
+            if (onFolder) onFolder();
+            return true;
+        },
+        true, enter);
     return ok || (missingIsEmpty && getError() == ERR_REMOTE_NOT_FOUND);
 }
 

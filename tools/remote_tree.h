@@ -34,16 +34,19 @@ std::string remotePath(std::string const& typed);
 // appears twice in their parent are listed but not entered: a path cannot
 // name them. False with the engine's error code set when a listing fails,
 // the visitor stops the walk (ERR_GENERAL) or an interrupt came (ERR_CANCELED).
-// Without `recursive` only `top` itself is listed.
+// Without `recursive` only `top` itself is listed; with `enter` (may be null)
+// only the folders below the top (paths relative to it) for which it holds.
 bool walkRemoteTree(TAVO::Backup::TransferAgent& agent, std::string const& top,
-                    FolderVisitor const& visit, bool recursive = true);
+                    FolderVisitor const& visit, bool recursive = true,
+                    std::function<bool(std::string const&)> const& enter = nullptr);
 
 // Every entry below `top` by its path relative to `top`. A missing `top`
 // gives an empty map and true when `missingIsEmpty`. `onFolder` (may be
-// null) hears of each folder listed.
+// null) hears of each folder listed; `enter` is walkRemoteTree's.
 bool remoteEntries(TAVO::Backup::TransferAgent& agent, std::string const& top, bool missingIsEmpty,
                    std::map<std::string, TAVO::Backup::FileInfo>& entries,
-                   std::function<void()> const& onFolder = nullptr);
+                   std::function<void()> const& onFolder = nullptr,
+                   std::function<bool(std::string const&)> const& enter = nullptr);
 
 // Creates the folder `path` (its parent exists); after a failure that may
 // pass (the drive agent went away, say) asks once more, through the new

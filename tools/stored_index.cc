@@ -3,8 +3,10 @@
 #include <json/json.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <fstream>
 #include <memory>
+#include <string_view>
 
 #include "backup/path.h"
 #include "durable_file.h"
@@ -45,6 +47,60 @@ bool entryOf(Json::Value const& v, std::string& remote, StoredFile& f) {
     return true;
 }
 
+// Reads the lines this tool writes without building a Json::Value: the
+// members in the writer's order, strings without escapes or control
+// characters, integers without sign. False for anything
+// else (a path with a quote or a non-ASCII character, which the writer
+// escapes; a time before 1970), which the general parser then reads, so that
+// a line means the same whichever reads it.
+class LineScan {
+  public:
+    explicit LineScan(std::string_view line) : _rest(line) {}
+
+    bool entry(std::string& remote, StoredFile& f) {
+        int64_t mode = 0;
+        return literal("{\"5\":") && string(f.md5) && literal(",\"c\":") && integer(f.ctimeNs) &&
+               literal(",\"l\":") && string(f.local) && literal(",\"m\":") && integer(f.mtimeNs) &&
+               literal(",\"o\":") && integer(mode) && mode <= UINT32_MAX && literal(",\"r\":") &&
+               string(remote) && literal(",\"s\":") && integer(f.size) && literal(",\"t\":") &&
+               integer(f.remoteMtime) && literal("}") && _rest.empty() &&
+               (f.mode = static_cast<mode_t>(mode), true);
+    }
+
+  private:
+    bool literal(std::string_view text) {
+        if (_rest.substr(0, text.size()) != text) return false;
+        _rest.remove_prefix(text.size());
+        return true;
+    }
+    bool string(std::string& out) {
+        if (!literal("\"")) return false;
+        size_t end = 0;
+        while (end < _rest.size() && _rest[end] != '"') {
+            unsigned char const c = static_cast<unsigned char>(_rest[end]);
+            if (c < 0x20 || c == '\\') return false;
+            ++end;
+        }
+        if (end == _rest.size()) return false;
+        out.assign(_rest.data(), end);
+        _rest.remove_prefix(end + 1);
+        return true;
+    }
+    bool integer(int64_t& value) {
+        size_t digits = 0;
+        uint64_t number = 0;  // 19 digits fit, unsigned
+        while (digits < _rest.size() && _rest[digits] >= '0' && _rest[digits] <= '9')
+            number = number * 10 + static_cast<uint64_t>(_rest[digits++] - '0');
+        if (digits == 0 || digits > 19 || (digits > 1 && _rest[0] == '0') || number > INT64_MAX)
+            return false;
+        value = static_cast<int64_t>(number);
+        _rest.remove_prefix(digits);
+        return true;
+    }
+
+    std::string_view _rest;
+};
+
 }  // namespace
 
 bool StoredIndex::notOlder(std::string const& path, std::string const& nodeCache) {
@@ -69,17 +125,20 @@ bool StoredIndex::load(std::string const& path, std::string const& nodeCache) {
     std::map<std::string, StoredFile> files;
     // The last line counts the entries: an index without it was cut short.
     while (std::getline(in, line)) {
-        Json::Value v;
-        if (!reader->parse(line.data(), line.data() + line.size(), &v, nullptr)) return false;
-        if (v.isObject() && v.size() == 1 && v["files"].isUInt64()) {
-            if (v["files"].asUInt64() != files.size() || std::getline(in, line)) return false;
-            _files = std::move(files);
-            return true;
-        }
         std::string remote;
         StoredFile f;
-        if (!entryOf(v, remote, f)) return false;
-        files[remote] = std::move(f);
+        if (!LineScan(line).entry(remote, f)) {
+            Json::Value v;
+            if (!reader->parse(line.data(), line.data() + line.size(), &v, nullptr)) return false;
+            if (v.isObject() && v.size() == 1 && v["files"].isUInt64()) {
+                if (v["files"].asUInt64() != files.size() || std::getline(in, line)) return false;
+                _files = std::move(files);
+                return true;
+            }
+            if (!entryOf(v, remote, f)) return false;
+        }
+        // The writer's order: each entry goes at the end.
+        files.insert_or_assign(files.end(), std::move(remote), std::move(f));
     }
     return false;
 }
@@ -99,10 +158,12 @@ bool StoredIndex::unchanged(std::string const& remote, std::string const& local,
            remoteFile.getMtime() == f->remoteMtime;
 }
 
-void StoredIndex::forgetBelow(std::string const& top) {
-    for (auto it = _files.begin(); it != _files.end();) {
-        it = isWithin(it->first, top) ? _files.erase(it) : std::next(it);
+StoredIndex StoredIndex::outside(std::string const& top) const {
+    StoredIndex kept;
+    for (auto const& entry : _files) {
+        if (!isWithin(entry.first, top)) kept._files.insert(kept._files.end(), entry);
     }
+    return kept;
 }
 
 bool StoredIndex::save(std::string const& path, std::string& error) const {

@@ -55,10 +55,11 @@ class StoredIndex {
     bool unchanged(std::string const& remote, std::string const& local, LocalEntry const& entry,
                    TAVO::Backup::FileInfo const& remoteFile) const;
 
-    // Records `file` as stored at `remote`, or forgets what is known below
-    // the remote folder `top` ("" for all).
+    // Records `file` as stored at `remote`.
     void record(std::string const& remote, StoredFile file) { _files[remote] = std::move(file); }
-    void forgetBelow(std::string const& top);
+    // What is known outside the remote folder `top` ("" for all): only that
+    // is copied, not the tree a run is about to record anew.
+    StoredIndex outside(std::string const& top) const;
 
     // Writes the index to `path` durably (see replaceFileDurably). False with
     // `error` set on failure, the old file then left as it was.

@@ -20,8 +20,7 @@ TreeIndex::TreeIndex(Destination const& destination, std::string const& localTop
       _vouch(vouch) {
     _file = StoredIndex::fileFor(_nodeCache);
     _old.load(_file, _nodeCache);
-    _next = _old;
-    _next.forgetBelow(_remoteTop);
+    _next = _old.outside(_remoteTop);
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     _freshNs = nanosOf(now) - 1000000000;

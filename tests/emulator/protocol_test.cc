@@ -6,6 +6,7 @@
 
 #include "drive_control.h"
 #include "emulator_process.h"
+#include "wire_format.h"
 
 using namespace DriveEmulator;
 using namespace EmulatorTest;
@@ -54,6 +55,29 @@ TEST_F(Protocol, RecordsCarryEveryField) {
     EXPECT_EQ(4000000000u, p["lastModified"].asUInt64());
     EXPECT_EQ("5d41402abc4b2a76b9719d911017c592", p["md5Checksum"].asString());
     EXPECT_TRUE(p["isTrash"].asBool());  // lookups by id still see the trash
+}
+
+// A listing written without a Json::Value reads as the value would: the
+// same text, or none when a string would need an escape.
+TEST(WireFormat, ListingTextIsTheValuesText) {
+    Object root{"root", "", {}, true, 0, -5, "", false};
+    Object file{"1f", "b \xc3\xa9.bin", {"1a", "1b"}, false, 1ull << 40, 4000000000, "5d41", true};
+    LineWriter writer;
+    for (std::string token : {"", "t1"}) {
+        Json::Value value(Json::objectValue);
+        value["success"] = true;
+        if (!token.empty()) value["nextPageToken"] = token;
+        value["objects"].append(objectRecord(root));
+        value["objects"].append(objectRecord(file));
+        std::string line;
+        ASSERT_TRUE(renderListing({root, file}, token, line));
+        EXPECT_EQ(writer.render(value), line);
+    }
+    std::string line;
+    for (char const* name : {"it\"s", "a\\b", "tab\t"}) {
+        file.name = name;
+        EXPECT_FALSE(renderListing({file}, "", line)) << name;
+    }
 }
 
 // Every refusal as the service words it; nothing is changed by any.

@@ -108,6 +108,11 @@ TEST_F(StoredIndexTest, TornOrOlderIndexIsSetAside) {
     StoredIndex index;
     index.record("a", storedAs(entryOf("f")));
     index.record("b", storedAs(entryOf("f")));
+    StoredFile odd = storedAs(entryOf("f"));  // written escaped, read back alike
+    odd.local += "\\\xc3\xa9\n";
+    index.record("c", odd);
+    odd.mtimeNs = -1;
+    index.record("d", odd);
     std::string error;
     TestSupport::writeFile(cache, "");
     usleep(20000);
@@ -123,7 +128,7 @@ TEST_F(StoredIndexTest, TornOrOlderIndexIsSetAside) {
     } const cases[] = {
         {"cut after an entry", whole.substr(0, lastLine)},
         {"cut inside an entry", whole.substr(0, lastLine - 20)},
-        {"a count that differs", whole.substr(0, lastLine) + "{\"files\":3}\n"},
+        {"a count that differs", whole.substr(0, lastLine) + "{\"files\":5}\n"},
         {"an entry that lost a member",
          [&] {
              std::string t = whole;

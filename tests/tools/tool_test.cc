@@ -423,6 +423,14 @@ TEST_F(ToolTest, IndexedCopyAndResumedRestoreKeepTimes) {
     ASSERT_EQ(utimensat(AT_FDCWD, accents.c_str(), kept, 0), 0);
     Result second = run({"copy", path("src"), "backup"});
     EXPECT_NE(second.out.find("1 sent, 3 unchanged"), std::string::npos) << second.out;
+    // Changed on the remote side alone: the index knows every local file, so
+    // this process lists, and what the listing finds is still sent.
+    std::string const remoteBucket = "/Backups/nas1.hbk/backup/Pool/0/bucket.1";
+    drive().update(drive().idByPath(remoteBucket), "changed remotely");
+    Result third = run({"copy", path("src"), "backup"});
+    EXPECT_NE(third.out.find("1 sent, 3 unchanged"), std::string::npos) << third.out;
+    EXPECT_EQ(drive().content(drive().idByPath(remoteBucket)),
+              readFile(path("src/Pool/0/bucket.1")));
 
     mode_t const mask = umask(022);
     ASSERT_EQ(run({"restore", "backup", path("back")}).code, 0);
