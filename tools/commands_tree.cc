@@ -393,6 +393,12 @@ void recordSent(RunReport& report, LocalTree const& tree, CopyPlan const& plan, 
     });
 }
 
+// Folders of an unchanged tree that this process's agent lists itself
+// whatever the service's pace: three workers' worth (see
+// kLightJobsPerWorker), which would cost about as many requests to start as
+// they save listings' time.
+constexpr size_t kListedHereUpTo = 3 * kLightJobsPerWorker;
+
 int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     char const* command = deleting ? "sync" : "copy";
     std::string localTop = s.path(0), remoteTop = remotePath(s.path(1));
@@ -403,23 +409,25 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     if (!readLocalTree(command, localTop, remoteTop, tree, code)) return code;
     dropExcluded(tree, rules);
     RemoteMap remote;
+    std::vector<std::string> folders;
+    for (LocalEntry const& e : tree.entries)
+        if (e.isFolder) folders.push_back(e.rpath);
     // When the index knows every local file as it is, the listing is most
-    // likely all the work: this process's agent lists it faster than workers,
-    // which against a fast service only take turns on the cores with it.
-    // Workers start after the listing if it finds anything to send or make.
+    // likely all the work. This process's agent lists a small tree itself:
+    // workers would cost more requests to start than they save time. A
+    // larger one goes to workers without a warm-up: the pool adds workers
+    // only as the answers show a service's latency, where against a fast
+    // service more would only take turns on the cores with it. Workers start
+    // after the listing if it finds anything to send or make.
     bool const known =
         std::all_of(tree.entries.begin(), tree.entries.end(),
                     [&](LocalEntry const& e) { return e.isFolder || index.localMatch(e); });
+    bool const listHere = known && folders.size() < kListedHereUpTo;
     std::unique_ptr<TreeWorkers> workers;
-    if (transfersOf(s) > 1 && !known) workers.reset(new TreeWorkers(s));
-    std::vector<std::string> folders;
+    if (transfersOf(s) > 1 && !listHere) workers.reset(new TreeWorkers(s));
     std::map<std::string, int64_t> sizes;
     for (LocalEntry const& e : tree.entries) {
-        if (e.isFolder) {
-            folders.push_back(e.rpath);
-        } else if (workers && !index.localMatch(e)) {
-            sizes[e.rpath] = e.size;
-        }
+        if (!e.isFolder && workers && !index.localMatch(e)) sizes[e.rpath] = e.size;
     }
     // Workers list while this process hashes the local files the listing
     // says may be unchanged (one agent lists in this process: nothing to
@@ -435,15 +443,15 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     std::unique_ptr<StatusLine> listing(new StatusLine(s.args.quiet));
     StatusLine& status = *listing;
     int64_t listed = 0;
-    if (workers
-            ? !workers->list(remoteTop, true, remote, listingWarmUp(folders), &hashes,
-                             deleting ? std::function<bool(std::string const&)>() : worthListing)
-            : !remoteEntries(
-                  s.agent, remoteTop, true, remote,
-                  [&] { status.show("listing the remote folders", ++listed); },
-                  deleting ? std::function<bool(std::string const&)>() : worthListing)) {
-        return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
-    }
+    std::function<bool(std::string const&)> const enter =
+        deleting ? std::function<bool(std::string const&)>() : worthListing;
+    bool const listedWhole =
+        workers ? workers->list(remoteTop, true, remote,
+                                known ? ListingWarmUp() : listingWarmUp(folders), &hashes, enter)
+                : remoteEntries(
+                      s.agent, remoteTop, true, remote,
+                      [&] { status.show("listing the remote folders", ++listed); }, enter);
+    if (!listedWhole) return reportFailure(command, remoteTop, getError(), Wanted::kFolder);
     listing.reset();
     // What is excluded stays on the remote as it is, unless sync is told to
     // delete it: then it counts as a file the local tree no longer has.

@@ -589,6 +589,26 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
         << full.out;
 }
 
+// An unchanged tree of many folders at a service's latency is listed by
+// workers, several folders at once; a small one by the tool's own agent.
+TEST_F(ToolTest, AnUnchangedLargeTreeIsListedInParallelAtAServicesPace) {
+    for (int n = 0; n < 30; ++n) write(path("src/d") + std::to_string(n) + "/f", "f");
+    ASSERT_EQ(run({"init"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src"), "big"}).code, 0);
+    ASSERT_EQ(run({"copy", path("src/d0"), "small"}).code, 0);
+    drive().addFault(DriveEmulator::Fault::delay("*", 50).always());
+    for (char const* tree : {"big", "small"}) {
+        SCOPED_TRACE(tree);
+        drive().clearRequestLog();
+        std::string const local = std::string(tree) == "big" ? path("src") : path("src/d0");
+        Result same = run({"copy", "--transfers", "3", local, tree});
+        EXPECT_NE(same.out.find("\n0 sent"), std::string::npos) << same.out;
+        EXPECT_EQ(agentsServing(drive().requestLog(), "listObjects") > 1,
+                  std::string(tree) == "big");
+    }
+    drive().clearFaults();
+}
+
 // Workers start while the parent's other thread (the stderr filter) is busy
 // forwarding the workers' log lines, round after round. A worker forked
 // without exec could inherit a lock that thread held (the allocator's under
