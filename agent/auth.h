@@ -16,8 +16,9 @@ namespace DriveAgent {
 
 // A cached token is taken only with this much of its life left: the agent
 // that takes it renews a minute before the end anyway, so anything shorter
-// would buy a few minutes and then a renewal in the middle of the work; the
-// margin also covers a wall clock stepped forward since the token was kept.
+// would buy a few minutes and then a renewal in the middle of the work. The
+// margin also covers a wall clock set back a few minutes since the token was
+// kept (a larger step shows as an expiry beyond the token's life, refused).
 constexpr std::chrono::minutes kCachedTokenMargin{5};
 
 class TokenSource {
