@@ -72,6 +72,10 @@ std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConf
     config.accessToken = value("GOOGLEDRIVE_ACCESS_TOKEN");
 
     std::string path = configFile(argv0, env);
+    std::string const& located = path.empty() ? argv0 : path;
+    size_t slash = located.rfind('/');
+    config.configFolder = slash == std::string::npos ? "." : located.substr(0, slash);
+    if (config.configFolder.empty()) config.configFolder = "/";
     if (!path.empty()) {
         std::ifstream in(path);
         if (!in) return "drive agent: cannot read " + path;
@@ -94,6 +98,8 @@ std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConf
                 config.clientSecret = v;
             else if (key == "shared_drive")
                 config.sharedDrive = v;
+            else if (key == "token_cache")
+                config.tokenCache = v;
             else if (key == "stall_seconds")
                 config.stallSeconds = std::max(1L, std::atol(v.c_str()));
         }

@@ -24,6 +24,10 @@ struct AgentConfig {
     // The id of a shared drive whose root stands for the account's root; empty:
     // My Drive.
     std::string sharedDrive;
+    // The file access tokens are shared through; "off": none; empty: one
+    // named after the grant in configFolder.
+    std::string tokenCache;
+    std::string configFolder;  // of the configuration file, else of the program
 };
 
 using EnvLookup = std::function<char const*(char const* name)>;
@@ -32,7 +36,7 @@ using EnvLookup = std::function<char const*(char const* name)>;
 // file found of $DRIVE_AGENT_CONF, "drive_agent.conf" beside `argv0`,
 // "$TAVO_ROOT/usr/bin/drive_agent.conf" (lines "key = value": api_url,
 // token_url, auth_url, ca_file, client_id, client_secret, stall_seconds,
-// shared_drive). Returns the
+// shared_drive, token_cache). Returns the
 // reason the agent cannot start, or empty. Plain http:// is accepted only for
 // loopback hosts.
 std::string loadConfig(std::string const& argv0, EnvLookup const& env, AgentConfig& config);

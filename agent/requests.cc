@@ -17,8 +17,8 @@ std::string fileQuery(DriveApi& api) {
 
 std::string IdPool::next() {
     if (_ids.empty()) {
-        // The creates so far foretell those to come: a run of one file costs
-        // a call of 10 ids, a tree of thousands a call per 1000.
+        // The creates so far foretell those to come: a run of up to 250
+        // creates costs one call, a tree of thousands a call per 1000.
         _batch = std::min(kMaxIdBatch, _batch == 0 ? kFirstIdBatch : _batch * 2);
         Json::Value answer = _api.call(_api.api(
             "GET", "files/generateIds", "count=" + std::to_string(_batch) + "&space=drive"));

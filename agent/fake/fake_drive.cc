@@ -460,6 +460,7 @@ void addMetadataRoutes(FakeDrive::State& state) {
         answer["kind"] = "drive#generatedIds";
         answer["space"] = "drive";
         for (int i = 0; i < count; ++i) answer["ids"].append(DriveEmulator::newObjectId());
+        s.counters.idsGenerated += count;
         sendJson(res, answer);
     });
     s.server->Get(R"(/drive/v3/files/([^/]+))", [&s](httplib::Request const& req,

@@ -47,6 +47,7 @@ struct Counters {
     std::atomic<int> uploadStarts{0};         // uploads begun: sessions and one-request uploads
     std::atomic<int> prettyPrinted{0};        // API requests without prettyPrint=false
     std::atomic<int> throttled{0};            // writes refused by the write throttle
+    std::atomic<int> idsGenerated{0};         // ids handed out by generateIds
 };
 
 class FakeDrive {

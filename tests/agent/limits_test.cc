@@ -63,10 +63,11 @@ TEST_F(Limits, WritesPastTheBurstAreRefusedAsDriveRefusesThemAndReadsNever) {
     EXPECT_TRUE(mkdir(*agent, "later"));
     fake->throttleWrites(0);
     for (int i = 0; i < 20; ++i) EXPECT_TRUE(mkdir(*agent, "e" + std::to_string(i)));
-    // Ids came in batches of 10, 20, 40...: the creates so far ask for more.
-    int calls = 0;
-    for (int batch = 10, ids = 0; ids < made + 22; batch *= 2, ++calls) ids += batch;
-    EXPECT_EQ(calls, fake->requestCounts()["files.generateIds"]);
+    // One call of 250 ids served every create so far; the 251st asks for twice that.
+    EXPECT_EQ(1, fake->requestCounts()["files.generateIds"]);
+    for (int i = made + 22; i <= 250; ++i) EXPECT_TRUE(mkdir(*agent, "f" + std::to_string(i)));
+    EXPECT_EQ(2, fake->requestCounts()["files.generateIds"]);
+    EXPECT_EQ(750, fake->counters().idsGenerated.load());
 }
 
 TEST_F(Limits, FilesUpToTheCutoffGoInOneRequestWithTheirModifiedTime) {
