@@ -414,11 +414,11 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
         if (e.isFolder) folders.push_back(e.rpath);
     // When the index knows every local file as it is, the listing is most
     // likely all the work. This process's agent lists a small tree itself:
-    // workers would cost more requests to start than they save time. A
-    // larger one goes to workers without a warm-up: the pool adds workers
-    // only as the answers show a service's latency, where against a fast
-    // service more would only take turns on the cores with it. Workers start
-    // after the listing if it finds anything to send or make.
+    // workers would cost more requests to start than they save time. For a
+    // larger one the workers warm up only once the first listing shows a
+    // service's latency: against a fast service more workers would only
+    // take turns on the cores with the first. Workers start after the
+    // listing if it finds anything to send or make.
     bool const known =
         std::all_of(tree.entries.begin(), tree.entries.end(),
                     [&](LocalEntry const& e) { return e.isFolder || index.localMatch(e); });
@@ -445,9 +445,10 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     int64_t listed = 0;
     std::function<bool(std::string const&)> const enter =
         deleting ? std::function<bool(std::string const&)>() : worthListing;
+    ListingWarmUp warmUp = listingWarmUp(folders);
+    warmUp.whenSlow = known;
     bool const listedWhole =
-        workers ? workers->list(remoteTop, true, remote,
-                                known ? ListingWarmUp() : listingWarmUp(folders), &hashes, enter)
+        workers ? workers->list(remoteTop, true, remote, warmUp, &hashes, enter)
                 : remoteEntries(
                       s.agent, remoteTop, true, remote,
                       [&] { status.show("listing the remote folders", ++listed); }, enter);

@@ -102,7 +102,8 @@ bool TreeWorkers::list(std::string const& top, bool missingIsEmpty,
         // A top below the target is known by its own name; the target's own
         // is always known.
         std::string const probe = top.empty() ? warmUp.probe : top.substr(top.rfind('/') + 1);
-        _pool.warmUp(treeJob("list", folder, warmUp.folder, true), warmUp.workers, probe);
+        _pool.warmUp(treeJob("list", folder, warmUp.folder, true), warmUp.workers, probe,
+                     warmUp.whenSlow);
     }
     int failure = ERR_NONE;
     bool topMissing = false;

@@ -37,6 +37,7 @@ struct ListingWarmUp {
     std::string folder;
     size_t workers = 0;
     std::string probe;
+    bool whenSlow = false;  // only once the first listing shows the service slow
 };
 
 // The warm-up for listing the remote counterpart of a local tree whose

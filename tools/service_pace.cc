@@ -21,8 +21,8 @@ void ServicePace::finished(Clock::duration took) {
     if (sorted[kWindow / 2] >= kSlowJob) _slow = true;
 }
 
-void ServicePace::running(Clock::duration sofar) {
-    if (sofar >= kLongJob) _slow = true;
+void ServicePace::running(Clock::duration sofar, bool first) {
+    if (sofar >= (first ? kLongFirstJob : kLongJob)) _slow = true;
 }
 
 ServicePace::Clock::duration ServicePace::untilSlow(Clock::duration sofar) const {

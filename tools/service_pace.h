@@ -23,11 +23,16 @@ class ServicePace {
     // transfer) at once, without waiting for the median of finished ones.
     static constexpr Clock::duration kLongJob = std::chrono::milliseconds(50);
 
+    // A worker's first job includes the start of its drive agent and its
+    // way to the destination (two requests): still running after this long,
+    // it shows a slow service; a local emulator answers it in tens of ms.
+    static constexpr Clock::duration kLongFirstJob = std::chrono::milliseconds(100);
+
     // A finished job took `took`. Leave out a worker's first job: it includes
     // the start of its drive agent.
     void finished(Clock::duration took);
-    // A job (not a worker's first) has been running for `sofar`.
-    void running(Clock::duration sofar);
+    // A job has been running for `sofar` (`first`: a worker's first).
+    void running(Clock::duration sofar, bool first = false);
     // Takes the service as slow without waiting for jobs to show it.
     void assumeSlow() { _slow = true; }
     // Whether the service has shown itself slow; once it has, it stays so

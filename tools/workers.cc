@@ -105,7 +105,7 @@ bool WorkerPool::start(int count, std::string& error) {
     if (_warmCount > 0 && !cacheMayKnowName(_baseFile, _warmProbe)) _warmCount = 0;
     // Warming up is a bet on a slow service, made before any answer: the
     // listing is then spread as at a service's pace from the start.
-    if (_warmCount > 0) _pace.assumeSlow();
+    if (_warmCount > 0 && !_warmWhenSlow) _pace.assumeSlow();
     _clientPace = ClientPace(static_cast<size_t>(_count));
     return true;
 }
@@ -289,7 +289,7 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
         for (size_t i = 0; i < _workers.size() && i < most; ++i) {
             Worker const& w = _workers[i];
             idle += !w.busy() && w.jobs >= 0;
-            if (w.busy() && !w.sent.front().first) _pace.running(now - w.runningSince());
+            if (w.busy()) _pace.running(now - w.runningSince(), w.sent.front().first);
         }
         size_t room = _pace.slow() ? most : 1;
         // A worker's start costs requests of its own (a token, confirming its
@@ -378,7 +378,9 @@ bool WorkerPool::run(std::deque<Json::Value>& jobs, ResultHandler const& onResul
                 w.sent.push_back(std::move(sent));
             }
         };
-        size_t const warmTo = std::min(most, _warmCount);  // 0 for a tree the cache never saw
+        // 0 for a tree the cache never saw, or not yet shown to be at a
+        // service's latency when that was asked for
+        size_t const warmTo = _warmWhenSlow && !_pace.slow() ? 0 : std::min(most, _warmCount);
         // Each warmed-up worker gets its job as soon as it exists, so that its
         // drive agent starts while the next ones are forked.
         while (handOut && _workers.size() < warmTo && spawn()) offer(_workers.back());

@@ -88,11 +88,14 @@ class WorkerPool {
     // succeeds stands for the same job when it is queued (it is not sent
     // again); the others are dropped.
     // Call before start(), which drops the warm-up unless the node cache
-    // knows an object named `probe` (a folder of the tree, say).
-    void warmUp(Json::Value job, size_t count, std::string probe) {
+    // knows an object named `probe` (a folder of the tree, say). With
+    // `whenSlow` the workers beyond the first start only once the first job
+    // shows the service slow, instead of at once.
+    void warmUp(Json::Value job, size_t count, std::string probe, bool whenSlow = false) {
         _warm = std::move(job);
         _warmCount = count;
         _warmProbe = std::move(probe);
+        _warmWhenSlow = whenSlow;
     }
 
     // Whether run() warms workers up (decided by start()).
@@ -164,6 +167,7 @@ class WorkerPool {
     std::set<std::string> _listed;  // the folders any worker listed
     Json::Value _warm;              // see warmUp
     size_t _warmCount = 0;
+    bool _warmWhenSlow = false;
     std::string _warmProbe;
     Json::Value _warmAnswer;    // the first warm-up that succeeded, until used
     ServicePace _pace;          // whether workers beyond the first pay
