@@ -593,6 +593,7 @@ TEST_F(ToolTest, ParallelTransfersCostWhatOneAgentCosts) {
 // workers, several folders at once; a small one by the tool's own agent.
 TEST_F(ToolTest, AnUnchangedLargeTreeIsListedInParallelAtAServicesPace) {
     for (int n = 0; n < 30; ++n) write(path("src/d") + std::to_string(n) + "/f", "f");
+    std::this_thread::sleep_for(1100ms);  // for the index to vouch for every file
     ASSERT_EQ(run({"init"}).code, 0);
     ASSERT_EQ(run({"copy", path("src"), "big"}).code, 0);
     ASSERT_EQ(run({"copy", path("src/d0"), "small"}).code, 0);
