@@ -213,9 +213,16 @@ void BM_Download(benchmark::State& state) {
     std::int64_t before = statusKiB(agent->pid(), "VmRSS:");
     std::string token = accessToken();
     std::string out = setup().folder + "/out";
+    // Each side writes a new file after a sync: the other's gigabyte, still
+    // being written back, is neither truncated nor flushed in its time.
+    auto fresh = [&] {
+        ::unlink(out.c_str());
+        ::sync();
+    };
     Pairing pairing;
     for (auto _ : state) {
         auto viaAgent = [&] {
+            fresh();
             return secondsOf([&] {
                 std::string answer =
                     transfer(*agent, "{\"fn\":\"downloadFile\",\"id\":\"" + setup().fileId +
@@ -225,6 +232,7 @@ void BM_Download(benchmark::State& state) {
             });
         };
         auto viaCurl = [&] {
+            fresh();
             return secondsOf([&] {
                 run("curl -s -o " + out + " -H 'Authorization: Bearer " + token + "' '" +
                     setup().fake->url() + "/drive/v3/files/" + setup().fileId + "?alt=media'");
