@@ -427,7 +427,7 @@ int copyTree(Session& s, bool deleting, TreeIndex& index, bool& planned) {
     if (transfersOf(s) > 1 && !listHere) workers.reset(new TreeWorkers(s));
     std::map<std::string, int64_t> sizes;
     for (LocalEntry const& e : tree.entries) {
-        if (!e.isFolder && workers && !index.localMatch(e)) sizes[e.rpath] = e.size;
+        if (!known && !e.isFolder && workers && !index.localMatch(e)) sizes[e.rpath] = e.size;
     }
     // Workers list while this process hashes the local files the listing
     // says may be unchanged (one agent lists in this process: nothing to

@@ -17,11 +17,6 @@ namespace {
 constexpr int64_t kGuessUpTo = 1 << 20;
 // Objects in one page of a folder's listing (drive_agent's page size).
 constexpr size_t kListingPage = 1000;
-
-std::string parentOf(std::string const& path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? std::string() : path.substr(0, slash);
-}
 }  // namespace
 
 Json::Value treeJob(char const* op, std::string const& remote, std::string const& shown,
@@ -188,9 +183,9 @@ void TreeWorkers::makeFolders(
     std::map<std::string, std::deque<Json::Value>> waiting;  // by the parent they wait for
     std::deque<Json::Value> ready;
     for (Json::Value& job : jobs) {
-        std::string const parent = parentOf(folderOf(job));
+        std::string const parent = parentPath(folderOf(job));
         // Best made by a worker that knows the parent's place already.
-        job["near"] = parentOf(job["remote"].asString());
+        job["near"] = parentPath(job["remote"].asString());
         (planned.count(parent) ? waiting[parent] : ready).push_back(std::move(job));
     }
     bool going = true;
@@ -235,7 +230,7 @@ void listFoldersFirst(std::deque<Json::Value>& jobs, std::map<std::string, FileI
     std::map<std::string, size_t> sends, entries;
     for (Json::Value const& job : jobs) ++sends[job["group"].asString()];
     for (auto const& entry : remote) {
-        auto it = sends.find(joinPath(remoteTop, parentOf(entry.first)));
+        auto it = sends.find(joinPath(remoteTop, parentPath(entry.first)));
         if (it != sends.end()) ++entries[it->first];
     }
     for (Json::Value& job : jobs) {

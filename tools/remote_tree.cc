@@ -32,6 +32,11 @@ std::string joinPath(std::string const& a, std::string const& b) {
     return a + "/" + b;
 }
 
+std::string parentPath(std::string const& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
 namespace {
 
 typedef std::function<bool(std::string const&)> Enter;

@@ -62,4 +62,7 @@ bool makeRemoteFolders(TAVO::Backup::TransferAgent& agent, std::string const& pa
 // "a/b" joined with "c" as "a/b/c"; an empty side is left out.
 std::string joinPath(std::string const& a, std::string const& b);
 
+// The folder a slash path lies in: "a/b" for "a/b/c", "" for "c".
+std::string parentPath(std::string const& path);
+
 }  // namespace gdhost

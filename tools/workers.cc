@@ -24,6 +24,7 @@
 #include "interrupt.h"
 #include "job_lines.h"
 #include "job_queue.h"
+#include "remote_tree.h"
 #include "work_folder.h"
 #include "worker_process.h"
 
@@ -40,12 +41,6 @@ namespace {
 bool pipelined(Json::Value const& job) {
     std::string const op = job["op"].asString();
     return !job["warm"].asBool() && (op == "send" || op == "recv" || op == "list");
-}
-
-// The folder a remote path lies in ("" for one at the top).
-std::string folderOf(std::string const& remote) {
-    size_t slash = remote.rfind('/');
-    return slash == std::string::npos ? std::string() : remote.substr(0, slash);
 }
 
 // `d` in whole milliseconds, rounded up, for poll().
@@ -225,11 +220,11 @@ void WorkerPool::learnFrom(Worker& w, Json::Value const& job) {
         // A folder its agent made, it knows whole; and its parent's place.
         if (!job["parents"].asBool()) w.listed.insert(remote);
         w.known.insert(remote);
-        w.known.insert(folderOf(remote));
+        w.known.insert(parentPath(remote));
     } else if (op == "list") {
         w.known.insert(remote);
     } else if (op == "send" || op == "recv") {
-        w.known.insert(folderOf(remote));
+        w.known.insert(parentPath(remote));
     }
 }
 
