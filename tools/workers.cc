@@ -442,19 +442,25 @@ bool WorkerPool::finish(std::string& error) {
         error = "it could not be copied whole for the workers";
         return false;
     }
-    std::map<std::string, std::string> const base = readCacheLines(_baseFile);
-    std::vector<std::map<std::string, std::string>> learned;
+    std::vector<Worker const*> taught;
     for (Worker const& w : _workers) {
         // The plug-in saves through a new file renamed into place: a copy
         // still on its inode was never written, and taught nothing.
         struct stat now {};
         if (stat(w.cacheFile.c_str(), &now) != 0) continue;
         if (w.copiedInode != 0 && now.st_ino == w.copiedInode) continue;
-        learned.push_back(readCacheLines(w.cacheFile));
-        // One that started without the base only adds what it learned.
-        if (!w.withBase) learned.back().insert(base.begin(), base.end());
+        taught.push_back(&w);
     }
-    if (learned.empty()) return true;
+    // Reading a large cache costs as much as a listing of its size: only
+    // when there is something to merge into it.
+    if (taught.empty()) return true;
+    std::map<std::string, std::string> const base = readCacheLines(_baseFile);
+    std::vector<std::map<std::string, std::string>> learned;
+    for (Worker const* w : taught) {
+        learned.push_back(readCacheLines(w->cacheFile));
+        // One that started without the base only adds what it learned.
+        if (!w->withBase) learned.back().insert(base.begin(), base.end());
+    }
     std::string const mainFile = nodeCacheFile(_session.destination);
     std::error_code failed;
     fs::create_directories(fs::path(mainFile).parent_path(), failed);
