@@ -8,6 +8,7 @@
 // (rss_growth_MiB: its peak minus its size before the first transfer).
 // Files live under $TMPDIR (default /tmp).
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -104,6 +106,28 @@ std::int64_t statusKiB(pid_t pid, char const* field) {
     return 0;
 }
 
+// User and system CPU seconds the process `pid` (all its threads) used so far.
+double cpuSeconds(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    // Fields after the command name, which may hold spaces: utime and stime
+    // are the 12th and 13th.
+    std::istringstream rest(text.substr(text.rfind(')') + 2));
+    std::string field;
+    double ticks = 0;
+    for (int n = 1; n <= 13 && rest >> field; ++n)
+        if (n >= 12) ticks += std::atof(field.c_str());
+    return ticks / double(::sysconf(_SC_CLK_TCK));
+}
+
+// CPU seconds of the children waited for so far (curl, through popen).
+double childrenCpuSeconds() {
+    struct rusage usage {};
+    ::getrusage(RUSAGE_CHILDREN, &usage);
+    auto seconds = [](timeval t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 std::string run(std::string const& command) {
     std::string output;
     FILE* pipe = ::popen(command.c_str(), "r");
@@ -137,12 +161,20 @@ class Pairing {
   public:
     // One iteration: `agent` and `curl` each return the seconds they timed;
     // which goes first alternates.
-    void time(benchmark::State& state, std::function<double()> const& agent,
+    void time(benchmark::State& state, pid_t agentPid, std::function<double()> const& agent,
               std::function<double()> const& curl) {
         _agentFirst = !_agentFirst;
-        double agentSeconds = _agentFirst ? agent() : 0;
+        auto viaAgent = [&] {
+            double const cpu = cpuSeconds(agentPid);
+            double const seconds = agent();
+            _agentCpu += cpuSeconds(agentPid) - cpu;
+            return seconds;
+        };
+        double agentSeconds = _agentFirst ? viaAgent() : 0;
+        double const cpu = childrenCpuSeconds();
         double curlSeconds = curl();
-        if (!_agentFirst) agentSeconds = agent();
+        _curlCpu += childrenCpuSeconds() - cpu;
+        if (!_agentFirst) agentSeconds = viaAgent();
         state.SetIterationTime(agentSeconds);
         _agent += agentSeconds;
         _curl += curlSeconds;
@@ -159,12 +191,18 @@ class Pairing {
         size_t const n = ratios.size();
         state.counters["agent_MiBps"] = mib / _agent;
         state.counters["curl_MiBps"] = mib / _curl;
-        state.counters["agent_over_curl"] =
-            n == 0 ? 0 : n % 2 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
+        state.counters["agent_over_curl"] = n == 0  ? 0
+                                            : n % 2 ? ratios[n / 2]
+                                                    : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
         state.counters["agent_over_curl_sums"] = _curl / _agent;
         state.counters["agent_over_curl_min"] = n ? ratios.front() : 0;
         state.counters["agent_over_curl_max"] = n ? ratios.back() : 0;
         state.counters["rss_growth_MiB"] = double(statusKiB(agent, "VmHWM:") - rssBefore) / 1024;
+        // CPU per GiB moved, the agent's (all its threads) and curl's: far
+        // steadier than times on a shared machine.
+        double const gib = mib / 1024;
+        state.counters["agent_cpu_s_per_GiB"] = _agentCpu / gib;
+        state.counters["curl_cpu_s_per_GiB"] = _curlCpu / gib;
         state.SetBytesProcessed(state.iterations() * kBytes);
     }
 
@@ -172,6 +210,7 @@ class Pairing {
     bool _agentFirst = false;
     double _agent = 0;
     double _curl = 0;
+    double _agentCpu = 0, _curlCpu = 0;
     std::vector<double> _ratios;  // curl's seconds over the agent's, a pair each
 };
 
@@ -215,7 +254,7 @@ void BM_Upload(benchmark::State& state) {
                     std::to_string(kBytes) + "' '" + session + "'");
             });
         };
-        pairing.time(state, viaAgent, viaCurl);
+        pairing.time(state, agent->pid(), viaAgent, viaCurl);
     }
     pairing.report(state, agent->pid(), before);
 }
@@ -252,7 +291,7 @@ void BM_Download(benchmark::State& state) {
                     setup().fake->url() + "/drive/v3/files/" + setup().fileId + "?alt=media'");
             });
         };
-        pairing.time(state, viaAgent, viaCurl);
+        pairing.time(state, agent->pid(), viaAgent, viaCurl);
     }
     pairing.report(state, agent->pid(), before);
 }
