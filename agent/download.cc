@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "agent_failure.h"
 #include "background_digest.h"
@@ -43,8 +45,43 @@ class Output {
             localFailure(_path);
         _digest.reset();
         _written = 0;
+        _used = 0;
     }
+    // Takes the next `n` bytes; false when a write failed (see writeErrno).
+    // They reach the file and the digest in blocks of a MiB: curl hands a
+    // fast download over in pieces of about 16 KiB, and a write and a
+    // hand-over to the digest's thread for each cost more than the copy.
     bool append(char const* data, size_t n) {
+        while (n > 0) {
+            size_t part = std::min(n, _pending.size() - _used);
+            std::memcpy(_pending.data() + _used, data, part);
+            _used += part;
+            data += part;
+            n -= part;
+            if (_used == _pending.size() && !flushPending()) return false;
+        }
+        return true;
+    }
+    // Writes and hashes what append() holds back; false when a write failed.
+    bool flushPending() {
+        size_t n = _used;
+        _used = 0;
+        return n == 0 || writeOut(_pending.data(), n);
+    }
+    // Bytes taken so far, those held back included.
+    std::int64_t written() const { return _written + static_cast<std::int64_t>(_used); }
+    int writeErrno() const { return _write_errno; }
+    std::string hexDigest() { return _digest.hexDigest(); }
+    void close() {
+        if (::close(_fd) != 0) {
+            _fd = -1;
+            localFailure(_path);
+        }
+        _fd = -1;
+    }
+
+  private:
+    bool writeOut(char const* data, size_t n) {
         for (size_t done = 0; done < n;) {
             ssize_t w =
                 ::pwrite(_fd, data + done, n - done, _written + static_cast<std::int64_t>(done));
@@ -59,23 +96,14 @@ class Output {
         _written += static_cast<std::int64_t>(n);
         return true;
     }
-    std::int64_t written() const { return _written; }
-    int writeErrno() const { return _write_errno; }
-    std::string hexDigest() { return _digest.hexDigest(); }
-    void close() {
-        if (::close(_fd) != 0) {
-            _fd = -1;
-            localFailure(_path);
-        }
-        _fd = -1;
-    }
 
-  private:
     std::string _path;
     int _fd = -1;
     BackgroundDigest _digest;
     std::int64_t _written = 0;
     int _write_errno = 0;
+    std::vector<char> _pending = std::vector<char>(size_t{1} << 20);
+    size_t _used = 0;
 };
 
 // The start offset a 206 answer's Content-Range names ("bytes 100-199/1000").
@@ -136,6 +164,7 @@ Json::Value downloadContent(DriveApi& api, std::string const& id, std::string co
         };
         HttpResponse response;
         response = api.exchange(request);
+        output.flushPending();
         if (output.writeErrno() != 0) {
             errno = output.writeErrno();
             localFailure(outputPath);
