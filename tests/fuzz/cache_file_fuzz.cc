@@ -4,17 +4,30 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 #include "file_meta_store.h"
 
 using TAVO::Backup::GoogleDriveTA::FileMetaStore;
 
+namespace {
+// The run's scratch folder, removed when the run ends: one per run would
+// otherwise pile up in shared memory.
+std::string scratch;
+void removeScratch() {
+    std::error_code ignored;
+    std::filesystem::remove_all(scratch, ignored);
+}
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     // In shared memory: the saves sync, which a disk would make slow.
     static std::string const dir = [] {
         char name[] = "/dev/shm/cache_file_fuzz.XXXXXX";
-        return std::string(mkdtemp(name));
+        scratch = mkdtemp(name);
+        atexit(removeScratch);
+        return scratch;
     }();
     std::string const input = dir + "/input.node";
     std::string const copy = dir + "/copy.node";
