@@ -4,8 +4,10 @@
 //    same file into a fresh session in one PUT;
 //  - the download of that file through drive_agent (MD5 checked) against
 //    `curl -o`.
-// The agent's resident size growth over a transfer is reported as a counter
-// (rss_growth_MiB: its peak minus its size before the first transfer).
+// Counters: agent_over_curl, the median of alternated pairs' ratios (curl's
+// time over the agent's), with agent_over_curl_sums/_min/_max; the CPU
+// seconds per GiB of each side; and rss_growth_MiB, the agent's peak
+// resident size minus its size before the first transfer.
 // Files live under $TMPDIR (default /tmp).
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
@@ -159,15 +161,17 @@ double secondsOf(std::function<void()> const& work) {
 // iteration's time is the agent's; curl's and the ratio are counters.
 class Pairing {
   public:
+    // Pairs timing the drive agent `agent` against curl.
+    explicit Pairing(pid_t agent) : _agentPid(agent) {}
     // One iteration: `agent` and `curl` each return the seconds they timed;
     // which goes first alternates.
-    void time(benchmark::State& state, pid_t agentPid, std::function<double()> const& agent,
+    void time(benchmark::State& state, std::function<double()> const& agent,
               std::function<double()> const& curl) {
         _agentFirst = !_agentFirst;
         auto viaAgent = [&] {
-            double const cpu = cpuSeconds(agentPid);
+            double const cpu = cpuSeconds(_agentPid);
             double const seconds = agent();
-            _agentCpu += cpuSeconds(agentPid) - cpu;
+            _agentCpu += cpuSeconds(_agentPid) - cpu;
             return seconds;
         };
         double agentSeconds = _agentFirst ? viaAgent() : 0;
@@ -180,11 +184,11 @@ class Pairing {
         _curl += curlSeconds;
         _ratios.push_back(curlSeconds / agentSeconds);
     }
-    // agent_over_curl is the median of the pairs' ratios: one pair that met
-    // the other side's writeback (a gigabyte of dirty pages flushed in its
-    // time) moves a ratio of sums by a tenth, the median not at all. The
-    // ratio of the sums and the extreme pairs are reported beside it.
-    void report(benchmark::State& state, pid_t agent, std::int64_t rssBefore) const {
+    // agent_over_curl is the median of the pairs' ratios: single pairs range
+    // from 0.2 to 3 on a shared machine, and one of them moves a ratio of
+    // sums by a tenth, the median not at all. The ratio of the sums and the
+    // extreme pairs are reported beside it.
+    void report(benchmark::State& state, std::int64_t rssBefore) const {
         double mib = double(state.iterations() * kBytes) / (1 << 20);
         std::vector<double> ratios = _ratios;
         std::sort(ratios.begin(), ratios.end());
@@ -197,7 +201,8 @@ class Pairing {
         state.counters["agent_over_curl_sums"] = _curl / _agent;
         state.counters["agent_over_curl_min"] = n ? ratios.front() : 0;
         state.counters["agent_over_curl_max"] = n ? ratios.back() : 0;
-        state.counters["rss_growth_MiB"] = double(statusKiB(agent, "VmHWM:") - rssBefore) / 1024;
+        state.counters["rss_growth_MiB"] =
+            double(statusKiB(_agentPid, "VmHWM:") - rssBefore) / 1024;
         // CPU per GiB moved, the agent's (all its threads) and curl's: far
         // steadier than times on a shared machine.
         double const gib = mib / 1024;
@@ -207,6 +212,7 @@ class Pairing {
     }
 
   private:
+    pid_t _agentPid;
     bool _agentFirst = false;
     double _agent = 0;
     double _curl = 0;
@@ -231,7 +237,7 @@ void BM_Upload(benchmark::State& state) {
     std::int64_t before = statusKiB(agent->pid(), "VmRSS:");
     std::string token = accessToken();
     std::string root = setup().drive->rootId();
-    Pairing pairing;
+    Pairing pairing(agent->pid());
     for (auto _ : state) {
         auto viaAgent = [&] {
             ::sync();
@@ -254,9 +260,9 @@ void BM_Upload(benchmark::State& state) {
                     std::to_string(kBytes) + "' '" + session + "'");
             });
         };
-        pairing.time(state, agent->pid(), viaAgent, viaCurl);
+        pairing.time(state, viaAgent, viaCurl);
     }
-    pairing.report(state, agent->pid(), before);
+    pairing.report(state, before);
 }
 
 // "downloadFile" through drive_agent (checksum checked) against `curl -o` of
@@ -294,9 +300,9 @@ void BM_Download(benchmark::State& state) {
     // bringing it back into memory.
     viaAgent();
     viaCurl();
-    Pairing pairing;
-    for (auto _ : state) pairing.time(state, agent->pid(), viaAgent, viaCurl);
-    pairing.report(state, agent->pid(), before);
+    Pairing pairing(agent->pid());
+    for (auto _ : state) pairing.time(state, viaAgent, viaCurl);
+    pairing.report(state, before);
 }
 
 }  // namespace
