@@ -23,22 +23,34 @@ BackgroundDigest::~BackgroundDigest() {
 }
 
 void BackgroundDigest::add(char const* data, size_t n) {
-    std::unique_lock<std::mutex> lock(_lock);
     while (n > 0) {
-        _hashed.wait(lock, [this] { return _in - _out < _ring.size(); });
-        // Copy into the free part of the ring up to its end; the hashing thread
-        // only reads bytes between _out and _in, so this needs no lock.
-        size_t at = static_cast<size_t>(_in % _ring.size());
-        size_t room = std::min(_ring.size() - static_cast<size_t>(_in - _out), _ring.size() - at);
-        size_t part = std::min(n, room);
-        lock.unlock();
-        std::memcpy(_ring.data() + at, data, part);
-        lock.lock();
-        _in += part;
-        data += part;
-        n -= part;
-        _added.notify_one();
+        size_t room = 0;
+        char* at = reserve(n, room);
+        std::memcpy(at, data, room);
+        commit(room);
+        data += room;
+        n -= room;
     }
+}
+
+char* BackgroundDigest::reserve(size_t want, size_t& room) {
+    std::unique_lock<std::mutex> lock(_lock);
+    _hashed.wait(lock, [this] { return _in - _out < _ring.size(); });
+    // The free part of the ring up to its end: the hashing thread only reads
+    // bytes between _out and _in, so it is the caller's without a lock.
+    size_t at = static_cast<size_t>(_in % _ring.size());
+    room = std::min({std::max<size_t>(want, 1), _ring.size() - static_cast<size_t>(_in - _out),
+                     _ring.size() - at});
+    return _ring.data() + at;
+}
+
+void BackgroundDigest::commit(size_t n) {
+    if (n == 0) return;
+    {
+        std::lock_guard<std::mutex> guard(_lock);
+        _in += n;
+    }
+    _added.notify_one();
 }
 
 void BackgroundDigest::drain(std::unique_lock<std::mutex>& lock) {

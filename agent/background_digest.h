@@ -25,6 +25,13 @@ class BackgroundDigest {
 
     // Queues a copy of the bytes for hashing, after those added before.
     void add(char const* data, size_t n);
+    // Room in the digest's own buffer for the next bytes, so that a caller
+    // can write them there instead of copying them twice: sets `room` to its
+    // size (at least 1, at most `want`) and waits while the buffer is full.
+    // Nothing counts until commit(); the room stays the caller's until then.
+    char* reserve(size_t want, size_t& room);
+    // Queues for hashing the first `n` bytes of the room reserve() gave.
+    void commit(size_t n);
     // Forgets every byte added so far: the digest starts over.
     void reset();
     // The lower-case hex digest of the bytes added since the last reset; waits

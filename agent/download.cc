@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 #include "agent_failure.h"
 #include "background_digest.h"
@@ -46,27 +45,48 @@ class Output {
         _digest.reset();
         _written = 0;
         _used = 0;
+        _room = 0;
     }
     // Takes the next `n` bytes; false when a write failed (see writeErrno).
-    // They reach the file and the digest in blocks of a MiB: curl hands a
-    // fast download over in pieces of about 16 KiB, and a write and a
-    // hand-over to the digest's thread for each cost more than the copy.
+    // They reach the file and the digest in blocks of up to a MiB, gathered
+    // in the digest's own buffer: curl hands a fast download over in pieces
+    // of about 16 KiB, and a write and a hand-over to the digest's thread for
+    // each, or a second copy of every byte, cost more than the hash saves.
     bool append(char const* data, size_t n) {
         while (n > 0) {
-            size_t part = std::min(n, _pending.size() - _used);
-            std::memcpy(_pending.data() + _used, data, part);
+            if (_used == _room) {
+                if (!flushPending()) return false;
+                _block = _digest.reserve(kBlock, _room);
+            }
+            size_t part = std::min(n, _room - _used);
+            std::memcpy(_block + _used, data, part);
             _used += part;
             data += part;
             n -= part;
-            if (_used == _pending.size() && !flushPending()) return false;
         }
         return true;
     }
     // Writes and hashes what append() holds back; false when a write failed.
     bool flushPending() {
-        size_t n = _used;
+        size_t const n = _used;
         _used = 0;
-        return n == 0 || writeOut(_pending.data(), n);
+        _room = 0;
+        if (n == 0) return true;
+        // Hashed while it is written: the digest only reads the block, and
+        // the block is not reused before the next reserve().
+        _digest.commit(n);
+        for (size_t done = 0; done < n;) {
+            ssize_t w =
+                ::pwrite(_fd, _block + done, n - done, _written + static_cast<std::int64_t>(done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) {
+                _write_errno = errno;
+                return false;
+            }
+            done += static_cast<size_t>(w);
+        }
+        _written += static_cast<std::int64_t>(n);
+        return true;
     }
     // Bytes taken so far, those held back included.
     std::int64_t written() const { return _written + static_cast<std::int64_t>(_used); }
@@ -81,28 +101,15 @@ class Output {
     }
 
   private:
-    bool writeOut(char const* data, size_t n) {
-        for (size_t done = 0; done < n;) {
-            ssize_t w =
-                ::pwrite(_fd, data + done, n - done, _written + static_cast<std::int64_t>(done));
-            if (w < 0 && errno == EINTR) continue;
-            if (w <= 0) {
-                _write_errno = errno;
-                return false;
-            }
-            done += static_cast<size_t>(w);
-        }
-        _digest.add(data, n);
-        _written += static_cast<std::int64_t>(n);
-        return true;
-    }
+    static constexpr size_t kBlock = size_t{1} << 20;
 
     std::string _path;
     int _fd = -1;
     BackgroundDigest _digest;
     std::int64_t _written = 0;
     int _write_errno = 0;
-    std::vector<char> _pending = std::vector<char>(size_t{1} << 20);
+    char* _block = nullptr;  // room in the digest's buffer, _used bytes of it taken
+    size_t _room = 0;
     size_t _used = 0;
 };
 

@@ -122,10 +122,11 @@ double cpuSeconds(pid_t pid) {
     return ticks / double(::sysconf(_SC_CLK_TCK));
 }
 
-// CPU seconds of the children waited for so far (curl, through popen).
-double childrenCpuSeconds() {
+// CPU seconds of this process (`RUSAGE_SELF`: the fake serving) or of the
+// children waited for so far (`RUSAGE_CHILDREN`: curl, through popen).
+double rusageCpuSeconds(int who) {
     struct rusage usage {};
-    ::getrusage(RUSAGE_CHILDREN, &usage);
+    ::getrusage(who, &usage);
     auto seconds = [](timeval t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
@@ -170,14 +171,18 @@ class Pairing {
         _agentFirst = !_agentFirst;
         auto viaAgent = [&] {
             double const cpu = cpuSeconds(_agentPid);
+            double const fake = rusageCpuSeconds(RUSAGE_SELF);
             double const seconds = agent();
             _agentCpu += cpuSeconds(_agentPid) - cpu;
+            _fakeCpuForAgent += rusageCpuSeconds(RUSAGE_SELF) - fake;
             return seconds;
         };
         double agentSeconds = _agentFirst ? viaAgent() : 0;
-        double const cpu = childrenCpuSeconds();
+        double const cpu = rusageCpuSeconds(RUSAGE_CHILDREN);
+        double const fake = rusageCpuSeconds(RUSAGE_SELF);
         double curlSeconds = curl();
-        _curlCpu += childrenCpuSeconds() - cpu;
+        _curlCpu += rusageCpuSeconds(RUSAGE_CHILDREN) - cpu;
+        _fakeCpuForCurl += rusageCpuSeconds(RUSAGE_SELF) - fake;
         if (!_agentFirst) agentSeconds = viaAgent();
         state.SetIterationTime(agentSeconds);
         _agent += agentSeconds;
@@ -208,6 +213,8 @@ class Pairing {
         double const gib = mib / 1024;
         state.counters["agent_cpu_s_per_GiB"] = _agentCpu / gib;
         state.counters["curl_cpu_s_per_GiB"] = _curlCpu / gib;
+        state.counters["fake_cpu_s_per_GiB_agent"] = _fakeCpuForAgent / gib;
+        state.counters["fake_cpu_s_per_GiB_curl"] = _fakeCpuForCurl / gib;
         state.SetBytesProcessed(state.iterations() * kBytes);
     }
 
@@ -216,7 +223,7 @@ class Pairing {
     bool _agentFirst = false;
     double _agent = 0;
     double _curl = 0;
-    double _agentCpu = 0, _curlCpu = 0;
+    double _agentCpu = 0, _curlCpu = 0, _fakeCpuForAgent = 0, _fakeCpuForCurl = 0;
     std::vector<double> _ratios;  // curl's seconds over the agent's, a pair each
 };
 
