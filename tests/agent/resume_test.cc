@@ -3,6 +3,7 @@
 // that expire, refused grants and failing requests.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -86,8 +87,18 @@ TEST_F(Transfers, ACreateStoredThenFailedMakesOneObject) {
 
 TEST(BackgroundDigest, StartsOverWhateverItWasStillHashing) {
     DriveAgent::BackgroundDigest digest(EVP_md5());
-    std::string const bulk(3 * MiB, 'x');  // still being hashed when reset comes
-    digest.add(bulk.data(), bulk.size());
+    // Three times round its ring of a MiB, in pieces that straddle its end,
+    // coming slower than they are hashed (as a download's do), so that the
+    // whole ring is free when the end is reached; bytes that differ from one
+    // lap to the next.
+    std::string bulk(3 * MiB, '\0');
+    for (size_t i = 0; i < bulk.size(); ++i) bulk[i] = static_cast<char>(i % 251);
+    for (size_t at = 0; at < bulk.size(); at += 100000) {
+        digest.add(bulk.data() + at, std::min<size_t>(100000, bulk.size() - at));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_EQ("b9e8be962fa541bad8cd7e526acd4ffc", digest.hexDigest());
+    digest.add(bulk.data(), bulk.size());  // still being hashed when reset comes
     digest.reset();
     digest.add("abc", 3);
     EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", digest.hexDigest());
