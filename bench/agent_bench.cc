@@ -2,12 +2,14 @@
 //  - an upload of AGENT_BENCH_MIB (default 1024) MiB through drive_agent
 //    (resumable session, 32 MiB chunks, MD5 checked) against `curl -T` of the
 //    same file into a fresh session in one PUT;
-//  - the download of that file through drive_agent (MD5 checked) against
-//    `curl -o`.
+//  - the download of that file through drive_agent (SHA-256 checked)
+//    against `curl -o`.
 // Counters: agent_over_curl, the median of alternated pairs' ratios (curl's
 // time over the agent's), with agent_over_curl_sums/_min/_max; the CPU
-// seconds per GiB of each side; and rss_growth_MiB, the agent's peak
-// resident size minus its size before the first transfer.
+// seconds per GiB of each side, and the fake's while it serves each
+// (fake_cpu_s_per_GiB_agent, _curl: it shares the cores); and
+// rss_growth_MiB, the agent's peak resident size minus its size before the
+// first transfer.
 // Files live under $TMPDIR (default /tmp).
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>

@@ -85,7 +85,7 @@ TEST_F(Transfers, ACreateStoredThenFailedMakesOneObject) {
     EXPECT_EQ(made[0].id, again["id"].asString());
 }
 
-TEST(BackgroundDigest, StartsOverWhateverItWasStillHashing) {
+TEST(BackgroundDigest, LapsItsRingAndStartsOverWhateverItWasStillHashing) {
     DriveAgent::BackgroundDigest digest(EVP_md5());
     // Three times round its ring of a MiB, in pieces that straddle its end,
     // coming slower than they are hashed (as a download's do), so that the
