@@ -84,14 +84,18 @@ TEST_F(RealService, TransfersGoOnAfterPassingFailuresFromWhereTheyWere) {
     std::string input = scratch + "/in";
     writePattern(input, 40 * MiB);
     auto agent = start({{"TAVO_AGENT_PAUSE_UNIT_MS", "1"}});
-    // The second chunk meets a 429 that asks for a second, then a rate limit.
+    // The second chunk meets a rate limit, the status query after it a 429
+    // that asks for a second. (The fake answers a failing chunk before it
+    // reads the body, so that answer may reach the agent as a cut
+    // connection instead; the bodiless status query's always arrives.)
     fake->addFailure(
-        {"upload chunk", 1, 429, "rateLimitExceeded", "Rate Limit Exceeded", 1, false, 0, 1});
-    fake->addFailure({"upload chunk", 1, 403, "userRateLimitExceeded", "User rate limit"});
+        {"upload chunk", 1, 403, "userRateLimitExceeded", "User rate limit", 0, false, 0, 1});
+    fake->addFailure({"upload chunk", 1, 429, "rateLimitExceeded", "Rate Limit Exceeded", 1});
     auto started = std::chrono::steady_clock::now();
     Json::Value up = agent->transfer(EmulatorTest::upload(drive->rootId(), input, "x")).back();
     ASSERT_TRUE(up["success"].asBool()) << up;
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(950));
+    EXPECT_EQ(2, fake->counters().failuresServed.load());
     EXPECT_EQ(1, fake->counters().sessions.load());
     EXPECT_EQ(fileMd5(input), drive->stat(up["id"].asString()).md5);
 
